@@ -1,0 +1,81 @@
+#pragma once
+
+#include "support/Date.h"
+#include "support/EnumNames.h"
+#include "support/UUID.h"
+
+#include <QString>
+#include <QUrl>
+
+#include <optional>
+#include <vector>
+
+namespace tavelo {
+
+class JsonWriter;
+class JsonValue;
+
+enum class EventKind { event, task };
+TAVELO_STRING_ENUM(EventKind, "event", "task")
+
+enum class EventRecurrence { daily, weekly, monthly };
+TAVELO_STRING_ENUM(EventRecurrence, "daily", "weekly", "monthly")
+
+enum class Availability { busy, free };
+TAVELO_STRING_ENUM(Availability, "busy", "free")
+
+enum class EventVisibility { normal, privateTitle, privateDetails };
+TAVELO_STRING_ENUM(EventVisibility, "normal", "privateTitle", "privateDetails")
+
+enum class GuestStatus { accepted, tentative, declined, pending };
+TAVELO_STRING_ENUM(GuestStatus, "accepted", "tentative", "declined", "pending")
+
+struct Guest {
+    UUID id;
+    QString name;
+    QString email;
+    GuestStatus status = GuestStatus::pending;
+
+    bool operator==(const Guest&) const = default;
+    void encode(JsonWriter& w) const;
+    static Guest decode(const JsonValue& v);
+};
+
+// One event on one calendar. An event written to several calendars is
+// several values sharing a `groupID`.
+struct CalendarEvent {
+    UUID id;
+    UUID groupID;
+    std::optional<UUID> sourceEventID;
+    EventKind kind = EventKind::event;
+    QString title;
+    Date start;
+    Date end;
+    bool isAllDay = false;
+    std::optional<EventRecurrence> recurrence;
+    UUID calendarID;
+    std::optional<UUID> tagID;
+    QString location;
+    QString notes;
+    std::vector<Guest> guests;
+    std::vector<int> notifications;
+    std::optional<QUrl> meetURL;
+    Availability availability = Availability::busy;
+    EventVisibility visibility = EventVisibility::normal;
+    bool isCompleted = false;
+    bool isGeneratedBusyBlock = false;
+    std::optional<QString> externalUID;
+    std::optional<QString> googleEventID;
+    std::optional<QString> googleETag;
+    std::optional<Date> googleUpdatedAt;
+
+    // "tavelo://meet/pending": a conference link has been asked of Google but
+    // is not known yet. Never opened as a link.
+    static const QUrl& pendingMeetURL();
+
+    bool operator==(const CalendarEvent&) const = default;
+    void encode(JsonWriter& w) const;
+    static CalendarEvent decode(const JsonValue& v);
+};
+
+} // namespace tavelo

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "services/CalendarService.h"
+
+#include <QString>
+
+#include <functional>
+#include <optional>
+
+struct sqlite3;
+
+namespace tavelo {
+
+// Failures of the SQLite store. They carry no text of their own: the user
+// sees the generic description.
+class SQLitePersistenceError final : public Error {
+public:
+    enum class Kind { cannotOpen, corrupt, operation };
+    SQLitePersistenceError(Kind kind, std::string detail = {}) : kind_(kind), detail_(std::move(detail)) {}
+
+    Kind kind() const { return kind_; }
+    const std::string& detail() const { return detail_; }
+    const char* domain() const override { return "SQLitePersistenceError"; }
+    int code() const override { return static_cast<int>(kind_); }
+
+private:
+    Kind kind_;
+    std::string detail_;
+};
+
+// The calendar store of one workspace: a SQLite file (still named
+// "state.json" for historical reasons) holding one metadata row and one row
+// per event, each as JSON. A save writes only the rows that changed. An old
+// plain-JSON file is migrated on load; unreadable or newer data is moved to a
+// backup beside the file and an empty state starts instead.
+//
+// Used only from the main thread; its operations never suspend inside a read
+// or a write.
+class LocalCalendarService final : public CalendarService {
+public:
+    using Seed = std::function<AppSnapshot()>;
+    using Now = std::function<Date()>;
+
+    explicit LocalCalendarService(QString fileURL, Seed seed = {}, Now now = {});
+    ~LocalCalendarService() override;
+
+    const QString& fileURL() const { return fileURL_; }
+    const std::optional<AppSnapshot>& cachedSnapshot() const { return cachedSnapshot_; }
+
+    QCoro::Task<CalendarLoadResult> load() override;
+    QCoro::Task<void> save(AppSnapshot snapshot) override;
+    QCoro::Task<std::vector<Account>> fetchAccounts() override;
+    QCoro::Task<std::vector<CalendarSource>> fetchCalendars(std::optional<std::set<UUID>> accountIDs) override;
+    QCoro::Task<std::vector<CalendarEvent>> fetchEvents(CalendarEventQuery query) override;
+    QCoro::Task<std::vector<CalendarEvent>> createEvents(std::vector<CalendarEvent> events) override;
+    QCoro::Task<std::vector<CalendarEvent>> updateEvents(UUID groupID, std::vector<CalendarEvent> events) override;
+    QCoro::Task<std::vector<CalendarEvent>> deleteEvents(UUID groupID) override;
+    QCoro::Task<std::vector<CalendarBusyInterval>> freeBusy(std::set<UUID> calendarIDs, DateInterval interval,
+                                                            std::optional<UUID> excludingGroupID) override;
+
+    // Counters of the last successful save, for benchmarks and diagnostics.
+    struct WriteStats {
+        int eventRowsWritten = 0;
+        int eventRowsDeleted = 0;
+        int metadataRowsWritten = 0;
+    };
+    const WriteStats& lastWriteStats() const { return lastWriteStats_; }
+
+private:
+    // Implementation lives in the .cpp.
+    QString fileURL_;
+    Seed seed_;
+    Now now_;
+    std::optional<AppSnapshot> cachedSnapshot_;
+    WriteStats lastWriteStats_;
+};
+
+} // namespace tavelo
