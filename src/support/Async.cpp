@@ -1,6 +1,7 @@
 #include "support/Async.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QMetaObject>
 #include <QTimer>
 
@@ -67,6 +68,16 @@ void AsyncFifoLock::release() {
     waiters_.pop_front();
     next.continuation.resume(true);
 }
+
+namespace detail {
+
+void runNestedLoopUntil(const std::function<bool()>& finished, std::function<void(std::function<void()>)> start) {
+    QEventLoop loop;
+    start([&loop] { loop.quit(); });
+    if (!finished()) loop.exec();
+}
+
+} // namespace detail
 
 Clock systemClock() {
     return [] { return Date::now(); };

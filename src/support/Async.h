@@ -104,11 +104,14 @@ class BackgroundTask {
 
 public:
     // `body` receives the task's stop token and returns the coroutine to run.
+    // The body is kept alive until the coroutine ends, so a coroutine lambda
+    // may use its captures after suspending.
     template <class Body>
-    static BackgroundTask start(Body&& body) {
+    static BackgroundTask start(Body body) {
         BackgroundTask task;
         auto state = task.state_;
-        runBody(state, body(state->source.get_token()));
+        auto holder = std::make_shared<Body>(std::move(body));
+        runBody(state, holder, (*holder)(state->source.get_token()));
         return task;
     }
 
@@ -130,7 +133,8 @@ public:
 private:
     BackgroundTask() : state_(std::make_shared<State>()) {}
 
-    static QCoro::Task<void> runBody(std::shared_ptr<State> state, QCoro::Task<T> body) {
+    static QCoro::Task<void> runBody(std::shared_ptr<State> state, std::shared_ptr<void> keepAlive,
+                                     QCoro::Task<T> body) {
         try {
             state->value = co_await std::move(body);
         } catch (...) {
@@ -142,6 +146,42 @@ private:
 
     std::shared_ptr<State> state_;
 };
+
+// Runs the event loop until `task` finishes and returns its value, or
+// rethrows its failure. (QCoro's own waitFor never returns when the awaited
+// task throws.) For tests and for start-up code outside any coroutine.
+template <class T>
+T syncWait(QCoro::Task<T>& task);
+template <class T>
+T syncWait(QCoro::Task<T>&& task) { return syncWait(task); }
+
+namespace detail {
+void runNestedLoopUntil(const std::function<bool()>& finished, std::function<void(std::function<void()>)> start);
+}
+
+template <class T>
+T syncWait(QCoro::Task<T>& task) {
+    std::optional<std::conditional_t<std::is_void_v<T>, bool, T>> value;
+    std::exception_ptr error;
+    bool done = false;
+    auto runner = [&](std::function<void()> quit) -> QCoro::Task<void> {
+        try {
+            if constexpr (std::is_void_v<T>) {
+                co_await task;
+                value = true;
+            } else {
+                value = co_await task;
+            }
+        } catch (...) {
+            error = std::current_exception();
+        }
+        done = true;
+        quit();
+    };
+    detail::runNestedLoopUntil([&] { return done; }, [&](std::function<void()> quit) { runner(std::move(quit)); });
+    if (error) std::rethrow_exception(error);
+    if constexpr (!std::is_void_v<T>) return std::move(*value);
+}
 
 // Injected time: tests pass their own so that nothing waits for real.
 using Clock = std::function<Date()>;
