@@ -1,0 +1,61 @@
+#include "google/GoogleOAuthConfiguration.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+using namespace tavelo;
+
+namespace {
+
+class GoogleOAuthConfigurationTest : public ::testing::Test {
+protected:
+    QString write(const QByteArray& content) {
+        const QString path = dir.filePath(QStringLiteral("google-oauth.json"));
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(content);
+        return path;
+    }
+    QTemporaryDir dir;
+};
+
+} // namespace
+
+TEST_F(GoogleOAuthConfigurationTest, LoadsTheTwoKeysExactlyAsWritten) {
+    const auto config = GoogleOAuthConfiguration::load(
+        write(R"({"client_secret":"s3cret","client_id":"123-abc.apps.googleusercontent.com"})"));
+    EXPECT_EQ(config.clientID, QStringLiteral("123-abc.apps.googleusercontent.com"));
+    EXPECT_EQ(config.clientSecret, QStringLiteral("s3cret"));
+}
+
+TEST_F(GoogleOAuthConfigurationTest, EveryFaultIsTheSameInvalidConfiguration) {
+    const QByteArray rejected[] = {
+        "",
+        "not json",
+        R"(["123.apps.googleusercontent.com","s"])",
+        R"({"client_id":"123.apps.googleusercontent.com"})",
+        R"({"client_id":"123.apps.googleusercontent.com","client_secret":"s","redirect_uris":[]})",
+        R"({"installed":{"client_id":"123.apps.googleusercontent.com","client_secret":"s"}})",
+        R"({"client_id":"123.apps.example.com","client_secret":"s"})",
+        R"({"client_id":" 123.apps.googleusercontent.com","client_secret":"s"})",
+        R"({"client_id":"123.apps.googleusercontent.com\n","client_secret":"s"})",
+        R"({"client_id":"123.apps.googleusercontent.com","client_secret":""})",
+        R"({"client_id":"123.apps.googleusercontent.com","client_secret":"s "})",
+        R"({"client_id":123,"client_secret":"s"})",
+        R"({"client_id":"123.apps.googleusercontent.com","client_secret":null})",
+        R"({"client_id":"a.apps.googleusercontent.com","client_id":"b.apps.googleusercontent.com"})",
+    };
+    for (const auto& content : rejected) {
+        SCOPED_TRACE(content.toStdString());
+        try {
+            GoogleOAuthConfiguration::load(write(content));
+            ADD_FAILURE() << "accepted";
+        } catch (const GoogleOAuthConfigurationError& e) {
+            EXPECT_EQ(e.errorDescription(), QStringLiteral("The Google OAuth configuration is invalid."));
+        }
+    }
+    EXPECT_THROW(GoogleOAuthConfiguration::load(dir.filePath(QStringLiteral("missing.json"))),
+                 GoogleOAuthConfigurationError);
+}
