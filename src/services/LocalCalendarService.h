@@ -28,6 +28,27 @@ private:
     std::string detail_;
 };
 
+// A failed file-system step of the store: creating the directory, reading the
+// state file, moving it to a backup, copying or replacing it. `posixError` is
+// the errno of the failed call, when there was one.
+class FileSystemError final : public Error {
+public:
+    enum class Operation { createDirectory, open, read, move, copy, replace };
+    FileSystemError(Operation operation, QString path, int posixError = 0)
+        : operation_(operation), path_(std::move(path)), posixError_(posixError) {}
+
+    Operation operation() const { return operation_; }
+    const QString& path() const { return path_; }
+    int posixError() const { return posixError_; }
+    const char* domain() const override { return "FileSystemError"; }
+    int code() const override { return posixError_; }
+
+private:
+    Operation operation_;
+    QString path_;
+    int posixError_;
+};
+
 // The calendar store of one workspace: a SQLite file (still named
 // "state.json" for historical reasons) holding one metadata row and one row
 // per event, each as JSON. A save writes only the rows that changed. An old
@@ -67,8 +88,14 @@ public:
     const WriteStats& lastWriteStats() const { return lastWriteStats_; }
 
 private:
-    // Implementation lives in the .cpp.
+    CalendarLoadResult loadFromDisk();
+    CalendarLoadResult recover(const char* label, std::optional<std::int64_t> unsupportedVersion);
+    void write(const AppSnapshot& snapshot, const AppSnapshot* previous);
+    void replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats);
+    QString backupPath(const char* label) const;
+
     QString fileURL_;
+    QString path_;
     Seed seed_;
     Now now_;
     std::optional<AppSnapshot> cachedSnapshot_;

@@ -3,6 +3,7 @@
 #include <QRandomGenerator>
 #include <QString>
 
+#include <array>
 #include <cstdlib>
 
 namespace tavelo {
@@ -10,14 +11,18 @@ namespace tavelo {
 namespace {
 
 constexpr char kHex[] = "0123456789ABCDEF";
-constexpr bool isDashPosition(std::size_t i) { return i == 8 || i == 13 || i == 18 || i == 23; }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
+// -1 for anything that is not a hexadecimal digit.
+constexpr auto kHexValues = [] {
+    std::array<std::int8_t, 256> table{};
+    for (auto& v : table) v = -1;
+    for (int c = '0'; c <= '9'; ++c) table[c] = static_cast<std::int8_t>(c - '0');
+    for (int c = 'A'; c <= 'F'; ++c) table[c] = static_cast<std::int8_t>(c - 'A' + 10);
+    for (int c = 'a'; c <= 'f'; ++c) table[c] = static_cast<std::int8_t>(c - 'a' + 10);
+    return table;
+}();
+
+int hexValue(char c) { return kHexValues[static_cast<unsigned char>(c)]; }
 
 } // namespace
 
@@ -34,19 +39,15 @@ UUID UUID::random() {
 
 std::optional<UUID> UUID::fromString(std::string_view text) {
     if (text.size() != 36) return std::nullopt;
+    if (text[8] != '-' || text[13] != '-' || text[18] != '-' || text[23] != '-') return std::nullopt;
+    // Where the two digits of each byte start.
+    static constexpr std::array<std::uint8_t, 16> kOffsets = {0, 2, 4, 6, 9, 11, 14, 16, 19, 21, 24, 26, 28, 30, 32, 34};
     Bytes bytes{};
-    std::size_t byte = 0;
-    for (std::size_t i = 0; i < 36;) {
-        if (isDashPosition(i)) {
-            if (text[i] != '-') return std::nullopt;
-            ++i;
-            continue;
-        }
-        const int hi = hexValue(text[i]);
-        const int lo = hexValue(text[i + 1]);
-        if (hi < 0 || lo < 0 || isDashPosition(i + 1)) return std::nullopt;
-        bytes[byte++] = static_cast<std::uint8_t>(hi << 4 | lo);
-        i += 2;
+    for (std::size_t i = 0; i < 16; ++i) {
+        const int hi = hexValue(text[kOffsets[i]]);
+        const int lo = hexValue(text[kOffsets[i] + 1]);
+        if ((hi | lo) < 0) return std::nullopt;
+        bytes[i] = static_cast<std::uint8_t>(hi << 4 | lo);
     }
     return UUID(bytes);
 }

@@ -1,0 +1,653 @@
+// The SQLite calendar store. The file is a document store: one metadata row
+// holds the snapshot without its events plus the order of the events, and one
+// row per event holds that event, all as JSON. A save compares the new
+// snapshot with the previous one and touches only the rows that changed.
+//
+// Everything below the coroutine operations runs synchronously: there is no
+// suspension point inside a read or a write.
+
+#include "services/LocalCalendarService.h"
+
+#include "support/JsonReader.h"
+#include "support/JsonWriter.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QUrl>
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace tavelo {
+
+namespace {
+
+using Kind = SQLitePersistenceError::Kind;
+
+constexpr const char* kSchema =
+    "CREATE TABLE metadata (\n    id INTEGER PRIMARY KEY CHECK (id = 1),\n    payload BLOB NOT NULL\n);\n"
+    "CREATE TABLE events (\n    id TEXT PRIMARY KEY,\n    payload BLOB NOT NULL\n);";
+constexpr const char* kReadMetadata = "SELECT payload FROM metadata WHERE id = 1";
+constexpr const char* kReadEvents = "SELECT payload FROM events";
+constexpr const char* kWriteMetadata =
+    "INSERT INTO metadata(id, payload) VALUES(1, ?) ON CONFLICT(id) DO UPDATE SET payload = excluded.payload";
+constexpr const char* kWriteEvent =
+    "INSERT INTO events(id, payload) VALUES(?, ?) ON CONFLICT(id) DO UPDATE SET payload = excluded.payload";
+constexpr const char* kDeleteEvent = "DELETE FROM events WHERE id = ?";
+
+constexpr std::int64_t kCurrentVersion = AppSnapshot::kCurrentVersion;
+
+// Versions compare as unsigned numbers, so a negative one counts as newer.
+bool isUnsupported(std::int64_t version) {
+    return static_cast<std::uint64_t>(version) > static_cast<std::uint64_t>(kCurrentVersion);
+}
+
+// --- records of the file format ----------------------------------------------
+
+// The metadata row: the snapshot with its events emptied, and the event ids in
+// snapshot order.
+struct SQLiteMetadata {
+    AppSnapshot snapshot;
+    std::vector<UUID> eventOrder;
+
+    void encode(JsonWriter& w) const {
+        w.beginObject();
+        writeField(w, "snapshot", snapshot);
+        writeField(w, "eventOrder", eventOrder);
+        w.endObject();
+    }
+    static SQLiteMetadata decode(const JsonValue& v) {
+        const auto o = v.object();
+        return SQLiteMetadata{
+            .snapshot = required<AppSnapshot>(o, "snapshot"),
+            .eventOrder = required<std::vector<UUID>>(o, "eventOrder"),
+        };
+    }
+};
+
+// Reads only the version of an old-format JSON file, before anything else of
+// it is decoded.
+struct SnapshotVersion {
+    std::int64_t version = 0;
+
+    static SnapshotVersion decode(const JsonValue& v) {
+        return SnapshotVersion{.version = required<std::int64_t>(v.object(), "version")};
+    }
+};
+
+// --- file system --------------------------------------------------------------
+
+QByteArray nativePath(const QString& path) { return QFile::encodeName(path); }
+
+// True when the file starts with the 16 bytes "SQLite format 3\0". A shorter
+// file is not a database; a file that cannot be opened is an error.
+bool isSQLiteDatabase(const QString& path) {
+    static constexpr char kMagic[16] = {'S', 'Q', 'L', 'i', 't', 'e', ' ', 'f',
+                                        'o', 'r', 'm', 'a', 't', ' ', '3', '\0'};
+    const int fd = ::open(nativePath(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw FileSystemError(FileSystemError::Operation::open, path, errno);
+    char header[16];
+    std::size_t filled = 0;
+    int readError = 0;
+    while (filled < sizeof header) {
+        const auto n = ::read(fd, header + filled, sizeof header - filled);
+        if (n > 0) {
+            filled += static_cast<std::size_t>(n);
+        } else if (n == 0) {
+            break;
+        } else if (errno != EINTR) {
+            readError = errno;
+            break;
+        }
+    }
+    ::close(fd);
+    if (readError) throw FileSystemError(FileSystemError::Operation::read, path, readError);
+    return filled == sizeof header && std::memcmp(header, kMagic, sizeof header) == 0;
+}
+
+QByteArray readWholeFile(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) throw FileSystemError(FileSystemError::Operation::open, path, errno);
+    QByteArray bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError) throw FileSystemError(FileSystemError::Operation::read, path, errno);
+    return bytes;
+}
+
+// Moves a file to a name that must not exist yet.
+void moveItem(const QString& from, const QString& to) {
+    const auto source = nativePath(from);
+    const auto target = nativePath(to);
+    if (::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0) return;
+    int error = errno;
+    if (error == EINVAL || error == ENOSYS) {
+        // The file system cannot refuse to replace; check by hand.
+        if (::access(target.constData(), F_OK) == 0) throw FileSystemError(FileSystemError::Operation::move, to, EEXIST);
+        if (::rename(source.constData(), target.constData()) == 0) return;
+        error = errno;
+    }
+    throw FileSystemError(FileSystemError::Operation::move, to, error);
+}
+
+// Atomically puts `replacement` in the place of `target`.
+void replaceItem(const QString& target, const QString& replacement) {
+    if (::rename(nativePath(replacement).constData(), nativePath(target).constData()) != 0)
+        throw FileSystemError(FileSystemError::Operation::replace, target, errno);
+}
+
+void copyItem(const QString& from, const QString& to) {
+    if (!QFile::copy(from, to)) throw FileSystemError(FileSystemError::Operation::copy, to);
+}
+
+// --- SQLite handles -------------------------------------------------------------
+
+bool isTransient(int resultCode) {
+    const int primary = resultCode & 0xFF;
+    return primary == SQLITE_BUSY || primary == SQLITE_LOCKED || primary == SQLITE_NOMEM;
+}
+
+class Connection {
+public:
+    Connection(const QString& path, int flags) {
+        const int rc = sqlite3_open_v2(nativePath(path).constData(), &db_, flags, nullptr);
+        if (rc != SQLITE_OK || !db_) {
+            std::string detail = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
+            close();
+            throw SQLitePersistenceError(Kind::cannotOpen, std::move(detail));
+        }
+    }
+    ~Connection() { close(); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    sqlite3* get() const { return db_; }
+    std::string message() const { return sqlite3_errmsg(db_); }
+
+    void execute(const char* sql) {
+        if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK)
+            throw SQLitePersistenceError(Kind::operation, std::string(sql) + ": " + message());
+    }
+
+    void close() {
+        if (db_) sqlite3_close_v2(std::exchange(db_, nullptr));
+    }
+
+private:
+    sqlite3* db_ = nullptr;
+};
+
+class Statement {
+public:
+    // `failure` says what a failed prepare means: corrupt content when
+    // reading, a failed operation when writing.
+    Statement(Connection& connection, const char* sql, Kind failure) : connection_(connection), sql_(sql) {
+        const int rc = sqlite3_prepare_v2(connection.get(), sql, -1, &stmt_, nullptr);
+        if (rc != SQLITE_OK || !stmt_) {
+            if (failure == Kind::corrupt && isTransient(rc)) failure = Kind::operation;
+            throw SQLitePersistenceError(failure, std::string("prepare ") + sql + ": " + connection.message());
+        }
+    }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    sqlite3_stmt* get() const { return stmt_; }
+
+    void bindText(int index, std::string_view text) {
+        check(sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT));
+    }
+    void bindBlob(int index, std::string_view bytes) {
+        check(sqlite3_bind_blob(stmt_, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_TRANSIENT));
+    }
+    // Runs a statement that returns no rows, then makes it ready for the next
+    // bindings.
+    void run() {
+        if (sqlite3_step(stmt_) != SQLITE_DONE) fail("step");
+        sqlite3_reset(stmt_);
+    }
+
+private:
+    void check(int rc) {
+        if (rc != SQLITE_OK) fail("bind");
+    }
+    [[noreturn]] void fail(const char* what) {
+        throw SQLitePersistenceError(Kind::operation, std::string(what) + " " + sql_ + ": " + connection_.message());
+    }
+
+    Connection& connection_;
+    const char* sql_;
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+// A failure while reading: the content cannot be trusted, unless SQLite only
+// could not get at it right now (locked, out of memory).
+[[noreturn]] void failRead(const Connection& connection, int rc, std::string what) {
+    throw SQLitePersistenceError(isTransient(rc) ? Kind::operation : Kind::corrupt, what + ": " + connection.message());
+}
+
+[[noreturn]] void corrupt(std::string what) { throw SQLitePersistenceError(Kind::corrupt, std::move(what)); }
+
+std::string_view columnBytes(sqlite3_stmt* stmt) {
+    const void* data = sqlite3_column_blob(stmt, 0);
+    const int size = sqlite3_column_bytes(stmt, 0);
+    if (!data || size <= 0) return {};
+    return {static_cast<const char*>(data), static_cast<std::size_t>(size)};
+}
+
+// --- read -----------------------------------------------------------------------
+
+AppSnapshot readDatabase(const QString& path) {
+    Connection db(path, SQLITE_OPEN_READONLY);
+    JsonDocumentParser parser;
+
+    SQLiteMetadata metadata;
+    {
+        Statement query(db, kReadMetadata, Kind::corrupt);
+        const int rc = sqlite3_step(query.get());
+        if (rc == SQLITE_DONE) corrupt("no metadata row");
+        if (rc != SQLITE_ROW) failRead(db, rc, "read metadata");
+        const auto payload = columnBytes(query.get());
+        if (payload.empty()) corrupt("empty metadata payload");
+        try {
+            metadata = parser.decode<SQLiteMetadata>(payload);
+        } catch (const JsonDecodingError& error) {
+            corrupt(std::string("metadata: ") + error.what());
+        }
+    }
+
+    // Each row goes straight to its place in the event order. Every event
+    // must be listed once in the order and stored in exactly one row.
+    const auto& order = metadata.eventOrder;
+    std::unordered_map<UUID, std::size_t> position;
+    position.reserve(order.size());
+    for (std::size_t i = 0; i < order.size(); ++i)
+        if (!position.try_emplace(order[i], i).second) corrupt("event listed twice " + order[i].toStdString());
+
+    auto& events = metadata.snapshot.events;
+    events.clear();
+    events.resize(order.size());
+    std::vector<bool> filled(order.size(), false);
+    std::size_t rows = 0;
+    {
+        Statement query(db, kReadEvents, Kind::corrupt);
+        CalendarEvent event;
+        int rc;
+        while ((rc = sqlite3_step(query.get())) == SQLITE_ROW) {
+            const auto payload = columnBytes(query.get());
+            if (payload.empty()) corrupt("empty event payload");
+            try {
+                event = parser.decode<CalendarEvent>(payload);
+            } catch (const JsonDecodingError& error) {
+                corrupt(std::string("event: ") + error.what());
+            }
+            const auto found = position.find(event.id);
+            if (found == position.end()) corrupt("event not in the order " + event.id.toStdString());
+            // The row key and the payload can disagree, so two rows may carry
+            // the same event.
+            if (filled[found->second]) corrupt("duplicate event " + event.id.toStdString());
+            filled[found->second] = true;
+            events[found->second] = std::move(event);
+            ++rows;
+        }
+        if (rc != SQLITE_DONE) failRead(db, rc, "read events");
+    }
+    if (rows != order.size()) corrupt("event rows do not match the event order");
+    return std::move(metadata.snapshot);
+}
+
+// --- write ----------------------------------------------------------------------
+
+AppSnapshot withoutEvents(const AppSnapshot& snapshot) {
+    return AppSnapshot(snapshot.version, snapshot.accounts, snapshot.calendars, {}, snapshot.tags,
+                       snapshot.preferences, snapshot.googleSyncStates);
+}
+
+// Upserts and deletes single event rows, each statement prepared on first
+// use and finalized with the writer.
+class EventRows {
+public:
+    EventRows(Connection& db, LocalCalendarService::WriteStats& stats) : db_(db), stats_(stats) {}
+
+    void upsert(const CalendarEvent& event) {
+        if (!upsert_) upsert_.emplace(db_, kWriteEvent, Kind::operation);
+        char id[36];
+        event.id.write(id);
+        buffer_.clear();
+        JsonWriter w(buffer_);
+        event.encode(w);
+        upsert_->bindText(1, std::string_view(id, sizeof id));
+        upsert_->bindBlob(2, buffer_);
+        upsert_->run();
+        ++stats_.eventRowsWritten;
+    }
+
+    void remove(const UUID& eventID) {
+        if (!remove_) remove_.emplace(db_, kDeleteEvent, Kind::operation);
+        char id[36];
+        eventID.write(id);
+        remove_->bindText(1, std::string_view(id, sizeof id));
+        remove_->run();
+        ++stats_.eventRowsDeleted;
+    }
+
+private:
+    Connection& db_;
+    LocalCalendarService::WriteStats& stats_;
+    std::optional<Statement> upsert_;
+    std::optional<Statement> remove_;
+    std::string buffer_;
+};
+
+[[noreturn]] void duplicateEvent(const UUID& id) {
+    // Two events with one id would share a row and the file would no longer
+    // read back; refuse the save rather than store that.
+    throw SQLitePersistenceError(Kind::operation, "two events share the id " + id.toStdString());
+}
+
+// Upserts every event of `current` that is new or differs from its value in
+// `old`, and deletes the rows of events that are gone.
+void writeEventChanges(const std::vector<CalendarEvent>& old, const std::vector<CalendarEvent>& current,
+                       EventRows& rows) {
+    // Most saves keep the order of the events, so pair them by position
+    // first and look up by id only what is left over.
+    std::vector<bool> oldPaired(old.size(), false);
+    std::vector<std::size_t> leftOver;
+    const auto common = std::min(old.size(), current.size());
+    for (std::size_t i = 0; i < common; ++i) {
+        if (old[i].id != current[i].id) {
+            leftOver.push_back(i);
+            continue;
+        }
+        oldPaired[i] = true;
+        if (!(old[i] == current[i])) rows.upsert(current[i]);
+    }
+    for (std::size_t i = common; i < current.size(); ++i) leftOver.push_back(i);
+
+    if (!leftOver.empty()) {
+        std::unordered_map<UUID, std::size_t> oldIndex;
+        oldIndex.reserve(old.size());
+        for (std::size_t k = 0; k < old.size(); ++k) oldIndex.try_emplace(old[k].id, k);
+        std::unordered_set<UUID> seen;
+        seen.reserve(leftOver.size());
+        for (const auto i : leftOver) {
+            const auto& event = current[i];
+            if (!seen.insert(event.id).second) duplicateEvent(event.id);
+            const auto found = oldIndex.find(event.id);
+            if (found != oldIndex.end()) {
+                // Already paired by position: the id is in `current` twice.
+                if (oldPaired[found->second]) duplicateEvent(event.id);
+                oldPaired[found->second] = true;
+                if (old[found->second] == event) continue;
+            }
+            rows.upsert(event);
+        }
+    }
+
+    std::vector<std::size_t> gone;
+    for (std::size_t k = 0; k < old.size(); ++k)
+        if (!oldPaired[k]) gone.push_back(k);
+    if (gone.empty()) return;
+    // Checked against every current id, so that a row is never deleted
+    // while an event still uses it, nor deleted twice.
+    std::unordered_set<UUID> kept;
+    kept.reserve(current.size() + gone.size());
+    for (const auto& event : current) kept.insert(event.id);
+    for (const auto k : gone)
+        if (kept.insert(old[k].id).second) rows.remove(old[k].id);
+}
+
+void writeDatabase(const AppSnapshot& snapshot, const AppSnapshot* previous, Connection& db,
+                   LocalCalendarService::WriteStats& stats) {
+    db.execute("BEGIN IMMEDIATE");
+    try {
+        {
+            SQLiteMetadata metadata{.snapshot = withoutEvents(snapshot), .eventOrder = {}};
+            metadata.eventOrder.reserve(snapshot.events.size());
+            for (const auto& event : snapshot.events) metadata.eventOrder.push_back(event.id);
+            std::string payload;
+            payload.reserve(4096 + 39 * snapshot.events.size());
+            JsonWriter w(payload);
+            metadata.encode(w);
+            Statement upsert(db, kWriteMetadata, Kind::operation);
+            upsert.bindBlob(1, payload);
+            upsert.run();
+            stats.metadataRowsWritten = 1;
+        }
+
+        static const std::vector<CalendarEvent> kNoEvents;
+        EventRows rows(db, stats);
+        writeEventChanges(previous ? previous->events : kNoEvents, snapshot.events, rows);
+        db.execute("COMMIT");
+    } catch (...) {
+        sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+}
+
+} // namespace
+
+// --- LocalCalendarService -----------------------------------------------------------
+
+LocalCalendarService::LocalCalendarService(QString fileURL, Seed seed, Now now)
+    : fileURL_(std::move(fileURL)), seed_(seed ? std::move(seed) : Seed(&AppSnapshot::empty)),
+      now_(now ? std::move(now) : Now(&Date::now)) {
+    const QUrl url(fileURL_);
+    path_ = url.isLocalFile() ? url.toLocalFile() : fileURL_;
+}
+
+LocalCalendarService::~LocalCalendarService() = default;
+
+QString LocalCalendarService::backupPath(const char* label) const {
+    const QFileInfo info(path_);
+    return info.dir().filePath(QStringLiteral("%1.%2.%3.%4.json")
+                                   .arg(info.completeBaseName())
+                                   .arg(now_().unixMilliseconds())
+                                   .arg(UUID::random().toString(), QString::fromLatin1(label)));
+}
+
+CalendarLoadResult LocalCalendarService::recover(const char* label, std::optional<std::int64_t> unsupportedVersion) {
+    const QString backup = backupPath(label);
+    moveItem(path_, backup);
+    AppSnapshot seed = seed_();
+    cachedSnapshot_ = seed;
+    auto warning = unsupportedVersion ? CalendarServiceWarning::unsupportedVersion(*unsupportedVersion, backup)
+                                      : CalendarServiceWarning::corruptData(backup);
+    return CalendarLoadResult{std::move(seed), std::move(warning)};
+}
+
+CalendarLoadResult LocalCalendarService::loadFromDisk() {
+    if (cachedSnapshot_) return CalendarLoadResult{*cachedSnapshot_, std::nullopt};
+
+    if (!QFileInfo::exists(path_)) {
+        cachedSnapshot_ = seed_();
+        return CalendarLoadResult{*cachedSnapshot_, std::nullopt};
+    }
+
+    if (isSQLiteDatabase(path_)) {
+        AppSnapshot snapshot;
+        try {
+            snapshot = readDatabase(path_);
+        } catch (const SQLitePersistenceError& error) {
+            if (error.kind() != Kind::corrupt) throw;
+            return recover("corrupt", std::nullopt);
+        }
+        if (isUnsupported(snapshot.version)) return recover("unsupported", snapshot.version);
+        snapshot.version = AppSnapshot::kCurrentVersion;
+        cachedSnapshot_ = snapshot;
+        return CalendarLoadResult{std::move(snapshot), std::nullopt};
+    }
+
+    // The old format: one JSON document.
+    const QByteArray bytes = readWholeFile(path_);
+    const std::string_view text(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    AppSnapshot migrated;
+    try {
+        JsonDocumentParser parser;
+        const auto version = parser.decode<SnapshotVersion>(text).version;
+        if (isUnsupported(version)) return recover("unsupported", version);
+        migrated = parser.decode<AppSnapshot>(text);
+    } catch (const JsonDecodingError&) {
+        return recover("corrupt", std::nullopt);
+    }
+    migrated.version = AppSnapshot::kCurrentVersion;
+    cachedSnapshot_ = migrated;
+    if (!isSQLiteDatabase(path_)) write(migrated, nullptr);
+    return CalendarLoadResult{std::move(migrated), std::nullopt};
+}
+
+void LocalCalendarService::write(const AppSnapshot& snapshot, const AppSnapshot* previous) {
+    const QFileInfo info(path_);
+    if (!QDir().mkpath(info.absolutePath()))
+        throw FileSystemError(FileSystemError::Operation::createDirectory, info.absolutePath(), errno);
+
+    WriteStats stats;
+    if (info.exists() && isSQLiteDatabase(path_)) {
+        std::optional<AppSnapshot> stored;
+        if (!previous) previous = &stored.emplace(readDatabase(path_));
+        Connection db(path_, SQLITE_OPEN_READWRITE);
+        writeDatabase(snapshot, previous, db, stats);
+    } else {
+        replaceWithDatabase(snapshot, stats);
+    }
+    lastWriteStats_ = stats;
+}
+
+void LocalCalendarService::replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats) {
+    const QFileInfo info(path_);
+    const bool existed = info.exists();
+    const QString temporary =
+        info.dir().filePath(QStringLiteral(".%1.%2.tmp").arg(info.fileName(), UUID::random().toString()));
+
+    std::optional<Connection> db;
+    db.emplace(temporary, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE);
+    try {
+        db->execute(kSchema);
+        writeDatabase(snapshot, nullptr, *db, stats);
+        db.reset();
+        if (!existed) {
+            moveItem(temporary, path_);
+        } else {
+            copyItem(path_, backupPath("legacy"));
+            replaceItem(path_, temporary);
+        }
+    } catch (...) {
+        db.reset();
+        // Best effort: the original failure is what the caller needs to see.
+        QFile::remove(temporary);
+        QFile::remove(temporary + QStringLiteral("-journal"));
+        throw;
+    }
+}
+
+// --- operations -------------------------------------------------------------------
+
+namespace {
+
+// QCoro's promise takes an lvalue given to `co_return` by forwarding
+// reference and moves from it, which would empty the cache. Returning a
+// temporary copy keeps the cache intact.
+template <class T>
+T copyOf(const T& value) {
+    return value;
+}
+
+} // namespace
+
+QCoro::Task<CalendarLoadResult> LocalCalendarService::load() { co_return loadFromDisk(); }
+
+QCoro::Task<void> LocalCalendarService::save(AppSnapshot snapshot) {
+    snapshot.version = AppSnapshot::kCurrentVersion;
+    write(snapshot, cachedSnapshot_ ? &*cachedSnapshot_ : nullptr);
+    cachedSnapshot_ = std::move(snapshot);
+    co_return;
+}
+
+QCoro::Task<std::vector<Account>> LocalCalendarService::fetchAccounts() {
+    if (!cachedSnapshot_) co_await load();
+    co_return copyOf(cachedSnapshot_->accounts);
+}
+
+QCoro::Task<std::vector<CalendarSource>> LocalCalendarService::fetchCalendars(std::optional<std::set<UUID>> accountIDs) {
+    if (!cachedSnapshot_) co_await load();
+    if (!accountIDs) co_return copyOf(cachedSnapshot_->calendars);
+    std::vector<CalendarSource> result;
+    for (const auto& calendar : cachedSnapshot_->calendars)
+        if (calendar.accountID && accountIDs->contains(*calendar.accountID)) result.push_back(calendar);
+    co_return result;
+}
+
+namespace {
+
+bool matches(const CalendarEvent& event, const CalendarEventQuery& query) {
+    if (query.calendarIDs && !query.calendarIDs->contains(event.calendarID)) return false;
+    if (query.interval && (event.start >= query.interval->end || event.end <= query.interval->start)) return false;
+    return query.includesGeneratedBusyBlocks || !event.isGeneratedBusyBlock;
+}
+
+} // namespace
+
+QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::fetchEvents(CalendarEventQuery query) {
+    if (!cachedSnapshot_) co_await load();
+    std::vector<CalendarEvent> result;
+    for (const auto& event : cachedSnapshot_->events)
+        if (matches(event, query)) result.push_back(event);
+    co_return result;
+}
+
+QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::createEvents(std::vector<CalendarEvent> events) {
+    if (!cachedSnapshot_) co_await load();
+    AppSnapshot snapshot = *cachedSnapshot_;
+    snapshot.events.insert(snapshot.events.end(), std::make_move_iterator(events.begin()),
+                           std::make_move_iterator(events.end()));
+    co_await save(std::move(snapshot));
+    co_return copyOf(cachedSnapshot_->events);
+}
+
+QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::updateEvents(UUID groupID, std::vector<CalendarEvent> events) {
+    if (!cachedSnapshot_) co_await load();
+    AppSnapshot snapshot = *cachedSnapshot_;
+    auto& list = snapshot.events;
+    const auto inGroup = [&](const CalendarEvent& event) { return event.groupID == groupID; };
+    const auto index = static_cast<std::size_t>(std::find_if(list.begin(), list.end(), inGroup) - list.begin());
+    std::erase_if(list, inGroup);
+    const auto at = std::min(index, list.size());
+    list.insert(list.begin() + static_cast<std::ptrdiff_t>(at), std::make_move_iterator(events.begin()),
+                std::make_move_iterator(events.end()));
+    co_await save(std::move(snapshot));
+    co_return copyOf(cachedSnapshot_->events);
+}
+
+QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::deleteEvents(UUID groupID) {
+    if (!cachedSnapshot_) co_await load();
+    AppSnapshot snapshot = *cachedSnapshot_;
+    std::erase_if(snapshot.events, [&](const CalendarEvent& event) { return event.groupID == groupID; });
+    co_await save(std::move(snapshot));
+    co_return copyOf(cachedSnapshot_->events);
+}
+
+QCoro::Task<std::vector<CalendarBusyInterval>> LocalCalendarService::freeBusy(std::set<UUID> calendarIDs,
+                                                                              DateInterval interval,
+                                                                              std::optional<UUID> excludingGroupID) {
+    // A named query: g++ 12 destroys an aggregate temporary inside a
+    // co_await expression twice.
+    CalendarEventQuery query{
+        .calendarIDs = std::move(calendarIDs), .interval = interval, .includesGeneratedBusyBlocks = true};
+    const auto events = co_await fetchEvents(std::move(query));
+    std::vector<CalendarBusyInterval> result;
+    for (const auto& event : events) {
+        if (event.availability != Availability::busy) continue;
+        if (excludingGroupID && event.groupID == *excludingGroupID) continue;
+        result.push_back(CalendarBusyInterval{event.id, event.calendarID, DateInterval{event.start, event.end}});
+    }
+    co_return result;
+}
+
+} // namespace tavelo
