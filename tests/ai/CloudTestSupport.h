@@ -1,0 +1,142 @@
+#pragma once
+
+// Shared pieces of the cloud tests: an in-memory secret store that can be
+// told to fail, and a fixture with a private server, a hosted cloud and an
+// identity service, each a real HTTP server on 127.0.0.1.
+
+#include "ai/AICloudStore.h"
+#include "support/LocalHttpServer.h"
+
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <utility>
+
+namespace tavelo::testing {
+
+class MemorySecretStore final : public SecretStore {
+public:
+    using Key = std::pair<QString, QString>;
+
+    QCoro::Task<SecretReadResult> read(QString service, QString account) override {
+        ++reads;
+        if (readStatus) co_return SecretReadResult{*readStatus, {}};
+        auto it = items.find({service, account});
+        if (it == items.end()) co_return SecretReadResult{SecretStatus::itemNotFound, {}};
+        co_return SecretReadResult{SecretStatus::success, it->second};
+    }
+
+    QCoro::Task<std::int32_t> save(QString service, QString account, QByteArray data) override {
+        ++saves;
+        if (saveStatus) co_return *saveStatus;
+        items[{service, account}] = data;
+        co_return SecretStatus::success;
+    }
+
+    QCoro::Task<std::int32_t> remove(QString service, QString account) override {
+        ++removes;
+        co_return items.erase({service, account}) ? SecretStatus::success : SecretStatus::itemNotFound;
+    }
+
+    std::optional<QByteArray> item(const QString& account) const {
+        auto it = items.find({QString::fromLatin1(AICloudStore::kKeychainService), account});
+        if (it == items.end()) return std::nullopt;
+        return it->second;
+    }
+
+    std::map<Key, QByteArray> items;
+    std::optional<std::int32_t> readStatus;
+    std::optional<std::int32_t> saveStatus;
+    int reads = 0;
+    int saves = 0;
+    int removes = 0;
+};
+
+inline const QString kOwnerKey = QStringLiteral("owner-key-0123456789abcdefghijklmnop"); // 36 characters
+
+class CloudStoreTest : public ::testing::Test {
+protected:
+    CloudStoreTest() {
+        defaults = std::make_shared<SettingsDefaults>(directory.filePath(QStringLiteral("defaults.ini")));
+        defaults->setString(QStringLiteral("aiCloudHostedEndpoint"), hosted.baseUrl());
+        defaults->setString(QStringLiteral("aiCloudIdentityToolkitURL"), identity.baseUrl());
+        defaults->setString(QStringLiteral("aiCloudSecureTokenURL"), identity.baseUrl() + QStringLiteral("/"));
+        secrets = std::make_shared<MemorySecretStore>();
+        transport = std::make_shared<NetworkHTTPTransport>();
+        privateServer.route("GET", "/v1/session",
+                            CannedResponse::json(200, R"({"userID":"owner","kind":"owner","capabilities":["sync"]})"));
+        hosted.route("GET", "/v1/config", CannedResponse::json(200, R"({"apiKey":"API-KEY"})"));
+        identity.route("POST", "/v1/accounts:signInWithPassword",
+                       CannedResponse::json(200, R"({"idToken":"ID-1","refreshToken":"REFRESH-1","kind":"x"})"));
+        identity.route("POST", "/v1/token",
+                       CannedResponse::json(200, R"({"id_token":"ID-2","refresh_token":"REFRESH-2"})"));
+        hosted.route("GET", "/v1/session",
+                      CannedResponse::json(200, R"({"userID":"user-1","email":"a@example.jp","kind":"identity"})"));
+    }
+
+    std::unique_ptr<AICloudStore> makeStore() {
+        AICloudStore::Dependencies deps;
+        deps.defaults = defaults;
+        deps.secrets = secrets;
+        deps.transport = transport;
+        deps.cacheDirectory = directory.filePath(QStringLiteral("cache"));
+        deps.now = [this] { return now; };
+        deps.sleep = [this](double seconds, std::stop_token stop) -> QCoro::Task<void> {
+            sleeps.push_back(seconds);
+            checkCancellation(stop);
+            co_return;
+        };
+        return std::make_unique<AICloudStore>(std::move(deps));
+    }
+
+    // A store signed in to the private server.
+    std::unique_ptr<AICloudStore> connectedStore() {
+        auto store = makeStore();
+        syncWait(store->connect(privateServer.baseUrl(), kOwnerKey));
+        EXPECT_TRUE(store->session());
+        return store;
+    }
+
+    QTemporaryDir directory;
+    LocalHttpServer privateServer;
+    LocalHttpServer hosted;
+    LocalHttpServer identity;
+    std::shared_ptr<SettingsDefaults> defaults;
+    std::shared_ptr<MemorySecretStore> secrets;
+    std::shared_ptr<NetworkHTTPTransport> transport;
+    Date now = Date::fromUnixSeconds(1'767'225'600); // 2026-01-01T00:00:00Z
+    std::vector<double> sleeps;
+};
+
+// Runs `task` and returns the failure it ended with; fails the test when it
+// succeeded.
+template <class T>
+std::exception_ptr failureOf(QCoro::Task<T>&& task) {
+    try {
+        syncWait(task);
+    } catch (...) {
+        return std::current_exception();
+    }
+    ADD_FAILURE() << "the operation succeeded";
+    return nullptr;
+}
+
+inline QString messageOf(std::exception_ptr failure) {
+    return failure ? localizedDescription(failure) : QString();
+}
+
+inline std::optional<int> httpStatusOf(std::exception_ptr failure) {
+    try {
+        if (failure) std::rethrow_exception(failure);
+    } catch (const CloudError& error) {
+        return error.httpStatus();
+    } catch (...) {
+    }
+    return std::nullopt;
+}
+
+} // namespace tavelo::testing
