@@ -127,7 +127,8 @@ public:
             co_await c;
         }
         if (state->error) std::rethrow_exception(state->error);
-        co_return *state->value;
+        // A copy: every awaiter gets the value, not only the first.
+        co_return T(*state->value);
     }
 
 private:

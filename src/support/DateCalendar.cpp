@@ -100,6 +100,15 @@ std::optional<Date> DateCalendar::adding(Unit unit, int value, Date date) const 
     return fromUDate(result);
 }
 
+std::optional<int> DateCalendar::difference(Unit unit, Date from, Date to) const {
+    if (!std::isfinite(from.unixSeconds()) || !std::isfinite(to.unixSeconds())) return std::nullopt;
+    UErrorCode status = U_ZERO_ERROR;
+    calendar_->setTime(toUDate(from), status);
+    const int32_t count = calendar_->fieldDifference(toUDate(to), field(unit), status);
+    if (U_FAILURE(status)) return std::nullopt;
+    return count;
+}
+
 std::optional<DateInterval> DateCalendar::interval(Unit unit, Date date) const {
     if (!std::isfinite(date.unixSeconds())) return std::nullopt;
     UErrorCode status = U_ZERO_ERROR;

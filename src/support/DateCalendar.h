@@ -47,6 +47,9 @@ public:
     // Calendar addition: adding one day keeps the wall-clock time across a
     // daylight-saving change. Nothing when the result is out of range.
     std::optional<Date> adding(Unit unit, int value, Date date) const;
+    // Whole units from `from` to `to` as the calendar counts them (negative
+    // when `to` is earlier). Nothing when the count does not fit.
+    std::optional<int> difference(Unit unit, Date from, Date to) const;
     // The interval of the day, week or month holding `date`; the end is the
     // start of the next one.
     std::optional<DateInterval> interval(Unit unit, Date date) const;

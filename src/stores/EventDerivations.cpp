@@ -1,0 +1,659 @@
+#include "stores/EventDerivations.h"
+
+#include "support/CalendarMath.h"
+#include "support/TextFolding.h"
+
+#include <QtGlobal>
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace tavelo {
+
+namespace {
+
+using EventRef = const CalendarEvent*;
+
+// ---------------------------------------------------------------------------
+// Start order and merging
+
+// The bits of a date as an unsigned integer that orders like the date; -0 is 0.
+std::uint64_t orderedBits(Date date) {
+    const double seconds = date.referenceSeconds();
+    const auto bits = std::bit_cast<std::uint64_t>(seconds == 0.0 ? 0.0 : seconds);
+    return bits >> 63 ? ~bits : bits | (std::uint64_t{1} << 63);
+}
+
+struct SortKey {
+    std::uint64_t start;
+    std::uint32_t position;
+    bool operator<(const SortKey& other) const {
+        return start != other.start ? start < other.start : position < other.position;
+    }
+};
+
+// Positions 0..<count in start order, into `order`: ascending by start alone,
+// equal starts in input order. Sorting (start, position) pairs keeps the
+// large events out of the comparisons.
+template <class StartOf>
+void stableStartOrder(std::size_t count, StartOf startOf, std::vector<SortKey>& keys,
+                      std::vector<std::uint32_t>& order) {
+    keys.clear();
+    for (std::size_t i = 0; i < count; ++i) keys.push_back({orderedBits(startOf(i)), static_cast<std::uint32_t>(i)});
+    std::sort(keys.begin(), keys.end());
+    order.clear();
+    for (const SortKey& key : keys) order.push_back(key.position);
+}
+
+std::vector<EventRef> stableStartSort(const std::vector<EventRef>& events) {
+    std::vector<SortKey> keys;
+    std::vector<std::uint32_t> order;
+    stableStartOrder(events.size(), [&](std::size_t i) { return events[i]->start; }, keys, order);
+    std::vector<EventRef> sorted;
+    sorted.reserve(events.size());
+    for (std::uint32_t i : order) sorted.push_back(events[i]);
+    return sorted;
+}
+
+std::vector<EventRef> refsOf(std::span<const CalendarEvent> events) {
+    std::vector<EventRef> refs;
+    refs.reserve(events.size());
+    for (const CalendarEvent& event : events) refs.push_back(&event);
+    return refs;
+}
+
+std::uint64_t mix(std::uint64_t h, std::uint64_t value) {
+    h = (h ^ value) * 0xBF58476D1CE4E5B9ULL;
+    return h ^ (h >> 31);
+}
+
+std::uint64_t hashOf(QStringView text) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.utf16());
+    std::size_t length = static_cast<std::size_t>(text.size()) * sizeof(char16_t);
+    std::uint64_t h = mix(0x9E3779B97F4A7C15ULL, length);
+    for (; length >= 8; bytes += 8, length -= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, bytes, 8);
+        h = mix(h, word);
+    }
+    std::uint64_t tail = 0;
+    if (length > 0) std::memcpy(&tail, bytes, length);
+    return mix(h, tail);
+}
+
+// What the merge reads of one event, packed so that the walk in start order
+// stays in one small array instead of visiting the large events.
+struct MergeItem {
+    UUID groupID;
+    UUID calendarID;
+    // The duplicate key: two copies of one external event have the same UID
+    // (compared exactly), start and end. Without a UID, or with an empty
+    // one, there is no key.
+    QStringView uid;
+    Date start;
+    Date end;
+    std::uint64_t keyHash = 0;
+    EventRef event = nullptr;
+    bool hasKey = false;
+    // A copy that shows less than the real thing and gives way to it as
+    // primary.
+    bool weak = false;
+    bool block = false;
+};
+
+MergeItem mergeItem(EventRef event) {
+    MergeItem item;
+    item.groupID = event->groupID;
+    item.calendarID = event->calendarID;
+    item.start = event->start;
+    item.end = event->end;
+    item.event = event;
+    item.block = event->isGeneratedBusyBlock;
+    item.weak = event->isGeneratedBusyBlock || event->visibility == EventVisibility::privateDetails;
+    if (event->externalUID && !event->externalUID->isEmpty()) {
+        item.hasKey = true;
+        item.uid = *event->externalUID;
+        item.keyHash = mix(mix(hashOf(item.uid), orderedBits(item.start)), orderedBits(item.end));
+    }
+    return item;
+}
+
+struct GroupKey {
+    static std::uint64_t hash(const MergeItem& item) { return std::hash<UUID>{}(item.groupID); }
+    static bool equal(const MergeItem& a, const MergeItem& b) { return a.groupID == b.groupID; }
+};
+
+struct DuplicateKey {
+    static std::uint64_t hash(const MergeItem& item) { return item.keyHash; }
+    static bool equal(const MergeItem& a, const MergeItem& b) {
+        return a.start == b.start && a.end == b.end && a.uid == b.uid;
+    }
+};
+
+struct IndexSlot {
+    std::uint64_t hash = 0;
+    std::uint32_t item;
+    std::uint32_t entry;
+};
+
+// Maps one kind of merge key to entry indices, by open addressing in `table`.
+// A key is kept as the item it came from. Each item enters at most one key,
+// so a table sized for the items hardly ever grows. A removed key keeps its
+// slot with no entry, which reads as absent.
+template <class Key>
+class EntryIndex {
+public:
+    static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+
+    EntryIndex(const std::vector<MergeItem>& items, std::size_t keys, std::vector<IndexSlot>& table)
+        : items_(items), bits_(std::max(4, static_cast<int>(std::bit_width(keys + keys / 2)))), slots_(table) {
+        slots_.assign(std::size_t{1} << bits_, IndexSlot{0, kNone, kNone});
+    }
+
+    // The entry under the key of `item`, or kNone.
+    std::uint32_t find(std::uint32_t item) const {
+        const std::uint64_t hash = Key::hash(items_[item]);
+        for (std::size_t i = home(hash);; i = next(i)) {
+            const IndexSlot& slot = slots_[i];
+            if (slot.item == kNone) return kNone;
+            if (slot.hash == hash && Key::equal(items_[slot.item], items_[item])) return slot.entry;
+        }
+    }
+
+    // The entry under the key of `item`, kNone if just made.
+    std::uint32_t& operator[](std::uint32_t item) {
+        const std::uint64_t hash = Key::hash(items_[item]);
+        for (std::size_t i = home(hash);; i = next(i)) {
+            IndexSlot& slot = slots_[i];
+            if (slot.item == kNone) {
+                if ((used_ + 1) * 4 > slots_.size() * 3) {
+                    grow();
+                    return (*this)[item];
+                }
+                ++used_;
+                slot = {hash, item, kNone};
+                return slot.entry;
+            }
+            if (slot.hash == hash && Key::equal(items_[slot.item], items_[item])) return slot.entry;
+        }
+    }
+
+    void eraseIfAt(std::uint32_t item, std::uint32_t entry) {
+        std::uint32_t& stored = (*this)[item];
+        if (stored == entry) stored = kNone;
+    }
+
+    void enterSmaller(std::uint32_t item, std::uint32_t entry) {
+        std::uint32_t& stored = (*this)[item];
+        stored = std::min(stored, entry);
+    }
+
+private:
+    std::size_t home(std::uint64_t hash) const { return (hash * 0x9E3779B97F4A7C15ULL) >> (64 - bits_); }
+    std::size_t next(std::size_t i) const { return (i + 1) & (slots_.size() - 1); }
+
+    void grow() {
+        std::vector<IndexSlot> old(std::size_t{1} << ++bits_, IndexSlot{0, kNone, kNone});
+        old.swap(slots_);
+        for (const IndexSlot& slot : old) {
+            if (slot.item == kNone) continue;
+            std::size_t i = home(slot.hash);
+            while (slots_[i].item != kNone) i = next(i);
+            slots_[i] = slot;
+        }
+    }
+
+    const std::vector<MergeItem>& items_;
+    int bits_;
+    std::vector<IndexSlot>& slots_;
+    std::size_t used_ = 0;
+};
+
+struct MergeEntry {
+    EventRef primary;
+    std::uint32_t primaryItem;
+    DateInterval primaryTimes; // saves a visit to the primary when filtering
+    std::vector<UUID> calendarIDs; // doubles as the set of counted calendars
+};
+
+// Working memory of the merge, kept per thread from call to call: on large
+// snapshots, fresh pages for every call cost more than the merge itself. It
+// carries no result from one call to the next.
+struct MergeScratch {
+    std::vector<MergeItem> items;
+    std::vector<SortKey> keys;
+    std::vector<std::uint32_t> order;
+    std::vector<IndexSlot> groupSlots;
+    std::vector<IndexSlot> keySlots;
+    std::vector<MergeEntry> entries;
+};
+
+// Merges `events`, given in input order, walking them in start order.
+// Without `withCalendars` only the primaries are worked out. The entries live
+// in this thread's working memory until the next merge; take what is needed
+// from them at once.
+std::vector<MergeEntry>& mergeEntries(const std::vector<EventRef>& events, bool mergeDuplicates,
+                                      bool withCalendars = true) {
+    thread_local MergeScratch scratch;
+    std::vector<MergeItem>& items = scratch.items;
+    items.clear();
+    std::size_t keyed = 0;
+    constexpr std::size_t kPrefetchDistance = 8;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        // The UIDs live apart from the events; fetch ahead of their hashing.
+        if (i + kPrefetchDistance < events.size())
+            if (const auto& uid = events[i + kPrefetchDistance]->externalUID) __builtin_prefetch(uid->constData());
+        items.push_back(mergeItem(events[i]));
+        keyed += items.back().hasKey;
+    }
+    stableStartOrder(items.size(), [&](std::size_t i) { return items[i].start; }, scratch.keys, scratch.order);
+
+    auto newEntry = [&](std::uint32_t i) {
+        MergeEntry entry{items[i].event, i, {items[i].start, items[i].end}, {}};
+        if (withCalendars && !items[i].block) entry.calendarIDs.push_back(items[i].calendarID);
+        return entry;
+    };
+    std::vector<MergeEntry>& entries = scratch.entries;
+    entries.clear();
+    if (!mergeDuplicates) {
+        for (std::uint32_t i : scratch.order) entries.push_back(newEntry(i));
+        return entries;
+    }
+
+    constexpr std::uint32_t kNone = EntryIndex<GroupKey>::kNone;
+    EntryIndex<GroupKey> byGroup(items, items.size(), scratch.groupSlots);
+    EntryIndex<DuplicateKey> byKey(items, keyed, scratch.keySlots);
+
+    for (std::uint32_t i : scratch.order) {
+        const MergeItem& item = items[i];
+        const std::uint32_t groupMatch = byGroup.find(i);
+        const std::uint32_t keyMatch = item.hasKey ? byKey.find(i) : kNone;
+
+        if (groupMatch == kNone && keyMatch == kNone) {
+            const auto index = static_cast<std::uint32_t>(entries.size());
+            entries.push_back(newEntry(i));
+            byGroup[i] = index;
+            if (item.hasKey) byKey[i] = index;
+            continue;
+        }
+
+        // A group match and a key match on two entries do not join them: the
+        // event goes to the earlier one.
+        const std::uint32_t index = std::min(groupMatch, keyMatch);
+        MergeEntry& entry = entries[index];
+        if (withCalendars && !item.block &&
+            std::find(entry.calendarIDs.begin(), entry.calendarIDs.end(), item.calendarID) == entry.calendarIDs.end())
+            entry.calendarIDs.push_back(item.calendarID);
+
+        if (!items[entry.primaryItem].weak || item.weak) continue;
+
+        // Takeover: the maps follow the new primary. The old primary's group
+        // and key stop leading here, so a later copy that matches only them
+        // opens an entry of its own.
+        const std::uint32_t old = entry.primaryItem;
+        entry.primary = item.event;
+        entry.primaryItem = i;
+        entry.primaryTimes = {item.start, item.end};
+        byGroup.eraseIfAt(old, index);
+        if (items[old].hasKey) byKey.eraseIfAt(old, index);
+        byGroup.enterSmaller(i, index);
+        if (item.hasKey) byKey.enterSmaller(i, index);
+    }
+    return entries;
+}
+
+std::vector<DisplayedEvent> displayed(std::vector<MergeEntry>& entries) {
+    std::vector<DisplayedEvent> result;
+    result.reserve(entries.size());
+    for (MergeEntry& entry : entries) result.push_back({*entry.primary, std::move(entry.calendarIDs)});
+    return result;
+}
+
+// Each merged meeting once, by its primary, keeping those that overlap one
+// of `intervals`.
+std::vector<EventRef> mergedPrimaries(std::span<const CalendarEvent> events,
+                                      std::initializer_list<DateInterval> intervals) {
+    const std::vector<MergeEntry>& entries = mergeEntries(refsOf(events), true, false);
+    std::vector<EventRef> primaries;
+    for (const MergeEntry& entry : entries) {
+        const DateInterval times = entry.primaryTimes;
+        if (std::any_of(intervals.begin(), intervals.end(), [&](const DateInterval& interval) {
+                return times.start < interval.end && times.end > interval.start;
+            }))
+            primaries.push_back(entry.primary);
+    }
+    return primaries;
+}
+
+std::unordered_set<UUID> visibleCalendarIDs(const AppSnapshot& snapshot) {
+    std::unordered_set<UUID> ids;
+    for (const CalendarSource& calendar : snapshot.calendars)
+        if (calendar.isVisible) ids.insert(calendar.id);
+    return ids;
+}
+
+// ---------------------------------------------------------------------------
+// Search
+
+// The searched texts live apart from the events; the walk asks for those of
+// an event a few places ahead.
+constexpr std::size_t kTextPrefetchDistance = 4;
+
+void prefetchTexts(const CalendarEvent& event) {
+    __builtin_prefetch(event.title.constData());
+    __builtin_prefetch(event.location.constData());
+    __builtin_prefetch(event.notes.constData());
+    __builtin_prefetch(event.guests.data());
+}
+
+// ---------------------------------------------------------------------------
+// Totals
+
+[[noreturn]] void integerOverflow() { qFatal("time totals: minutes outside the integer range"); }
+
+int truncatedMinutes(double seconds) {
+    const double minutes = std::trunc(seconds / 60.0);
+    if (!(minutes >= static_cast<double>(std::numeric_limits<int>::min()) &&
+          minutes <= static_cast<double>(std::numeric_limits<int>::max())))
+        integerOverflow();
+    return static_cast<int>(minutes);
+}
+
+void addMinutes(int& sum, int minutes) {
+    if (__builtin_add_overflow(sum, minutes, &sum)) integerOverflow();
+}
+
+struct Duration {
+    EventRef event;
+    Date start;
+    Date end;
+    int minutes;
+};
+
+bool counts(const CalendarEvent& event) {
+    return event.availability == Availability::busy && !event.isAllDay && !event.isGeneratedBusyBlock &&
+           (event.kind != EventKind::task || event.isCompleted);
+}
+
+std::optional<Duration> durationOf(EventRef event, DateInterval interval) {
+    if (!counts(*event)) return std::nullopt;
+    if (!(event->start < interval.end && event->end > interval.start)) return std::nullopt;
+    const Date start = std::max(interval.start, event->start);
+    const Date end = std::min(interval.end, event->end);
+    const int minutes = truncatedMinutes(end.secondsSince(start));
+    if (minutes <= 0) return std::nullopt;
+    return Duration{event, start, end, minutes};
+}
+
+std::vector<Duration> durationsOf(const std::vector<EventRef>& events, DateInterval interval) {
+    std::vector<Duration> durations;
+    for (EventRef event : events)
+        if (auto duration = durationOf(event, interval)) durations.push_back(*duration);
+    return durations;
+}
+
+int sumOfMinutes(const std::vector<Duration>& durations) {
+    int sum = 0;
+    for (const Duration& duration : durations) addMinutes(sum, duration.minutes);
+    return sum;
+}
+
+struct DayTagKey {
+    Date day;
+    std::optional<UUID> tagID;
+    bool operator==(const DayTagKey&) const = default;
+};
+
+struct DayTagKeyHash {
+    std::size_t operator()(const DayTagKey& key) const noexcept {
+        const std::size_t h = std::hash<Date>{}(key.day);
+        return key.tagID ? h ^ (std::hash<UUID>{}(*key.tagID) + 0x9E3779B97F4A7C15ULL + (h << 6) + (h >> 2)) : h;
+    }
+};
+
+// Sums keyed values, remembering the order in which keys were first met so
+// that equal sort keys come out in a fixed order.
+template <class Key, class Hash = std::hash<Key>>
+class OrderedSums {
+public:
+    void add(const Key& key, int minutes) {
+        auto [it, inserted] = index_.try_emplace(key, sums_.size());
+        if (inserted) sums_.emplace_back(key, 0);
+        addMinutes(sums_[it->second].second, minutes);
+    }
+    const std::vector<std::pair<Key, int>>& sums() const { return sums_; }
+
+private:
+    std::unordered_map<Key, std::size_t, Hash> index_;
+    std::vector<std::pair<Key, int>> sums_;
+};
+
+class TagLookup {
+public:
+    explicit TagLookup(std::span<const Tag> tags) {
+        for (const Tag& tag : tags) byID_.try_emplace(tag.id, &tag);
+    }
+    std::optional<Tag> tag(const std::optional<UUID>& id) const {
+        if (!id) return std::nullopt;
+        const auto it = byID_.find(*id);
+        return it == byID_.end() ? std::nullopt : std::optional<Tag>(*it->second);
+    }
+
+private:
+    std::unordered_map<UUID, const Tag*> byID_;
+};
+
+// An absent tag sorts after every tag.
+int sortOrderOf(const std::optional<Tag>& tag) { return tag ? tag->sortOrder : std::numeric_limits<int>::max(); }
+
+// Tags whose folded name holds the folded word for meeting; time with them is
+// never focus time. The word is the same in every language.
+std::unordered_set<UUID> meetingTagIDs(std::span<const Tag> tags) {
+    const QString meeting = normalizedSearchText(u"会議");
+    std::unordered_set<UUID> ids;
+    for (const Tag& tag : tags)
+        if (normalizedSearchText(tag.name).contains(meeting)) ids.insert(tag.id);
+    return ids;
+}
+
+constexpr double kFocusThresholdSeconds = 3600.0;
+
+int focusMinutesOf(const std::vector<Duration>& durations, const std::unordered_set<UUID>& meetingTags) {
+    int sum = 0;
+    for (const Duration& duration : durations) {
+        const CalendarEvent& event = *duration.event;
+        if (event.kind != EventKind::event) continue;
+        if (event.tagID && meetingTags.contains(*event.tagID)) continue;
+        if (event.end.secondsSince(event.start) < kFocusThresholdSeconds) continue;
+        addMinutes(sum, duration.minutes);
+    }
+    return sum;
+}
+
+// Splits each duration at midnights; minutes are truncated per day.
+std::vector<DailyTagTotal> dailyTotalsOf(const std::vector<Duration>& durations, const TagLookup& tags,
+                                         const DateCalendar& calendar) {
+    OrderedSums<DayTagKey, DayTagKeyHash> sums;
+    for (const Duration& duration : durations) {
+        Date cursor = duration.start;
+        while (cursor < duration.end) {
+            const Date day = calendar.startOfDay(cursor);
+            const auto nextDay = calendar.adding(DateCalendar::Unit::day, 1, day);
+            if (!nextDay) break;
+            const Date segmentEnd = std::min(*nextDay, duration.end);
+            if (!(segmentEnd > cursor)) break; // the calendar made no progress
+            const int minutes = truncatedMinutes(segmentEnd.secondsSince(cursor));
+            if (minutes > 0) sums.add({day, duration.event->tagID}, minutes);
+            cursor = segmentEnd;
+        }
+    }
+    std::vector<DailyTagTotal> totals;
+    totals.reserve(sums.sums().size());
+    for (const auto& [key, minutes] : sums.sums()) totals.push_back({key.day, tags.tag(key.tagID), minutes});
+    std::stable_sort(totals.begin(), totals.end(), [](const DailyTagTotal& a, const DailyTagTotal& b) {
+        if (a.day != b.day) return a.day < b.day;
+        return sortOrderOf(a.tag) < sortOrderOf(b.tag);
+    });
+    return totals;
+}
+
+std::vector<TagTotal> tagTotalsOf(const std::vector<Duration>& durations, const TagLookup& tags) {
+    OrderedSums<std::optional<UUID>> sums;
+    for (const Duration& duration : durations) sums.add(duration.event->tagID, duration.minutes);
+    std::vector<TagTotal> totals;
+    totals.reserve(sums.sums().size());
+    for (const auto& [tagID, minutes] : sums.sums()) totals.push_back({tags.tag(tagID), minutes});
+    std::stable_sort(totals.begin(), totals.end(), [](const TagTotal& a, const TagTotal& b) {
+        if (a.minutes != b.minutes) return a.minutes > b.minutes;
+        return sortOrderOf(a.tag) < sortOrderOf(b.tag);
+    });
+    return totals;
+}
+
+QString tagText(const std::optional<Tag>& tag) { return tag ? tag->id.toString() : QStringLiteral("untagged"); }
+
+// Seconds as a decimal with at least one fractional digit: "757350000.0".
+QString secondsText(double seconds) {
+    if (std::isfinite(seconds) && seconds == std::trunc(seconds) && std::fabs(seconds) < 1e16) {
+        char buffer[32];
+        std::snprintf(buffer, sizeof buffer, "%.1f", seconds);
+        return QString::fromLatin1(buffer);
+    }
+    char buffer[64];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, seconds);
+    return QString::fromLatin1(buffer, static_cast<qsizetype>(result.ptr - buffer));
+}
+
+} // namespace
+
+QString DailyTagTotal::id() const {
+    return secondsText(day.referenceSeconds()) + QLatin1Char('-') + tagText(tag);
+}
+
+QString TagTotal::id() const { return tagText(tag); }
+
+namespace EventDerivations {
+
+std::vector<CalendarEvent> visibleEvents(const AppSnapshot& snapshot) {
+    const auto visible = visibleCalendarIDs(snapshot);
+    std::vector<EventRef> refs;
+    for (const CalendarEvent& event : snapshot.events)
+        if (visible.contains(event.calendarID)) refs.push_back(&event);
+    std::vector<CalendarEvent> result;
+    result.reserve(refs.size());
+    for (EventRef event : stableStartSort(refs)) result.push_back(*event);
+    return result;
+}
+
+std::vector<DisplayedEvent> mergedEvents(std::span<const CalendarEvent> events, bool mergeDuplicates) {
+    return displayed(mergeEntries(refsOf(events), mergeDuplicates));
+}
+
+std::vector<DisplayedEvent> mergedEvents(const AppSnapshot& snapshot, DateInterval interval) {
+    const auto visible = visibleCalendarIDs(snapshot);
+    std::vector<EventRef> refs;
+    for (const CalendarEvent& event : snapshot.events)
+        if (event.start < interval.end && event.end > interval.start && visible.contains(event.calendarID))
+            refs.push_back(&event);
+    return displayed(mergeEntries(refs, snapshot.preferences.mergeDuplicates));
+}
+
+std::vector<DisplayedEvent> search(QStringView query, std::optional<UUID> accountID, Date now,
+                                   const AppSnapshot& snapshot) {
+    std::unordered_map<UUID, const CalendarSource*> calendars;
+    for (const CalendarSource& calendar : snapshot.calendars) calendars.try_emplace(calendar.id, &calendar);
+    const auto visible = visibleCalendarIDs(snapshot);
+    const QString normalizedQuery = normalizedSearchText(query);
+    const std::u16string_view needle(reinterpret_cast<const char16_t*>(normalizedQuery.utf16()),
+                                     static_cast<std::size_t>(normalizedQuery.size()));
+
+    SearchTextBuilder text;
+    std::vector<EventRef> matches;
+    const std::vector<CalendarEvent>& events = snapshot.events;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        const CalendarEvent& event = events[i];
+        if (!needle.empty() && i + kTextPrefetchDistance < events.size())
+            prefetchTexts(events[i + kTextPrefetchDistance]);
+        if (!visible.contains(event.calendarID)) continue;
+        if (accountID) {
+            const auto it = calendars.find(event.calendarID);
+            if (it == calendars.end() || it->second->accountID != accountID) continue;
+        }
+        if (!snapshot.preferences.includePastSearchResults && !(event.end > now)) continue;
+        if (!needle.empty()) {
+            // The fields joined with blanks, so a query may span two of them.
+            text.clear();
+            text.append(event.title);
+            text.append(event.location);
+            text.append(event.notes);
+            for (const Guest& guest : event.guests) {
+                text.append(guest.name);
+                text.append(guest.email);
+            }
+            if (text.text().find(needle) == std::u16string_view::npos) continue;
+        }
+        matches.push_back(&event);
+    }
+    return displayed(mergeEntries(matches, snapshot.preferences.mergeDuplicates));
+}
+
+std::vector<EventDuration> includedDurations(std::span<const CalendarEvent> events, DateInterval interval) {
+    std::vector<EventDuration> result;
+    for (const CalendarEvent& event : events)
+        if (const auto duration = durationOf(&event, interval))
+            result.push_back({event, duration->start, duration->end, duration->minutes});
+    return result;
+}
+
+int weeklyMinutes(UUID tagID, Date date, std::span<const CalendarEvent> events, const DateCalendar& calendar) {
+    const std::vector<Date> days = CalendarMath::daysInWeek(date, calendar);
+    if (days.empty()) return 0;
+    const auto end = calendar.adding(DateCalendar::Unit::day, 7, days.front());
+    if (!end) return 0;
+    const DateInterval week{days.front(), *end};
+    int sum = 0;
+    for (EventRef event : mergedPrimaries(events, {week})) {
+        if (event->tagID != tagID) continue;
+        if (const auto duration = durationOf(event, week)) addMinutes(sum, duration->minutes);
+    }
+    return sum;
+}
+
+TimeReport report(std::span<const CalendarEvent> events, DateInterval interval, std::span<const Tag> tags,
+                  const DateCalendar& calendar) {
+    const DateInterval previousInterval = previousReportInterval(interval, calendar);
+    const std::vector<EventRef> primaries = mergedPrimaries(events, {interval, previousInterval});
+    const std::vector<Duration> durations = durationsOf(primaries, interval);
+    const TagLookup lookup(tags);
+
+    TimeReport result;
+    result.totalMinutes = sumOfMinutes(durations);
+    result.focusMinutes = focusMinutesOf(durations, meetingTagIDs(tags));
+    result.dailyTotals = dailyTotalsOf(durations, lookup, calendar);
+    result.tagTotals = tagTotalsOf(durations, lookup);
+
+    const int previous = sumOfMinutes(durationsOf(primaries, previousInterval));
+    if (previous != 0)
+        result.changeFromPrevious =
+            (static_cast<double>(result.totalMinutes) - previous) / previous * 100.0;
+    return result;
+}
+
+DateInterval previousReportInterval(DateInterval interval, const DateCalendar& calendar) {
+    const auto month = calendar.interval(DateCalendar::Unit::month, interval.start);
+    const auto step = month && *month == interval ? DateCalendar::Unit::month : DateCalendar::Unit::weekOfYear;
+    const auto start = calendar.adding(step, -1, interval.start);
+    return {start.value_or(interval.start), interval.start};
+}
+
+} // namespace EventDerivations
+
+} // namespace tavelo

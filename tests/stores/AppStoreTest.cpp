@@ -1,0 +1,480 @@
+#include "stores/AppStore.h"
+
+#include "services/LocalCalendarService.h"
+#include "stores/EventAccessPolicy.h"
+#include "stores/EventMutationEngine.h"
+
+#include "StoreTestSupport.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <tuple>
+
+using namespace tavelo;
+using namespace tavelo::test;
+using Events = std::vector<CalendarEvent>;
+
+namespace {
+
+Date at(int hour, int minute = 0) { return on(tokyo(), 1, 5, hour, minute); }
+QString lockedSaveMessage() { return localizedDescription(SQLitePersistenceError(SQLitePersistenceError::Kind::operation)); }
+
+// Holds an exclusive SQLite lock on the state file, so that every save fails
+// with SQLITE_BUSY until `release`.
+class ExclusiveDatabaseLock {
+public:
+    explicit ExclusiveDatabaseLock(const QString& path) {
+        EXPECT_EQ(sqlite3_open_v2(QFile::encodeName(path).constData(), &db_, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    ~ExclusiveDatabaseLock() { release(); }
+    void release() {
+        if (db_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_close(std::exchange(db_, nullptr));
+    }
+
+private:
+    sqlite3* db_ = nullptr;
+};
+
+// The local store seen as a remote one: each free-busy answer waits until the
+// test lets it through, and Google reports each account connected.
+class RemoteService final : public ForwardingCalendarService, public GoogleAccountService {
+public:
+    using ForwardingCalendarService::ForwardingCalendarService;
+    std::deque<Continuation<bool>> pending;
+    std::map<UUID, std::vector<GoogleSyncWarning>> warnings;
+    std::vector<UUID> asked;
+
+    QCoro::Task<std::vector<CalendarBusyInterval>> freeBusy(std::set<UUID> ids, DateInterval interval,
+                                                            std::optional<UUID> excluding) override {
+        auto inner = in;
+        co_await pending.emplace_back();
+        co_return co_await inner->freeBusy(std::move(ids), interval, excluding);
+    }
+    QCoro::Task<GoogleSyncStatus> googleSyncStatus(UUID id) override {
+        asked.push_back(id);
+        co_return GoogleSyncStatus::connected;
+    }
+    QCoro::Task<std::vector<GoogleSyncWarning>> googleSyncWarnings(UUID id) override {
+        co_return std::vector<GoogleSyncWarning>(warnings[id]);
+    }
+    // No account action is expected.
+    QCoro::Task<Account> connectGoogleAccount(std::stop_token) override { throw std::logic_error("unexpected"); }
+    QCoro::Task<void> syncGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
+    QCoro::Task<void> syncAllGoogleAccounts(std::stop_token) override { throw std::logic_error("unexpected"); }
+    QCoro::Task<Account> reconnectGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
+    QCoro::Task<void> disconnectGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
+};
+
+// Two Google accounts with a calendar each, a calendar without an account
+// (all three receive busy blocks) and an account without calendars. A
+// "Standup" on both Google calendars mirrors a block onto the third; a "Gym"
+// stands between its copies, as synced events may; a "Report" task sits on
+// work and family with a block on personal. Four tags, the first carried by
+// the standup. The preferences and a sync state differ from the defaults.
+class AppStoreTest : public ::testing::Test {
+protected:
+    QTemporaryDir dir;
+    const UUID workAccount = UUID::random(), homeAccount = UUID::random(), plainAccount = UUID::random();
+    const UUID work = UUID::random(), personal = UUID::random(), family = UUID::random();
+    const UUID local = CalendarSource::tavelo().id;
+    AppSnapshot initial;
+    Events standup, report; // copies first, then the block
+    std::unique_ptr<AppStore> store;
+
+    void SetUp() override {
+        initial.accounts = {Account{.id = workAccount, .isConnected = true, .googleSubject = "w"},
+                            Account{.id = homeAccount, .isConnected = true, .googleSubject = "h"},
+                            Account{.id = plainAccount, .name = "Local"}};
+        initial.calendars = {
+            CalendarSource{.id = work, .accountID = workAccount, .receivesBusyBlocks = true, .googleCalendarID = "w@x.com"},
+            CalendarSource{.id = personal, .accountID = homeAccount, .receivesBusyBlocks = true, .googleCalendarID = "h@x.com"},
+            CalendarSource{.id = family, .receivesBusyBlocks = true}};
+        for (const char* name : {"Café", "Deep work", "Health", "Admin"})
+            initial.tags.push_back(Tag{.id = UUID::random(), .name = name, .sortOrder = int(initial.tags.size())});
+        initial.preferences.mergeDuplicates = false;
+        initial.googleSyncStates = {GoogleCalendarSyncState{.calendarID = work, .syncToken = "token"}};
+        auto seed = draft("Standup", {work, personal});
+        seed.tagID = initial.tags[0].id;
+        standup = EventMutationEngine::create(seed, seed.calendarIDs, initial, tokyo());
+        const auto gym = EventMutationEngine::create(draft("Gym", {family}, at(18), at(19)), {family}, initial, tokyo());
+        auto task = draft("Report", {work, family}, at(14), at(15));
+        task.kind = EventKind::task;
+        report = EventMutationEngine::create(task, task.calendarIDs, initial, tokyo());
+        initial.events = {standup[0], gym[0], standup[1], standup[2], report[0], report[1], report[2]};
+        syncWait(LocalCalendarService(path()).save(initial));
+    }
+
+    QString path() const { return dir.filePath("state.json"); }
+    AppSnapshot stored() const { return syncWait(LocalCalendarService(path()).load()).snapshot; }
+    AppStore& open(std::shared_ptr<CalendarService> service = nullptr, std::shared_ptr<GoogleAccountService> google = nullptr) {
+        if (!service) service = std::make_shared<LocalCalendarService>(path(), [this] { return initial; });
+        store = std::make_unique<AppStore>(service, std::move(google), "", tokyo());
+        return *store;
+    }
+    AppStore& loaded(std::shared_ptr<CalendarService> service = nullptr, std::shared_ptr<GoogleAccountService> google = nullptr) {
+        syncWait(open(std::move(service), std::move(google)).load());
+        EXPECT_EQ(store->snapshot(), initial);
+        EXPECT_FALSE(store->hasLastError() || store->canRetry());
+        return *store;
+    }
+    static EventDraft draft(QString title, std::vector<UUID> calendars, Date start = at(9), Date end = at(10)) {
+        return EventDraft{.title = std::move(title), .start = start, .end = end, .calendarIDs = std::move(calendars)};
+    }
+    Events group(UUID groupID) const {
+        Events result;
+        std::copy_if(store->events().begin(), store->events().end(), std::back_inserter(result),
+                     [&](const CalendarEvent& e) { return e.groupID == groupID; });
+        return result;
+    }
+    // Names in list order; every sortOrder must equal its place.
+    std::vector<std::string> tagNames() const {
+        std::vector<std::string> names;
+        for (const auto& tag : store->tags()) {
+            EXPECT_EQ(tag.sortOrder, int(names.size()));
+            names.push_back(tag.name.toStdString());
+        }
+        return names;
+    }
+};
+
+// --- Loading -----------------------------------------------------------------------
+
+TEST_F(AppStoreTest, FailedFirstLoadOffersLoadAgainAndOnlyTheFirstSuccessReads) {
+    ASSERT_TRUE(QFile::remove(path()) && QDir(dir.path()).mkdir("state.json")); // unreadable as a file
+    auto& store = open();
+    syncWait(store.load());
+    EXPECT_EQ(store.lastError(), localizedDescription(FileSystemError(FileSystemError::Operation::read, path(), EISDIR)));
+    EXPECT_EQ(store.retryOperation(), StoreRetryOperation::load());
+    EXPECT_FALSE(store.didLoad() || store.isPersistenceTransactionActive());
+
+    // Now damaged: the retry shows the seed with the warning in place of the error.
+    ASSERT_TRUE(QDir(dir.path()).rmdir("state.json"));
+    QFile file(path());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write("not a calendar") > 0);
+    file.close();
+    syncWait(store.retryLastOperation());
+    const auto backups = QDir(dir.path()).entryList({"state.*.corrupt.json"});
+    ASSERT_EQ(backups.size(), 1);
+    EXPECT_EQ(store.snapshot(), initial);
+    EXPECT_EQ(store.lastError(), CalendarServiceWarning::corruptData(dir.filePath(backups[0])).errorDescription());
+    EXPECT_TRUE(store.didLoad() && !store.canRetry());
+
+    auto changed = initial;
+    changed.accounts.pop_back(); // not saved: only a second read would bring it back
+    store.apply(changed);
+    syncWait(store.load());
+    EXPECT_EQ(store.accounts(), changed.accounts);
+    EXPECT_TRUE(store.hasLastError());
+}
+
+// --- The persistence transaction -----------------------------------------------------
+
+TEST_F(AppStoreTest, WritersTakeTurnsInCallOrderAndLogoutWaitsForThem) {
+    auto& store = loaded();
+    ASSERT_TRUE(syncWait(store.acquirePersistenceTransaction(false)));
+    std::vector<QCoro::Task<bool>> writers;
+    writers.push_back(store.setCalendarVisibility(work, false));
+    writers.push_back(store.saveEvent(draft("Lunch", {family}, at(12), at(13)), std::nullopt)); // a copy and two blocks
+    writers.push_back(store.setPastSearchResultsIncluded(true));
+    writers.push_back(store.deleteEvent(standup[1].id));
+    writers.push_back(store.addTag(Tag{.id = UUID::random(), .name = "Travel"}));
+    auto logout = store.prepareForLogout();
+    EXPECT_EQ(store.persistenceTransactionWaiterCount(), 6u);
+    EXPECT_EQ(store.snapshot(), initial);
+
+    store.releasePersistenceTransaction();
+    // Handed straight to the first waiter: a caller arriving now queues last.
+    EXPECT_TRUE(store.isPersistenceTransactionActive());
+    auto late = store.setCalendarVisibility(work, true);
+    syncWait(logout);
+    for (auto& writer : writers) EXPECT_TRUE(writer.isReady() && syncWait(writer));
+    EXPECT_TRUE(syncWait(late));
+    // The late change came last; the new event brought two blocks, the deleted one took its group.
+    EXPECT_EQ(std::tuple(store.calendars()[0].isVisible, store.preferences().includePastSearchResults, store.events().size(),
+                         store.tags().size()), std::tuple(true, true, 7u, 5u));
+    EXPECT_FALSE(store.isPersistenceTransactionActive());
+    EXPECT_EQ(store.persistenceTransactionWaiterCount(), 0u);
+    EXPECT_EQ(stored(), store.snapshot());
+}
+
+TEST_F(AppStoreTest, CancelledLoadLeavesTheQueueWithoutATrace) {
+    auto& store = open();
+    std::stop_source cancel;
+    ASSERT_TRUE(syncWait(store.acquirePersistenceTransaction(false)));
+    auto cancelled = store.load(cancel.get_token());
+    ASSERT_EQ(store.persistenceTransactionWaiterCount(), 1u);
+    cancel.request_stop();
+    for (int i = 0; i < 5; ++i) QCoreApplication::processEvents();
+    EXPECT_TRUE(cancelled.isReady());
+    EXPECT_EQ(store.persistenceTransactionWaiterCount(), 0u);
+    store.releasePersistenceTransaction();
+    syncWait(store.load(cancel.get_token())); // stopped beforehand: does nothing
+    EXPECT_FALSE(store.didLoad() || store.hasLastError() || store.isPersistenceTransactionActive());
+    EXPECT_TRUE(store.accounts().empty());
+}
+
+// --- Saving, rollback and retry ------------------------------------------------------
+
+TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
+    auto& store = loaded();
+    {
+        ExclusiveDatabaseLock lock(path()); // unchanged values need no save, so they pass
+        EXPECT_TRUE(syncWait(store.setCalendarVisibility(work, true)) && syncWait(store.setPastSearchResultsIncluded(false)) &&
+                    syncWait(store.updatePreferencesNow(initial.preferences)));
+        EXPECT_FALSE(store.hasLastError());
+    }
+    int announced = 0; // a rollback applies every list: only real changes may be announced
+    for (auto signal : {&AppStore::accountsChanged, &AppStore::calendarsChanged, &AppStore::eventsChanged,
+                        &AppStore::tagsChanged, &AppStore::preferencesChanged})
+        QObject::connect(&store, signal, [&] { ++announced; });
+    QSignalSpy canRetryChanged(&store, &AppStore::canRetryChanged);
+    auto preferences = initial.preferences;
+    preferences.busyBlockScope = BusyBlockScope::workOnly;
+    struct Case {
+        const char* name;
+        std::function<QCoro::Task<bool>()> run;
+        std::optional<StoreRetryOperation> retry; // and what the retry changes
+        std::function<void(AppSnapshot&)> change = {};
+    };
+    const std::vector<Case> cases = {
+        {"create", [&] { return store.saveEvent(draft("Lunch", {work}), std::nullopt); }, std::nullopt},
+        {"move", [&] { return store.moveEvent(standup[0].id, DateInterval{at(17), at(18)}); }, std::nullopt},
+        {"delete", [&] { return store.deleteEvent(standup[0].id); }, std::nullopt},
+        {"visibility", [&] { return store.toggleCalendarVisibility(work); }, StoreRetryOperation::setCalendarVisibility(work, false),
+         [](AppSnapshot& s) { s.calendars[0].isVisible = false; }},
+        {"preferences", [&] { return store.updatePreferencesNow(preferences); },
+         StoreRetryOperation::updatePreferences(preferences), [&](AppSnapshot& s) { s.preferences = preferences; }},
+        {"past results", [&] { return store.setPastSearchResultsIncluded(true); },
+         StoreRetryOperation::includePastSearchResults(true), [](AppSnapshot& s) { s.preferences.includePastSearchResults = true; }},
+        // Every task copy of the group, never its busy block.
+        {"task", [&] { return store.toggleTaskCompletion(report[1].id); },
+         StoreRetryOperation::setTaskCompletion(report[1].id, true), [](AppSnapshot& s) {
+             s.events[4].isCompleted = s.events[5].isCompleted = true;
+         }},
+    };
+    auto expected = initial;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        announced = 0;
+        canRetryChanged.clear();
+        ExclusiveDatabaseLock lock(path());
+        EXPECT_FALSE(syncWait(c.run()));
+        EXPECT_EQ(announced, 2); // shown at once, then taken back
+        EXPECT_EQ(store.snapshot(), expected);
+        EXPECT_EQ(store.lastError(), lockedSaveMessage());
+        EXPECT_EQ(store.retryOperation(), c.retry);
+        EXPECT_FALSE(store.isPersistenceTransactionActive());
+        lock.release();
+        EXPECT_EQ(stored(), expected);
+        if (!c.retry) continue;
+
+        syncWait(store.retryLastOperation());
+        c.change(expected);
+        EXPECT_EQ(store.snapshot(), expected);
+        EXPECT_EQ(stored(), expected);
+        EXPECT_FALSE(store.hasLastError() || store.canRetry());
+        EXPECT_EQ(canRetryChanged.count(), 2);
+    }
+}
+
+TEST_F(AppStoreTest, FailedPersistKeepsTheStateAndTheRetryWritesIt) {
+    auto& store = loaded();
+    auto changed = initial;
+    changed.tags[0].name = "Coffee";
+    store.apply(changed);
+    ExclusiveDatabaseLock lock(path());
+    EXPECT_THROW(syncWait(store.persist()), SQLitePersistenceError);
+    EXPECT_EQ(store.snapshot(), changed);
+    EXPECT_EQ(store.lastError(), lockedSaveMessage());
+    EXPECT_EQ(store.retryOperation(), StoreRetryOperation::persist());
+    EXPECT_FALSE(store.isPersistenceTransactionActive());
+
+    lock.release();
+    syncWait(store.retryLastOperation());
+    EXPECT_EQ(stored(), changed);
+    EXPECT_FALSE(store.hasLastError());
+}
+
+// --- With Google configured: one remote service for both contracts ------------------------------------------------------------
+
+TEST_F(AppStoreTest, WithGoogleStatusIsReadPerAccountStaleAnswersAreDroppedAndFailuresUseFixedTexts) {
+    auto remote = std::make_shared<RemoteService>(std::make_shared<LocalCalendarService>(path()));
+    remote->warnings[workAccount] = {GoogleSyncWarning::skippedEvents(work, 2)};
+    auto& store = loaded(remote, remote);
+    EXPECT_EQ(remote->asked, (std::vector<UUID>{workAccount, homeAccount}));
+    EXPECT_EQ(store.googleSyncStatuses(), (std::map<UUID, GoogleSyncStatus>{{workAccount, GoogleSyncStatus::connected},
+                                                                           {homeAccount, GoogleSyncStatus::connected}}));
+    EXPECT_EQ(store.googleSyncWarnings().at(workAccount), remote->warnings[workAccount]);
+
+    const auto overlapping = draft("New", {work}, at(9, 30), at(10, 30));
+    // Asked again before the first answer came: the first is void.
+    auto stale = store.eventAvailability(overlapping, tokyo());
+    auto fresh = store.eventAvailability(EventDraft::fromEvent(standup[0], {work}, tokyo()), tokyo());
+    ASSERT_EQ(remote->pending.size(), 2u);
+    for (auto& answer : remote->pending) answer.resume(true);
+    EXPECT_TRUE(syncWait(stale).isLoading());
+    EXPECT_EQ(syncWait(fresh).text(), "2つのアカウントすべてで空き時間です"); // its own group is not busy
+
+    auto again = store.eventAvailability(overlapping, tokyo());
+    remote->pending.back().resume(true);
+    EXPECT_EQ(syncWait(again).text(), "0 / 2つのアカウントで空き時間です");
+
+    ExclusiveDatabaseLock lock(path());
+    EXPECT_FALSE(syncWait(store.setTaskCompletion(report[0].id, true)));
+    EXPECT_EQ(store.lastError(), QStringLiteral("予定の変更を完了できませんでした。接続を確認して、もう一度お試しください。"));
+    store.recordMutationFailure(std::make_exception_ptr(CancellationError()), std::nullopt);
+    EXPECT_EQ(store.lastError(), QStringLiteral("変更をキャンセルしました。確認済みのデータは保持されています。"));
+    EXPECT_FALSE(store.canRetry());
+}
+
+// --- Events ----------------------------------------------------------------------------
+
+TEST_F(AppStoreTest, GroupsKeepTheirIdsThroughUpdatesAndMoveOrGoAsAWhole) {
+    auto& store = loaded();
+    ASSERT_TRUE(syncWait(store.saveEvent(draft("Review", {work, personal}, at(13), at(14)), std::nullopt)));
+    const auto created = group(store.events().back().groupID);
+    ASSERT_EQ(created.size(), 3u);
+    EXPECT_TRUE(created[2].isGeneratedBusyBlock && created[2].calendarID == family);
+    EXPECT_EQ(stored().events, store.events());
+
+    // Off the personal calendar: the work copy and the family block keep their
+    // ids, and the personal calendar gets a block instead of a copy.
+    auto edit = EventDraft::fromEvent(created[0], {work}, tokyo());
+    edit.title = "Design review";
+    ASSERT_TRUE(syncWait(store.saveEvent(edit, created[1].id)));
+    const auto updated = group(created[0].groupID);
+    ASSERT_EQ(updated.size(), 3u);
+    EXPECT_EQ(std::tuple(updated[0].id, updated[0].title), std::tuple(created[0].id, QString("Design review")));
+    EXPECT_TRUE(updated[1].isGeneratedBusyBlock && updated[1].calendarID == personal);
+    EXPECT_EQ(updated[2].id, created[2].id);
+
+    // Dragging a copy moves the whole group on its calendars, ids and tag kept.
+    ASSERT_TRUE(syncWait(store.moveEvent(standup[1].id, DateInterval{at(11), at(12, 30)})));
+    const auto moved = group(standup[0].groupID);
+    ASSERT_EQ(moved.size(), 3u);
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(std::tuple(moved[i].id, moved[i].start, moved[i].end), std::tuple(standup[i].id, at(11), at(12, 30)));
+    EXPECT_EQ(moved[0].tagID, initial.tags[0].id);
+    ASSERT_TRUE(syncWait(store.deleteEvent(standup[1].id)));
+    EXPECT_TRUE(group(standup[0].groupID).empty());
+    EXPECT_EQ(stored().events, store.events());
+    EXPECT_FALSE(store.hasLastError());
+}
+
+TEST_F(AppStoreTest, RefusalsShowTheirMessageWithoutRetryAndChangeNothing) {
+    auto& store = loaded();
+    EXPECT_FALSE(syncWait(store.moveEvent(standup[2].id, DateInterval{at(11), at(12)}))); // a block: not even a message
+    EXPECT_FALSE(store.hasLastError());
+    {
+        ExclusiveDatabaseLock lock(path()); // leaves a retry offer that a refusal must replace
+        EXPECT_FALSE(syncWait(store.toggleCalendarVisibility(family)));
+    }
+    auto badGuest = draft("Interview", {family, work}); // Google takes real addresses only
+    badGuest.guests = {Guest{.id = UUID::random(), .email = "someone@example..com"}};
+    auto otherGroup = EventDraft::fromEvent(standup[0], {work}, tokyo());
+    otherGroup.groupID = UUID::random();
+    auto admin = initial.tags[3];
+    admin.name = " deep WORK";
+    const auto save = [&](EventDraft d, std::optional<UUID> editing = std::nullopt) {
+        return [&store, d, editing] { return store.saveEvent(d, editing); };
+    };
+    const QString invalidEdit = StoreOperationError::invalidEdit().message();
+    const QString managedBlock = StoreOperationError::managedBusyBlock().message();
+    const std::vector<std::pair<std::function<QCoro::Task<bool>()>, QString>> refusals = {
+        {save(badGuest), "Googleカレンダーの参加者には有効なメールアドレスを入力してください"},
+        // The editor lets the local calendar alone through; the engine finds it not set up yet.
+        {save(draft("Notes", {local})), "作成先カレンダーを選択してください"},
+        {save(EventDraft::fromEvent(standup[0], {work}, tokyo())), invalidEdit}, // an update names no event
+        {save(otherGroup, standup[0].id), invalidEdit},
+        {save(EventDraft::fromEvent(standup[2], {family}, tokyo()), standup[2].id), managedBlock},
+        {[&] { return store.deleteEvent(standup[2].id); }, managedBlock},
+        {[&] { return store.deleteEvent(UUID::random()); }, invalidEdit},
+        {[&] { return store.setTaskCompletion(standup[0].id, true); }, invalidEdit}, // not a task
+        {[&] { return store.setTaskCompletion(report[2].id, true); }, invalidEdit},  // a block
+        {[&] { return store.addTag(Tag{.id = UUID::random(), .name = " cafe "}); }, "同じ名前のタグがあります"},
+        {[&] { return store.addTag(Tag{.id = UUID::random(), .name = " \n\t"}); }, "タグ名を入力してください"},
+        {[&] { return store.updateTag(admin); }, "同じ名前のタグがあります"},
+    };
+    for (std::size_t i = 0; i < refusals.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_FALSE(syncWait(refusals[i].first()));
+        EXPECT_EQ(store.lastError(), refusals[i].second);
+        EXPECT_FALSE(store.canRetry());
+    }
+    QSignalSpy messageChanged(&store, &AppStore::lastErrorChanged);
+    EXPECT_FALSE(syncWait(refusals.back().first())); // the same words again: nothing to announce
+    EXPECT_EQ(messageChanged.count(), 0);
+    EXPECT_EQ(store.snapshot(), initial);
+    EXPECT_EQ(stored(), initial);
+    badGuest.calendarIDs = {family}; // no Google calendar: any address goes
+    EXPECT_TRUE(syncWait(store.saveEvent(badGuest, std::nullopt)));
+}
+
+TEST(EventAccessPolicyTest, BusyBlocksLeadToTheEventTheyMirror) {
+    const auto make = [](UUID group, bool generated, std::optional<UUID> source = std::nullopt) {
+        return CalendarEvent{.id = UUID::random(), .groupID = group, .sourceEventID = source, .isGeneratedBusyBlock = generated};
+    };
+    const UUID g = UUID::random();
+    const auto first = make(g, false), second = make(g, false), elsewhere = make(UUID::random(), false);
+    const auto toSecond = make(g, true, second.id), toElsewhere = make(g, true, elsewhere.id), toBlock = make(g, true, toSecond.id);
+    const Events events{toSecond, first, second, elsewhere, toElsewhere, toBlock};
+    EXPECT_EQ(EventAccessPolicy::detailEvent(toSecond.id, events), second);
+    EXPECT_EQ(EventAccessPolicy::detailEvent(toElsewhere.id, events), elsewhere); // the source wins over the group
+    EXPECT_EQ(EventAccessPolicy::detailEvent(toBlock.id, events), first);         // else the group's first real event
+}
+
+// --- Tags --------------------------------------------------------------------------------
+
+TEST_F(AppStoreTest, TagsKeepTrimmedNamesAndTheirOrderAndDeletionClearsThemFromEvents) {
+    auto& store = loaded();
+    ASSERT_TRUE(syncWait(store.addTag(Tag{.id = UUID::random(), .name = "  Travel\n", .sortOrder = 42})));
+    auto cafe = store.tags()[0];
+    cafe.name = "CAFE "; // its own name in another case
+    ASSERT_TRUE(syncWait(store.updateTag(cafe)));
+    EXPECT_EQ(tagNames(), (std::vector<std::string>{"CAFE", "Deep work", "Health", "Admin", "Travel"}));
+    ASSERT_TRUE(syncWait(store.moveTags({0, 2, 9}, 4)));
+    EXPECT_EQ(tagNames(), (std::vector<std::string>{"Deep work", "Admin", "CAFE", "Health", "Travel"}));
+    ASSERT_TRUE(syncWait(store.moveTags({3}, 0)));
+    ASSERT_TRUE(syncWait(store.moveTags({1, 2}, 2))); // onto their own place
+    EXPECT_EQ(tagNames(), (std::vector<std::string>{"Health", "Deep work", "Admin", "CAFE", "Travel"}));
+    ASSERT_TRUE(syncWait(store.setTagOrder({cafe.id, UUID::random(), cafe.id, store.tags()[2].id})));
+    EXPECT_EQ(tagNames(), (std::vector<std::string>{"CAFE", "Admin", "Health", "Deep work", "Travel"}));
+    EXPECT_EQ(stored().tags, store.tags());
+
+    ASSERT_TRUE(syncWait(store.deleteTag(cafe.id)));
+    EXPECT_EQ(tagNames(), (std::vector<std::string>{"Admin", "Health", "Deep work", "Travel"}));
+    EXPECT_TRUE(std::none_of(store.events().begin(), store.events().end(), [](const auto& e) { return e.tagID; }));
+    EXPECT_EQ(stored(), store.snapshot());
+}
+
+// --- Standalone meetings ---------------------------------------------------
+
+TEST_F(AppStoreTest, StandaloneMeetingsLiveOnTheLocalCalendarAddedOnce) {
+    auto& store = loaded();
+    const auto first = syncWait(store.createStandaloneMeeting("", at(9), at(9).addingSeconds(1)));
+    const auto second = syncWait(store.createStandaloneMeeting("Retro", at(16), at(17)));
+    ASSERT_TRUE(first && second && first->calendarID == local);
+    EXPECT_EQ(store.calendars().size(), initial.calendars.size() + 1);
+    EXPECT_EQ(store.events().size(), initial.events.size() + 2); // no busy blocks
+
+    ASSERT_TRUE(syncWait(store.updateStandaloneMeeting(first->id, "Sync", at(10), at(11))));
+    EXPECT_EQ(std::tuple(group(first->groupID)[0].title, group(first->groupID)[0].end), std::tuple(QString("Sync"), at(11)));
+    EXPECT_FALSE(syncWait(store.updateStandaloneMeeting(standup[0].id, "Sync", at(10), at(11))));
+    EXPECT_FALSE(store.hasLastError());
+    EXPECT_EQ(stored(), store.snapshot());
+}
+
+} // namespace
