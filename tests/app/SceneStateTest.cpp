@@ -1,0 +1,91 @@
+#include "stores/SceneState.h"
+
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+using namespace tavelo;
+
+namespace {
+
+Date iso(const char* text) { return *Date::fromIsoString(text); }
+
+CalendarEvent event(const char* id, const char* group, bool generated = false,
+                    std::optional<UUID> source = std::nullopt) {
+    CalendarEvent e;
+    e.id = UUID::literal(id);
+    e.groupID = UUID::literal(group);
+    e.isGeneratedBusyBlock = generated;
+    e.sourceEventID = source;
+    e.start = iso("2026-01-05T00:00:00Z");
+    e.end = iso("2026-01-05T01:00:00Z");
+    return e;
+}
+
+const char* kGroup = "00000000-0000-4000-8000-0000000000A0";
+const char* kPrimary = "00000000-0000-4000-8000-000000000001";
+const char* kBlock = "00000000-0000-4000-8000-000000000002";
+
+} // namespace
+
+TEST(SceneStateTest, NavigationRemembersTheCalendarScreenAndClosesDetails) {
+    SceneState scene(iso("2026-01-07T03:00:00Z"));
+    QSignalSpy calendarChanges(&scene, &SceneState::calendarNavigationChanged);
+    const std::vector<CalendarEvent> events{event(kPrimary, kGroup)};
+    scene.selectEvent({UUID::literal(kPrimary), EventPopoverAnchor::Search{}}, events);
+    ASSERT_TRUE(scene.selectedEventID());
+
+    scene.selectNavigation(NavigationItem::month);
+    EXPECT_EQ(scene.calendarNavigation(), NavigationItem::month);
+    EXPECT_FALSE(scene.selectedEventID());
+    EXPECT_FALSE(scene.selectedEventAnchor());
+
+    // Other screens leave the calendar screen to return to as it was.
+    scene.selectNavigation(NavigationItem::search);
+    scene.selectNavigation(NavigationItem::settings);
+    EXPECT_EQ(scene.navigation(), NavigationItem::settings);
+    EXPECT_EQ(scene.calendarNavigation(), NavigationItem::month);
+    EXPECT_EQ(calendarChanges.count(), 1);
+}
+
+TEST(SceneStateTest, DetailsStayOnTheSurfaceThatWasClicked) {
+    SceneState scene(iso("2026-01-07T03:00:00Z"));
+    const Date day = iso("2026-01-04T15:00:00Z");
+    const std::vector<CalendarEvent> events{event(kPrimary, kGroup),
+                                            event(kBlock, kGroup, true, UUID::literal(kPrimary))};
+    const EventPopoverAnchor onLane1{UUID::literal(kBlock), EventPopoverAnchor::WeekTimed{day, 1}};
+
+    // A busy block opens the event it mirrors, anchored where it was clicked.
+    scene.selectEvent(onLane1, events);
+    EXPECT_EQ(scene.selectedEventID(), UUID::literal(kPrimary));
+    EXPECT_TRUE(scene.isEventDetailPresented(onLane1));
+    EXPECT_FALSE(scene.isEventDetailPresented({UUID::literal(kBlock), EventPopoverAnchor::WeekTimed{day, 2}}));
+    EXPECT_FALSE(scene.isEventDetailPresented({UUID::literal(kBlock), EventPopoverAnchor::Month{day}}));
+    EXPECT_FALSE(scene.isEventDetailPresented({UUID::literal(kPrimary), EventPopoverAnchor::WeekTimed{day, 1}}));
+
+    // A block whose source is gone resolves to nothing but keeps the anchor.
+    const std::vector<CalendarEvent> orphaned{event(kBlock, kGroup, true, UUID::literal(kPrimary))};
+    scene.selectEvent(onLane1, orphaned);
+    EXPECT_FALSE(scene.selectedEventID());
+    EXPECT_EQ(scene.selectedEventAnchor(), onLane1);
+    EXPECT_FALSE(scene.isEventDetailPresented(onLane1));
+}
+
+TEST(SceneStateTest, PagingMovesByMonthOnTheMonthScreenAndByWeekElsewhere) {
+    const DateCalendar tokyo(QStringLiteral("Asia/Tokyo"), QStringLiteral("ja_JP"));
+    SceneState scene(iso("2026-01-31T03:00:00Z")); // 31 January, 12:00 JST
+    scene.selectNavigation(NavigationItem::search);
+    scene.moveSelectedDate(1, tokyo);
+    EXPECT_EQ(scene.selectedDate(), iso("2026-02-07T03:00:00Z"));
+
+    scene.selectNavigation(NavigationItem::month);
+    scene.moveSelectedDate(1, tokyo);
+    EXPECT_EQ(tokyo.components(scene.selectedDate()).month, 3);
+    scene.moveSelectedDate(-2, tokyo);
+    EXPECT_EQ(tokyo.components(scene.selectedDate()).month, 1);
+
+    EXPECT_EQ(EditorPresentation::create().id(), QStringLiteral("create"));
+    EXPECT_EQ(EditorPresentation::edit(UUID::literal(kPrimary)).id(),
+              QStringLiteral("edit-00000000-0000-4000-8000-000000000001"));
+    EXPECT_EQ(EditorPresentation::edit(UUID::literal(kPrimary)), EditorPresentation::edit(UUID::literal(kPrimary)));
+}

@@ -1,0 +1,120 @@
+#include "ai/CloudTestSupport.h"
+#include "app/TaveloApp.h"
+#include "google/GoogleOAuthConfiguration.h"
+#include "services/LocalCalendarService.h"
+#include "stores/AppStore.h"
+
+#include <QDir>
+#include <QFile>
+
+using namespace tavelo;
+using namespace tavelo::testing;
+
+namespace {
+
+class TaveloAppTest : public CloudStoreTest {
+protected:
+    QString root() const { return directory.filePath(QStringLiteral("root")); }
+
+    std::unique_ptr<TaveloApp> makeApp(GoogleServicesFactory google = {}) {
+        return std::make_unique<TaveloApp>(root(), makeStore(), std::move(google));
+    }
+
+    void writeOAuthFile(const QString& workspaceDirectory) {
+        QDir().mkpath(workspaceDirectory);
+        QFile file(QDir(workspaceDirectory).filePath(QStringLiteral("google-oauth.json")));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(R"({"client_id":"1-x.apps.googleusercontent.com","client_secret":"s"})");
+    }
+};
+
+} // namespace
+
+TEST_F(TaveloAppTest, NoWorkspaceUntilSomeoneSignsIn) {
+    auto app = makeApp();
+    syncWait(app->start());
+    EXPECT_EQ(app->currentWorkspace(), nullptr);
+    EXPECT_FALSE(QDir(root()).exists(QStringLiteral("users")));
+}
+
+TEST_F(TaveloAppTest, SigningInBuildsTheWorkspaceOverItsOwnDirectory) {
+    auto app = makeApp();
+    syncWait(app->start());
+    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+
+    const auto workspace = app->currentWorkspace();
+    ASSERT_NE(workspace, nullptr);
+    EXPECT_EQ(workspace->id(), app->aiCloud().workspaceID());
+    EXPECT_EQ(workspace->connectionID(), app->aiCloud().connectionID());
+    EXPECT_EQ(workspace->directory(), QDir(root()).filePath(QStringLiteral("users/") + workspace->id()));
+    EXPECT_EQ(workspace->statePath(), QDir(workspace->directory()).filePath(QStringLiteral("state.json")));
+    EXPECT_FALSE(workspace->hasGoogleServices());
+
+    // The calendar store works over the workspace's own file.
+    syncWait(workspace->store().load());
+    EXPECT_TRUE(workspace->store().didLoad());
+    EXPECT_TRUE(syncWait(workspace->store().setPastSearchResultsIncluded(true)));
+    EXPECT_TRUE(QFile::exists(workspace->statePath()));
+
+    // Asking again keeps the same bundle while the account is unchanged.
+    app->updateWorkspace();
+    EXPECT_EQ(app->currentWorkspace(), workspace);
+}
+
+TEST_F(TaveloAppTest, ANewConnectionToTheSameAccountGetsAFreshBundleOverTheSameData) {
+    auto app = makeApp();
+    syncWait(app->start());
+    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    const auto first = app->currentWorkspace();
+    ASSERT_NE(first, nullptr);
+    syncWait(first->store().load());
+    ASSERT_TRUE(syncWait(first->store().setPastSearchResultsIncluded(true)));
+
+    syncWait(app->aiCloud().disconnect());
+    EXPECT_EQ(app->currentWorkspace(), nullptr);
+
+    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    const auto second = app->currentWorkspace();
+    ASSERT_NE(second, nullptr);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(second->id(), first->id());
+    EXPECT_NE(second->connectionID(), first->connectionID());
+    syncWait(second->store().load());
+    EXPECT_TRUE(second->store().preferences().includePastSearchResults);
+}
+
+TEST_F(TaveloAppTest, TheOAuthFileDecidesWhetherGoogleServicesAreBuilt) {
+    int factoryCalls = 0;
+    std::optional<GoogleOAuthConfiguration> seen;
+    auto app = makeApp([&](const GoogleOAuthConfiguration& configuration, std::shared_ptr<LocalCalendarService> local,
+                           const QString&) -> std::optional<TaveloGoogleServices> {
+        ++factoryCalls;
+        seen = configuration;
+        return TaveloGoogleServices{local, nullptr};
+    });
+    syncWait(app->start());
+    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    const auto local = app->currentWorkspace();
+    ASSERT_NE(local, nullptr);
+    EXPECT_EQ(factoryCalls, 0); // no file yet
+
+    // A valid file is read when the next workspace is built.
+    writeOAuthFile(local->directory());
+    syncWait(app->aiCloud().disconnect());
+    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    ASSERT_NE(app->currentWorkspace(), nullptr);
+    EXPECT_EQ(factoryCalls, 1);
+    ASSERT_TRUE(seen);
+    EXPECT_EQ(seen->clientID, QStringLiteral("1-x.apps.googleusercontent.com"));
+
+    // A damaged file is not an error: the workspace runs on the local store.
+    QFile damaged(app->currentWorkspace()->googleOAuthConfigurationPath());
+    ASSERT_TRUE(damaged.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    damaged.write("{\"client_id\":");
+    damaged.close();
+    syncWait(app->aiCloud().disconnect());
+    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    ASSERT_NE(app->currentWorkspace(), nullptr);
+    EXPECT_EQ(factoryCalls, 1);
+    EXPECT_FALSE(app->currentWorkspace()->hasGoogleServices());
+}
