@@ -1,5 +1,6 @@
 #include "support/JsonReader.h"
 
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -31,7 +32,9 @@ std::string JsonPath::describe() const {
     for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
         const JsonPath* p = *it;
         if (p->index >= 0) {
-            out += "[" + std::to_string(p->index) + "]";
+            out.push_back('[');
+            out += std::to_string(p->index);
+            out.push_back(']');
         } else if (!p->key.empty()) {
             if (!out.empty()) out.push_back('.');
             out.append(p->key);
@@ -95,10 +98,82 @@ double JsonValue::number() const {
     return d;
 }
 
+namespace {
+
+// Keys are short: comparing them in words beats calling memcmp.
+bool sameKey(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    const char* p = a.data();
+    const char* q = b.data();
+    std::size_t n = a.size();
+    if (n >= 8) {
+        std::uint64_t x, y;
+        for (; n > 8; n -= 8, p += 8, q += 8) {
+            std::memcpy(&x, p, 8);
+            std::memcpy(&y, q, 8);
+            if (x != y) return false;
+        }
+        // The last eight bytes, overlapping what was compared already.
+        std::memcpy(&x, p + n - 8, 8);
+        std::memcpy(&y, q + n - 8, 8);
+        return x == y;
+    }
+    if (n >= 4) {
+        std::uint32_t x, y, z, w;
+        std::memcpy(&x, p, 4);
+        std::memcpy(&y, q, 4);
+        std::memcpy(&z, p + n - 4, 4);
+        std::memcpy(&w, q + n - 4, 4);
+        return x == y && z == w;
+    }
+    for (; n > 0; --n)
+        if (*p++ != *q++) return false;
+    return true;
+}
+
+} // namespace
+
+void JsonObject::buildIndex() const {
+    if (object_.size() > kIndexCapacity) {
+        index_ = Index::tooLarge;
+        return;
+    }
+    std::size_t count = 0;
+    for (const auto field : object_) {
+        const unsigned print = fingerprint(field.key);
+        if (mayHave(print)) {
+            // Possibly a repeated key: only its first occurrence is kept.
+            bool repeated = false;
+            for (std::size_t i = 0; i < count && !repeated; ++i) repeated = sameKey(fields_.items[i].key, field.key);
+            if (repeated) continue;
+        }
+        filter_[print >> 6] |= std::uint64_t{1} << (print & 63);
+        fields_.items[count++] = Field{field.key, field.value};
+    }
+    count_ = static_cast<std::uint8_t>(count);
+    index_ = Index::built;
+}
+
 std::optional<simdjson::dom::element> JsonObject::find(std::string_view key) const {
-    simdjson::dom::element element;
-    if (object_.at_key(key).get(element) != simdjson::SUCCESS) return std::nullopt;
-    return element;
+    if (index_ == Index::notBuilt) buildIndex();
+    if (index_ == Index::tooLarge) {
+        simdjson::dom::element element;
+        if (object_.at_key(key).get(element) != simdjson::SUCCESS) return std::nullopt;
+        return element;
+    }
+    if (!mayHave(fingerprint(key))) return std::nullopt;
+    // Keys in the index are unique, so wherever the search starts, a match
+    // is the first occurrence.
+    std::size_t i = cursor_;
+    for (std::size_t n = 0; n < count_; ++n) {
+        if (i == count_) i = 0;
+        if (sameKey(fields_.items[i].key, key)) {
+            cursor_ = static_cast<std::uint8_t>(i + 1);
+            return fields_.items[i].value;
+        }
+        ++i;
+    }
+    return std::nullopt;
 }
 
 void readJson(const JsonValue& v, int& out) {
@@ -134,9 +209,13 @@ void readJson(const JsonValue& v, QUrl& out) {
     out = url;
 }
 
-simdjson::dom::element JsonDocumentParser::parse(std::string_view text) {
+simdjson::dom::element JsonDocumentParser::parse(std::string_view text) { return parse(text, true); }
+
+simdjson::dom::element JsonDocumentParser::parseInPlace(std::string_view text) { return parse(text, false); }
+
+simdjson::dom::element JsonDocumentParser::parse(std::string_view text, bool copy) {
     simdjson::dom::element element;
-    auto error = parser_.parse(text.data(), text.size(), true).get(element);
+    auto error = parser_.parse(text.data(), text.size(), copy).get(element);
     if (error != simdjson::SUCCESS)
         throw JsonDecodingError(JsonDecodingError::Kind::syntax, std::string(),
                                 std::string("The given data was not valid JSON: ") + simdjson::error_message(error));
