@@ -20,40 +20,28 @@ namespace tavelo::testing {
 
 class MemorySecretStore final : public SecretStore {
 public:
-    using Key = std::pair<QString, QString>;
-
     QCoro::Task<SecretReadResult> read(QString service, QString account) override {
         ++reads;
-        if (readStatus) co_return SecretReadResult{*readStatus, {}};
         auto it = items.find({service, account});
-        if (it == items.end()) co_return SecretReadResult{SecretStatus::itemNotFound, {}};
+        if (readStatus || it == items.end()) co_return SecretReadResult{readStatus.value_or(SecretStatus::itemNotFound), {}};
         co_return SecretReadResult{SecretStatus::success, it->second};
     }
-
     QCoro::Task<std::int32_t> save(QString service, QString account, QByteArray data) override {
-        ++saves;
         if (saveStatus) co_return *saveStatus;
         items[{service, account}] = data;
         co_return SecretStatus::success;
     }
-
     QCoro::Task<std::int32_t> remove(QString service, QString account) override {
-        ++removes;
         co_return items.erase({service, account}) ? SecretStatus::success : SecretStatus::itemNotFound;
     }
-
     std::optional<QByteArray> item(const QString& account) const {
         auto it = items.find({QString::fromLatin1(AICloudStore::kKeychainService), account});
-        if (it == items.end()) return std::nullopt;
-        return it->second;
+        return it == items.end() ? std::nullopt : std::optional(it->second);
     }
 
-    std::map<Key, QByteArray> items;
-    std::optional<std::int32_t> readStatus;
-    std::optional<std::int32_t> saveStatus;
+    std::map<std::pair<QString, QString>, QByteArray> items;
+    std::optional<std::int32_t> readStatus, saveStatus;
     int reads = 0;
-    int saves = 0;
-    int removes = 0;
 };
 
 inline const QString kOwnerKey = QStringLiteral("owner-key-0123456789abcdefghijklmnop"); // 36 characters
@@ -61,53 +49,53 @@ inline const QString kOwnerKey = QStringLiteral("owner-key-0123456789abcdefghijk
 class CloudStoreTest : public ::testing::Test {
 protected:
     CloudStoreTest() {
-        defaults = std::make_shared<SettingsDefaults>(directory.filePath(QStringLiteral("defaults.ini")));
         defaults->setString(QStringLiteral("aiCloudHostedEndpoint"), hosted.baseUrl());
         defaults->setString(QStringLiteral("aiCloudIdentityToolkitURL"), identity.baseUrl());
         defaults->setString(QStringLiteral("aiCloudSecureTokenURL"), identity.baseUrl() + QStringLiteral("/"));
-        secrets = std::make_shared<MemorySecretStore>();
-        transport = std::make_shared<NetworkHTTPTransport>();
-        privateServer.route("GET", "/v1/session",
-                            CannedResponse::json(200, R"({"userID":"owner","kind":"owner","capabilities":["sync"]})"));
+        routeDefaults();
+    }
+
+    // A private server, a hosted cloud and an identity service that all say yes.
+    void routeDefaults() {
+        privateServer.route("GET", "/v1/session", CannedResponse::json(200, R"({"userID":"owner","kind":"owner"})"));
         hosted.route("GET", "/v1/config", CannedResponse::json(200, R"({"apiKey":"API-KEY"})"));
-        identity.route("POST", "/v1/accounts:signInWithPassword",
-                       CannedResponse::json(200, R"({"idToken":"ID-1","refreshToken":"REFRESH-1","kind":"x"})"));
-        identity.route("POST", "/v1/token",
-                       CannedResponse::json(200, R"({"id_token":"ID-2","refresh_token":"REFRESH-2"})"));
         hosted.route("GET", "/v1/session",
-                      CannedResponse::json(200, R"({"userID":"user-1","email":"a@example.jp","kind":"identity"})"));
+                     CannedResponse::json(200, R"({"userID":"user-1","email":"a@example.jp","kind":"identity"})"));
+        identity.route("POST", "/v1/accounts:signInWithPassword",
+                       CannedResponse::json(200, R"({"idToken":"ID-1","refreshToken":"REFRESH-1"})"));
+        identity.route("POST", "/v1/token", CannedResponse::json(200, R"({"id_token":"ID-2","refresh_token":"REFRESH-2"})"));
     }
 
     std::unique_ptr<AICloudStore> makeStore() {
-        AICloudStore::Dependencies deps;
-        deps.defaults = defaults;
-        deps.secrets = secrets;
-        deps.transport = transport;
-        deps.cacheDirectory = directory.filePath(QStringLiteral("cache"));
-        deps.now = [this] { return now; };
-        deps.sleep = [this](double seconds, std::stop_token stop) -> QCoro::Task<void> {
+        auto sleep = [this](double seconds, std::stop_token stop) -> QCoro::Task<void> {
             sleeps.push_back(seconds);
             checkCancellation(stop);
             co_return;
         };
-        return std::make_unique<AICloudStore>(std::move(deps));
+        return std::make_unique<AICloudStore>(AICloudStore::Dependencies{
+            defaults, secrets, transport, directory.filePath(QStringLiteral("cache")), [this] { return now; }, sleep, {}});
     }
 
     // A store signed in to the private server.
     std::unique_ptr<AICloudStore> connectedStore() {
         auto store = makeStore();
         syncWait(store->connect(privateServer.baseUrl(), kOwnerKey));
-        EXPECT_TRUE(store->session());
+        return store;
+    }
+
+    // A new store that restored the stored session, as at a start.
+    std::unique_ptr<AICloudStore> restored() {
+        auto store = makeStore();
+        syncWait(store->restoreSession());
         return store;
     }
 
     QTemporaryDir directory;
-    LocalHttpServer privateServer;
-    LocalHttpServer hosted;
-    LocalHttpServer identity;
-    std::shared_ptr<SettingsDefaults> defaults;
-    std::shared_ptr<MemorySecretStore> secrets;
-    std::shared_ptr<NetworkHTTPTransport> transport;
+    LocalHttpServer privateServer, hosted, identity;
+    std::shared_ptr<SettingsDefaults> defaults =
+        std::make_shared<SettingsDefaults>(directory.filePath(QStringLiteral("defaults.ini")));
+    std::shared_ptr<MemorySecretStore> secrets = std::make_shared<MemorySecretStore>();
+    std::shared_ptr<NetworkHTTPTransport> transport = std::make_shared<NetworkHTTPTransport>();
     Date now = Date::fromUnixSeconds(1'767'225'600); // 2026-01-01T00:00:00Z
     std::vector<double> sleeps;
 };
@@ -125,18 +113,21 @@ std::exception_ptr failureOf(QCoro::Task<T>&& task) {
     return nullptr;
 }
 
-inline QString messageOf(std::exception_ptr failure) {
-    return failure ? localizedDescription(failure) : QString();
-}
+inline QString messageOf(std::exception_ptr failure) { return failure ? localizedDescription(failure) : QString(); }
 
-inline std::optional<int> httpStatusOf(std::exception_ptr failure) {
+inline std::optional<CloudError> cloudErrorOf(std::exception_ptr failure) {
     try {
         if (failure) std::rethrow_exception(failure);
     } catch (const CloudError& error) {
-        return error.httpStatus();
+        return error;
     } catch (...) {
     }
     return std::nullopt;
+}
+
+// The bearer of the last request to `path`.
+inline std::optional<QByteArray> bearerAt(const LocalHttpServer& server, const QByteArray& method, const QByteArray& path) {
+    return server.last(method, path).header("authorization");
 }
 
 } // namespace tavelo::testing

@@ -4,41 +4,26 @@
 
 #include "CloudTestSupport.h"
 
-#include "support/SecretStore.h"
-
 using namespace tavelo;
 using namespace tavelo::testing;
 
-namespace {
-
-const QString kService = QString::fromLatin1(AICloudStore::kKeychainService);
-
-} // namespace
-
-TEST(SecretServiceTest, ItemsAreSavedReplacedReadAndRemoved) {
+TEST(SecretServiceTest, ItemsAreSavedReplacedReadAndRemovedPerServiceAndAccount) {
     KeychainSecretStore store;
-    const QString account = "https://private.example.jp/" + UUID::random().toString();
+    const QString service = AICloudStore::kKeychainService;
+    const QString account = "https://private.example.jp/" + UUID::random().toString(), other = "identity:" + account;
+    const QByteArray key = QString("二番目の鍵-0123456789").toUtf8(), binary("\x00\xff\xc3\x28", 4);
+    auto read = [&](const QString& s, const QString& a) { return syncWait(store.read(s, a)); };
 
-    EXPECT_EQ(syncWait(store.read(kService, account)).status, SecretStatus::itemNotFound);
-    EXPECT_EQ(syncWait(store.save(kService, account, "first key")), SecretStatus::success);
-    const QByteArray secondKey = QString("二番目の鍵-0123456789").toUtf8();
-    EXPECT_EQ(syncWait(store.save(kService, account, secondKey)), SecretStatus::success);
-    const auto read = syncWait(store.read(kService, account));
-    EXPECT_EQ(read.status, SecretStatus::success);
-    EXPECT_EQ(read.data, secondKey);
-
-    // Items are per service and account.
-    EXPECT_EQ(syncWait(store.read("jp.tavelo.app.other", account)).status, SecretStatus::itemNotFound);
-    EXPECT_EQ(syncWait(store.read(kService, "identity:" + account)).status, SecretStatus::itemNotFound);
-    const QByteArray binary("\x00\xff\xc3\x28", 4);
-    EXPECT_EQ(syncWait(store.save(kService, "identity:" + account, binary)), SecretStatus::success);
-    EXPECT_EQ(syncWait(store.read(kService, "identity:" + account)).data, binary);
-    EXPECT_EQ(syncWait(store.read(kService, account)).data, secondKey);
-
-    EXPECT_EQ(syncWait(store.remove(kService, account)), SecretStatus::success);
-    EXPECT_EQ(syncWait(store.read(kService, account)).status, SecretStatus::itemNotFound);
-    EXPECT_EQ(syncWait(store.read(kService, "identity:" + account)).data, binary);
-    syncWait(store.remove(kService, "identity:" + account));
+    EXPECT_EQ(read(service, account).status, SecretStatus::itemNotFound);
+    for (const auto& [name, data] : {std::pair(account, QByteArray("first")), std::pair(account, key), std::pair(other, binary)})
+        EXPECT_EQ(syncWait(store.save(service, name, data)), SecretStatus::success);
+    EXPECT_EQ(read(service, account).status, SecretStatus::success);
+    EXPECT_EQ(read(service, account).data, key);
+    EXPECT_EQ(read("jp.tavelo.app.other", account).status, SecretStatus::itemNotFound);
+    EXPECT_EQ(syncWait(store.remove(service, account)), SecretStatus::success);
+    EXPECT_EQ(read(service, account).status, SecretStatus::itemNotFound);
+    EXPECT_EQ(read(service, other).data, binary);
+    syncWait(store.remove(service, other));
 }
 
 // The private-server key lives in the Secret Service between runs: a
@@ -46,22 +31,14 @@ TEST(SecretServiceTest, ItemsAreSavedReplacedReadAndRemoved) {
 TEST_F(CloudStoreTest, ConnectionKeySurvivesARestartInTheSecretService) {
     auto keychain = std::make_shared<KeychainSecretStore>();
     auto make = [&] {
-        AICloudStore::Dependencies deps;
-        deps.defaults = defaults;
-        deps.secrets = keychain;
-        deps.transport = transport;
-        deps.cacheDirectory = directory.filePath("cache");
-        return std::make_unique<AICloudStore>(std::move(deps));
+        return std::make_unique<AICloudStore>(AICloudStore::Dependencies{
+            defaults, keychain, transport, directory.path(), systemClock(), eventLoopSleep(), std::nullopt});
     };
-    const QString endpoint = privateServer.baseUrl();
-    syncWait(make()->connect(endpoint, kOwnerKey));
-    EXPECT_EQ(syncWait(keychain->read(kService, endpoint)).data, kOwnerKey.toUtf8());
-
+    syncWait(make()->connect(privateServer.baseUrl(), kOwnerKey));
     auto restarted = make();
     syncWait(restarted->restoreSession());
     ASSERT_TRUE(restarted->session()) << restarted->errorMessageText().toStdString();
-    EXPECT_EQ(privateServer.last("GET", "/v1/session").header("authorization"), "Bearer " + kOwnerKey.toUtf8());
-
+    EXPECT_EQ(bearerAt(privateServer, "GET", "/v1/session"), "Bearer " + kOwnerKey.toUtf8());
     syncWait(restarted->disconnect());
-    EXPECT_EQ(syncWait(keychain->read(kService, endpoint)).status, SecretStatus::itemNotFound);
+    EXPECT_EQ(syncWait(keychain->read(AICloudStore::kKeychainService, privateServer.baseUrl())).status, SecretStatus::itemNotFound);
 }

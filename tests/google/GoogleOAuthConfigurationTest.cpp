@@ -47,15 +47,12 @@ TEST_F(GoogleOAuthConfigurationTest, EveryFaultIsTheSameInvalidConfiguration) {
         R"({"client_id":"123.apps.googleusercontent.com","client_secret":null})",
         R"({"client_id":"a.apps.googleusercontent.com","client_id":"b.apps.googleusercontent.com"})",
     };
-    for (const auto& content : rejected) {
-        SCOPED_TRACE(content.toStdString());
-        try {
-            GoogleOAuthConfiguration::load(write(content));
-            ADD_FAILURE() << "accepted";
-        } catch (const GoogleOAuthConfigurationError& e) {
-            EXPECT_EQ(e.errorDescription(), QStringLiteral("The Google OAuth configuration is invalid."));
-        }
+    for (const auto& content : rejected)
+        EXPECT_THROW(GoogleOAuthConfiguration::load(write(content)), GoogleOAuthConfigurationError) << content.constData();
+    try {
+        GoogleOAuthConfiguration::load(dir.filePath(QStringLiteral("missing.json")));
+        ADD_FAILURE() << "a missing file loaded";
+    } catch (const GoogleOAuthConfigurationError& e) {
+        EXPECT_EQ(e.errorDescription(), QStringLiteral("The Google OAuth configuration is invalid."));
     }
-    EXPECT_THROW(GoogleOAuthConfiguration::load(dir.filePath(QStringLiteral("missing.json"))),
-                 GoogleOAuthConfigurationError);
 }

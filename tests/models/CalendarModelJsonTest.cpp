@@ -69,9 +69,7 @@ TEST(CalendarModelJsonTest, EventKeysFollowFieldOrderAndEmptyOptionalsAreAbsent)
 TEST(CalendarModelJsonTest, DatesLoseTheirFractionOnARoundTrip) {
     CalendarEvent event = sampleEvent();
     event.start = event.start.addingSeconds(0.25);
-    const auto reread = decodeJson<CalendarEvent>(encodeJson(event));
-    EXPECT_NE(reread, event);
-    EXPECT_EQ(reread.start, sampleEvent().start);
+    EXPECT_EQ(decodeJson<CalendarEvent>(encodeJson(event)), sampleEvent());
 }
 
 TEST(CalendarModelJsonTest, SnapshotDefaultsOnlyTheSyncStates) {
@@ -85,14 +83,12 @@ TEST(CalendarModelJsonTest, SnapshotDefaultsOnlyTheSyncStates) {
 }
 
 TEST(CalendarModelJsonTest, SyncStatesCollapseToFirstPositionWithLastContent) {
-    const std::string states = std::string(R"(,"googleSyncStates":[)") + R"({"calendarID":")" +
-                               kCal1.toStdString() + R"(","syncToken":"A"},)" + R"({"calendarID":")" +
-                               kCal2.toStdString() + R"(","syncToken":"B"},)" + R"({"calendarID":")" +
-                               kCal1.toStdString() + R"(","syncToken":"C","lastSync":null}])";
+    const std::string states = R"(,"googleSyncStates":[{"calendarID":"11111111-1111-4111-8111-111111111111","syncToken":"A"},)"
+                               R"({"calendarID":"22222222-2222-4222-8222-222222222222","syncToken":"B"},)"
+                               R"({"calendarID":"11111111-1111-4111-8111-111111111111","syncToken":"C","lastSync":null}])";
     const auto decoded = decodeJson<AppSnapshot>(snapshotJson(states));
-    ASSERT_EQ(decoded.googleSyncStates.size(), 2u);
-    EXPECT_EQ(decoded.googleSyncStates[0], (GoogleCalendarSyncState{kCal1, QStringLiteral("C"), std::nullopt}));
-    EXPECT_EQ(decoded.googleSyncStates[1].syncToken, QStringLiteral("B"));
+    EXPECT_EQ(decoded.googleSyncStates, (std::vector<GoogleCalendarSyncState>{{kCal1, QStringLiteral("C"), std::nullopt},
+                                                                              {kCal2, QStringLiteral("B"), std::nullopt}}));
 
     // The initialiser normalises the same way.
     const AppSnapshot built(2, {}, {}, {}, {}, AppPreferences::defaults(),
@@ -114,11 +110,9 @@ TEST(CalendarModelJsonTest, ADamagedEventMakesTheWholeSnapshotUndecodable) {
         return snapshotJson("", "[" + json + "]");
     };
     EXPECT_NO_THROW(decodeJson<AppSnapshot>(snapshotJson("", "[" + good + "]")));
-    EXPECT_THROW(decodeJson<AppSnapshot>(replaced("\"weekly\"", "\"yearly\"")), JsonDecodingError);
-    EXPECT_THROW(decodeJson<AppSnapshot>(replaced("\"2026-01-05T09:00:00Z\"", "\"2026-01-05T09:00:00.123Z\"")),
-                 JsonDecodingError);
-    EXPECT_THROW(decodeJson<AppSnapshot>(replaced("\"accepted\"", "\"maybe\"")), JsonDecodingError);
-    EXPECT_THROW(decodeJson<AppSnapshot>(replaced("\"notes\":\"議題\",", "")), JsonDecodingError);
+    for (const auto& [from, to] : std::vector<std::pair<std::string, std::string>>{
+             {"\"weekly\"", "\"yearly\""}, {"09:00:00Z", "09:00:00.123Z"}, {"\"accepted\"", "\"maybe\""}, {"\"notes\":\"議題\",", ""}})
+        EXPECT_THROW(decodeJson<AppSnapshot>(replaced(from, to)), JsonDecodingError) << from;
     // Absent and null optionals are both nothing.
     EXPECT_EQ(decodeJson<AppSnapshot>(replaced("\"recurrence\":\"weekly\"", "\"recurrence\":null")).events[0].recurrence,
               std::nullopt);
@@ -139,43 +133,15 @@ TEST(CalendarModelJsonTest, TagRuleConditionsUseTheSingleKeyForm) {
     EXPECT_NE(json.find(R"("condition":{"titleContains":{"_0":"定例"}})"), std::string::npos) << json;
     EXPECT_NE(json.find(R"("condition":{"calendarEquals":{"_0":"22222222-2222-4222-8222-222222222222"}})"),
               std::string::npos);
-    EXPECT_EQ(json.find("weeklyTargetMinutes"), std::string::npos);
     EXPECT_EQ(decodeJson<Tag>(json), tag);
 
-    for (const char* bad : {R"({})", R"({"titleContains":{"_0":"a"},"calendarEquals":{"_0":"a"}})"}) {
-        try {
-            decodeJson<TagRuleCondition>(bad);
-            ADD_FAILURE() << bad;
-        } catch (const JsonDecodingError& e) {
-            EXPECT_EQ(e.kind(), JsonDecodingError::Kind::typeMismatch);
-            EXPECT_EQ(e.detail(), "Invalid number of keys found, expected one.");
-        }
-    }
-    EXPECT_THROW(decodeJson<TagRuleCondition>(R"({"titleStarts":{"_0":"a"}})"), JsonDecodingError);
-    EXPECT_THROW(decodeJson<TagRuleCondition>(R"({"calendarEquals":{"_0":"nope"}})"), JsonDecodingError);
+    for (const char* bad : {R"({})", R"({"titleContains":{"_0":"a"},"calendarEquals":{"_0":"a"}})",
+                            R"({"titleStarts":{"_0":"a"}})", R"({"calendarEquals":{"_0":"nope"}})"})
+        EXPECT_THROW(decodeJson<TagRuleCondition>(bad), JsonDecodingError) << bad;
 }
 
-TEST(CalendarModelJsonTest, NamedValues) {
-    const AppSnapshot empty = AppSnapshot::empty();
-    EXPECT_EQ(empty.version, 2);
-    EXPECT_TRUE(empty.calendars.empty() && empty.events.empty() && empty.tags.empty());
-    EXPECT_EQ(empty.preferences, AppPreferences::defaults());
-    EXPECT_TRUE(empty.preferences.mergeDuplicates && empty.preferences.crossAccountAvailability &&
-                empty.preferences.automaticBusyBlocks && !empty.preferences.includePastSearchResults);
-    EXPECT_EQ(empty.preferences.busyBlockScope, BusyBlockScope::all);
-
-    const auto& tavelo = CalendarSource::tavelo();
-    EXPECT_EQ(encodeJson(tavelo), R"({"id":"785A676B-A42A-46B9-8D45-6335F8B12837","name":"Tavelo",)"
-                                  R"("colorHex":"#6558D9","isVisible":true,"receivesBusyBlocks":false})");
-    EXPECT_EQ(CalendarEvent::pendingMeetURL().toString(), QStringLiteral("tavelo://meet/pending"));
-
-    // Preferences compare as sets, whatever the order on disk.
-    const auto a = decodeJson<AppPreferences>(
-        R"({"mergeDuplicates":true,"crossAccountAvailability":true,"automaticBusyBlocks":true,"busyBlockScope":"custom",)"
-        R"("customBusyBlockCalendarIDs":["11111111-1111-4111-8111-111111111111","22222222-2222-4222-8222-222222222222"],)"
-        R"("includePastSearchResults":false})");
-    AppPreferences b = AppPreferences::defaults();
-    b.busyBlockScope = BusyBlockScope::custom;
-    b.customBusyBlockCalendarIDs = {kCal2, kCal1};
-    EXPECT_EQ(a, b);
+// The built-in calendar's record is part of every stored file: it never changes.
+TEST(CalendarModelJsonTest, TheBuiltInCalendarKeepsItsIdentity) {
+    EXPECT_EQ(encodeJson(CalendarSource::tavelo()), R"({"id":"785A676B-A42A-46B9-8D45-6335F8B12837","name":"Tavelo",)"
+                                                    R"("colorHex":"#6558D9","isVisible":true,"receivesBusyBlocks":false})");
 }

@@ -36,35 +36,25 @@ struct Sample {
     bool operator==(const Sample&) const = default;
 };
 
-JsonDecodingError decodeFailure(std::string_view text) {
-    try {
-        decodeJson<Sample>(text);
-    } catch (const JsonDecodingError& e) {
-        return e;
-    }
-    ADD_FAILURE() << "decoded without error: " << text;
-    return JsonDecodingError(JsonDecodingError::Kind::syntax, "", "");
-}
-
 } // namespace
 
-TEST(JsonTest, WriterEscapesEverythingJsonRequiresAndKeepsUnicode) {
+TEST(JsonTest, WriterEscapesEverythingJsonRequiresAndTheReaderTakesItBack) {
+    const QString text = QStringLiteral("会議 \"quoted\" back\\slash\n\t\x01");
     std::string out;
     JsonWriter w(out);
     w.beginArray();
-    w.string(QStringLiteral("会議 \"quoted\" back\\slash\n\t\x01"));
+    w.string(text);
     w.number(0.1);
     w.integer(-42);
     w.null();
     w.endArray();
     EXPECT_EQ(out, "[\"会議 \\\"quoted\\\" back\\\\slash\\n\\t\\u0001\",0.1,-42,null]");
 
-    // What the writer produces, the strict reader takes back unchanged.
     JsonDocumentParser parser;
     JsonPath root;
     QString back;
     readJson(JsonValue(parser.parse(out).at(0), &root), back);
-    EXPECT_EQ(back, QStringLiteral("会議 \"quoted\" back\\slash\n\t\x01"));
+    EXPECT_EQ(back, text);
 }
 
 TEST(JsonTest, OptionalFieldsAreOmittedAndAcceptAbsentOrNull) {
@@ -77,29 +67,65 @@ TEST(JsonTest, OptionalFieldsAreOmittedAndAcceptAbsentOrNull) {
 }
 
 TEST(JsonTest, StrictRulesRejectWithTheFaultAndItsPlace) {
-    struct Case {
-        const char* text;
-        JsonDecodingError::Kind kind;
-        const char* path;
-    };
+    using Kind = JsonDecodingError::Kind;
+    struct Case { const char* text; Kind kind; const char* path; };
     const Case cases[] = {
-        {R"({"count":1,"colours":[],)", JsonDecodingError::Kind::syntax, ""},
-        {R"({"colours":[],"when":"1970-01-01T00:00:00Z"})", JsonDecodingError::Kind::keyNotFound, ""},
-        {R"({"count":null,"colours":[],"when":"1970-01-01T00:00:00Z"})", JsonDecodingError::Kind::keyNotFound, "count"},
-        {R"({"count":"1","colours":[],"when":"1970-01-01T00:00:00Z"})", JsonDecodingError::Kind::typeMismatch, "count"},
-        {R"({"count":1.5,"colours":[],"when":"1970-01-01T00:00:00Z"})", JsonDecodingError::Kind::typeMismatch, "count"},
-        {R"({"count":4294967296,"colours":[],"when":"1970-01-01T00:00:00Z"})", JsonDecodingError::Kind::dataCorrupted, "count"},
-        {R"({"count":1,"colours":["red","blue"],"when":"1970-01-01T00:00:00Z"})", JsonDecodingError::Kind::dataCorrupted, "colours[1]"},
-        {R"({"count":1,"colours":[],"when":"1970-01-01T00:00:00.000Z"})", JsonDecodingError::Kind::dataCorrupted, "when"},
-        {R"({"count":1,"colours":{},"when":"1970-01-01T00:00:00Z"})", JsonDecodingError::Kind::typeMismatch, "colours"},
-        {R"([1,2])", JsonDecodingError::Kind::typeMismatch, ""},
+        {R"({"count":1,"colours":[],)", Kind::syntax, ""},
+        {R"({"colours":[],"when":"1970-01-01T00:00:00Z"})", Kind::keyNotFound, ""},
+        {R"({"count":null,"colours":[],"when":"1970-01-01T00:00:00Z"})", Kind::keyNotFound, "count"},
+        {R"({"count":"1","colours":[],"when":"1970-01-01T00:00:00Z"})", Kind::typeMismatch, "count"},
+        {R"({"count":1.5,"colours":[],"when":"1970-01-01T00:00:00Z"})", Kind::typeMismatch, "count"},
+        {R"({"count":4294967296,"colours":[],"when":"1970-01-01T00:00:00Z"})", Kind::dataCorrupted, "count"},
+        {R"({"count":1,"colours":["red","blue"],"when":"1970-01-01T00:00:00Z"})", Kind::dataCorrupted, "colours[1]"},
+        {R"({"count":1,"colours":[],"when":"1970-01-01T00:00:00.000Z"})", Kind::dataCorrupted, "when"},
+        {R"({"count":1,"colours":{},"when":"1970-01-01T00:00:00Z"})", Kind::typeMismatch, "colours"},
+        {R"([1,2])", Kind::typeMismatch, ""},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        const auto error = decodeFailure(c.text);
-        EXPECT_EQ(error.kind(), c.kind);
-        EXPECT_EQ(error.path(), c.path);
+        try {
+            decodeJson<Sample>(c.text);
+            ADD_FAILURE() << "decoded: " << c.text;
+        } catch (const JsonDecodingError& e) {
+            EXPECT_EQ(e.kind(), c.kind) << c.text;
+            EXPECT_EQ(e.path(), c.path) << c.text;
+        }
     }
     // A whole number written as a float is still an integer.
     EXPECT_EQ(decodeJson<Sample>(R"({"count":2.0,"colours":[],"when":"1970-01-01T00:00:00Z"})").count, 2);
+}
+
+TEST(JsonTest, FirstOccurrenceOfARepeatedKeyWinsAndUnknownKeysAreIgnored) {
+    const std::string when = R"("when":"1970-01-01T00:00:00Z")";
+    struct Case {
+        std::string text;
+        int count;
+        std::optional<QString> label;
+    };
+    std::string manyKeys;
+    for (int i = 0; i < 40; ++i) manyKeys += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ",";
+    const Case cases[] = {
+        // Written in the reverse of the order they are read, repeated, and
+        // among unknown keys, one of them an object with a known key inside.
+        {R"({"label":"a",)" + when + R"(,"colours":[],"x":{"count":9},"count":1,"count":2,"label":"b"})", 1, "a"},
+        // A null first occurrence leaves the optional key empty.
+        {R"({"count":1,"label":null,"colours":[],"label":"b",)" + when + "}", 1, std::nullopt},
+        // Unknown keys of the same length and ends as known ones.
+        {R"({"coast":7,"colOurs":[1],"count":3,"colours":[],)" + when + "}", 3, std::nullopt},
+        // Too many keys for the index: searched field by field, same rule.
+        {"{" + manyKeys + R"("count":4,"colours":[],"count":5,)" + when + "}", 4, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        const auto decoded = decodeJson<Sample>(c.text);
+        EXPECT_EQ(decoded.count, c.count);
+        EXPECT_EQ(decoded.label, c.label);
+    }
+    // The first occurrence counts even when only a later one would decode.
+    try {
+        decodeJson<Sample>(R"({"count":"one","count":1,"colours":[],)" + when + "}");
+        ADD_FAILURE() << "decoded a count of \"one\"";
+    } catch (const JsonDecodingError& e) {
+        EXPECT_EQ(e.kind(), JsonDecodingError::Kind::typeMismatch);
+        EXPECT_EQ(e.path(), "count");
+    }
 }
