@@ -1,5 +1,7 @@
 #include "ai/AICloudStore.h"
 
+#include "support/Observable.h"
+
 #include "ai/CloudJson.h"
 
 #include <QCryptographicHash>
@@ -760,57 +762,39 @@ QCoro::Task<void> AICloudStore::removeToken(QString key) {
 // --- observable state ---------------------------------------------------------------------------
 
 void AICloudStore::setState(AICloudState state) {
-    if (state_ == state) return;
-    state_ = std::move(state);
-    pendingChanges_ |= kStateChange;
+    if (assignIfChanged(state_, std::move(state))) pendingChanges_ |= kStateChange;
 }
 
 void AICloudStore::setAccount(std::optional<AIAccount> account) {
-    if (account_ == account) return;
-    account_ = std::move(account);
-    pendingChanges_ |= kAccountChange;
+    if (assignIfChanged(account_, std::move(account))) pendingChanges_ |= kAccountChange;
 }
 
 void AICloudStore::setErrorMessage(std::optional<QString> message) {
-    if (errorMessage_ == message) return;
-    errorMessage_ = std::move(message);
-    pendingChanges_ |= kErrorMessageChange;
+    if (assignIfChanged(errorMessage_, std::move(message))) pendingChanges_ |= kErrorMessageChange;
 }
 
 void AICloudStore::setEndpoint(QString endpoint) {
-    if (endpoint_ == endpoint) return;
-    endpoint_ = std::move(endpoint);
-    pendingChanges_ |= kEndpointChange;
+    if (assignIfChanged(endpoint_, std::move(endpoint))) pendingChanges_ |= kEndpointChange;
 }
 
 void AICloudStore::setSession(std::optional<TaveloSession> session) {
-    if (session_ == session) return;
-    session_ = std::move(session);
-    pendingChanges_ |= kSessionChange;
+    if (assignIfChanged(session_, std::move(session))) pendingChanges_ |= kSessionChange;
 }
 
 void AICloudStore::setIsRestoringSession(bool value) {
-    if (isRestoringSession_ == value) return;
-    isRestoringSession_ = value;
-    pendingChanges_ |= kRestoringChange;
+    if (assignIfChanged(isRestoringSession_, value)) pendingChanges_ |= kRestoringChange;
 }
 
 void AICloudStore::setIsRefreshing(bool value) {
-    if (isRefreshing_ == value) return;
-    isRefreshing_ = value;
-    pendingChanges_ |= kRefreshingChange;
+    if (assignIfChanged(isRefreshing_, value)) pendingChanges_ |= kRefreshingChange;
 }
 
 void AICloudStore::setTaveloEmail(std::optional<QString> email) {
-    if (taveloEmail_ == email) return;
-    taveloEmail_ = std::move(email);
-    pendingChanges_ |= kEmailChange;
+    if (assignIfChanged(taveloEmail_, std::move(email))) pendingChanges_ |= kEmailChange;
 }
 
 void AICloudStore::setConnectionID(QString id) {
-    if (connectionID_ == id) return;
-    connectionID_ = std::move(id);
-    pendingChanges_ |= kConnectionIDChange;
+    if (assignIfChanged(connectionID_, std::move(id))) pendingChanges_ |= kConnectionIDChange;
 }
 
 void AICloudStore::emitChanges() {

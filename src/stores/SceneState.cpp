@@ -1,6 +1,7 @@
 #include "stores/SceneState.h"
 
 #include "stores/EventAccessPolicy.h"
+#include "support/Observable.h"
 
 namespace tavelo {
 
@@ -10,43 +11,32 @@ QString EditorPresentation::id() const {
 
 SceneState::SceneState(Date selectedDate, QObject* parent) : QObject(parent), selectedDate_(selectedDate) {}
 
-namespace {
-
-template <class T, class Signal>
-void assignIfChanged(SceneState* self, T& field, T value, Signal signal) {
-    if (field == value) return;
-    field = std::move(value);
-    emit(self->*signal)();
-}
-
-} // namespace
-
-void SceneState::setNavigation(NavigationItem item) { assignIfChanged(this, navigation_, item, &SceneState::navigationChanged); }
+void SceneState::setNavigation(NavigationItem item) { if (assignIfChanged(navigation_, item)) emit navigationChanged(); }
 
 void SceneState::setCalendarNavigation(NavigationItem item) {
-    assignIfChanged(this, calendarNavigation_, item, &SceneState::calendarNavigationChanged);
+    if (assignIfChanged(calendarNavigation_, item)) emit calendarNavigationChanged();
 }
 
 void SceneState::setSettingsSection(SettingsSection section) {
-    assignIfChanged(this, settingsSection_, section, &SceneState::settingsSectionChanged);
+    if (assignIfChanged(settingsSection_, section)) emit settingsSectionChanged();
 }
 
-void SceneState::setSelectedDate(Date date) { assignIfChanged(this, selectedDate_, date, &SceneState::selectedDateChanged); }
+void SceneState::setSelectedDate(Date date) { if (assignIfChanged(selectedDate_, date)) emit selectedDateChanged(); }
 
 void SceneState::setSelectedEventID(std::optional<UUID> id) {
-    assignIfChanged(this, selectedEventID_, id, &SceneState::selectedEventIDChanged);
+    if (assignIfChanged(selectedEventID_, id)) emit selectedEventIDChanged();
 }
 
 void SceneState::setSelectedEventAnchor(std::optional<EventPopoverAnchor> anchor) {
-    assignIfChanged(this, selectedEventAnchor_, std::move(anchor), &SceneState::selectedEventAnchorChanged);
+    if (assignIfChanged(selectedEventAnchor_, std::move(anchor))) emit selectedEventAnchorChanged();
 }
 
 void SceneState::setEditorPresentation(std::optional<EditorPresentation> presentation) {
-    assignIfChanged(this, editorPresentation_, std::move(presentation), &SceneState::editorPresentationChanged);
+    if (assignIfChanged(editorPresentation_, std::move(presentation))) emit editorPresentationChanged();
 }
 
 void SceneState::setPendingEventDraft(std::optional<EventDraft> draft) {
-    assignIfChanged(this, pendingEventDraft_, std::move(draft), &SceneState::pendingEventDraftChanged);
+    if (assignIfChanged(pendingEventDraft_, std::move(draft))) emit pendingEventDraftChanged();
 }
 
 void SceneState::selectNavigation(NavigationItem item) {
