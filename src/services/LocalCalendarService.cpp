@@ -1,7 +1,9 @@
 // The SQLite calendar store. The file is a document store: one metadata row
 // holds the snapshot without its events plus the order of the events, and one
 // row per event holds that event, all as JSON. A save compares the new
-// snapshot with the previous one and touches only the rows that changed.
+// snapshot with the previous one and touches only the rows that changed; the
+// event operations edit the cached events in place and know those rows
+// without comparing the whole list.
 //
 // Everything below the coroutine operations runs synchronously: there is no
 // suspension point inside a read or a write.
@@ -23,6 +25,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <exception>
@@ -32,9 +35,11 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 #include <unistd.h>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace tavelo {
 
@@ -68,10 +73,30 @@ struct SQLiteMetadata {
     AppSnapshot snapshot;
     std::vector<UUID> eventOrder;
 
-    void encode(JsonWriter& w) const {
+    // The row of `full`, written straight from its events rather than from
+    // a record holding a copy of their ids.
+    static void encode(JsonWriter& w, const AppSnapshot& full) {
+        const AppSnapshot withoutEvents(full.version, full.accounts, full.calendars, {}, full.tags, full.preferences,
+                                        full.googleSyncStates);
         w.beginObject();
-        writeField(w, "snapshot", snapshot);
-        writeField(w, "eventOrder", eventOrder);
+        writeField(w, "snapshot", withoutEvents);
+        w.key("eventOrder");
+        w.beginArray();
+        // The ids as the writer spells them ("…", comma-separated), filled
+        // into room made once: this list is most of the row.
+        constexpr std::size_t kQuotedID = 38;
+        std::string& out = w.buffer();
+        const std::size_t count = full.events.size();
+        std::size_t at = out.size();
+        if (count > 0) out.resize(at + count * (kQuotedID + 1) - 1);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (i > 0) out[at++] = ',';
+            out[at++] = '"';
+            full.events[i].id.write(out.data() + at);
+            at += kQuotedID - 2;
+            out[at++] = '"';
+        }
+        w.endArray();
         w.endObject();
     }
     static SQLiteMetadata decode(const JsonValue& v) {
@@ -213,8 +238,8 @@ public:
     void bindText(int index, std::string_view text) {
         check(sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT));
     }
-    void bindBlob(int index, std::string_view bytes) {
-        check(sqlite3_bind_blob(stmt_, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_TRANSIENT));
+    void bindBlob(int index, std::string_view bytes, sqlite3_destructor_type lifetime = SQLITE_TRANSIENT) {
+        check(sqlite3_bind_blob(stmt_, index, bytes.data(), static_cast<int>(bytes.size()), lifetime));
     }
     // Runs a statement that returns no rows, then makes it ready for the next
     // bindings.
@@ -603,11 +628,6 @@ AppSnapshot readDatabase(const QString& path) {
 
 // --- write ----------------------------------------------------------------------
 
-AppSnapshot withoutEvents(const AppSnapshot& snapshot) {
-    return AppSnapshot(snapshot.version, snapshot.accounts, snapshot.calendars, {}, snapshot.tags,
-                       snapshot.preferences, snapshot.googleSyncStates);
-}
-
 // Upserts and deletes single event rows, each statement prepared on first
 // use and finalized with the writer.
 class EventRows {
@@ -702,27 +722,85 @@ void writeEventChanges(const std::vector<CalendarEvent>& old, const std::vector<
         if (kept.insert(old[k].id).second) rows.remove(old[k].id);
 }
 
-void writeDatabase(const AppSnapshot& snapshot, const AppSnapshot* previous, Connection& db,
-                   LocalCalendarService::WriteStats& stats) {
+// An id as two integers: looking one up among a few others then costs a
+// couple of compares rather than calls to memcmp, which counts when every
+// event of a large list is looked up.
+using IDKey = std::pair<std::uint64_t, std::uint64_t>;
+IDKey idKey(const UUID& id) {
+    IDKey key;
+    std::memcpy(&key.first, id.bytes().data(), sizeof key.first);
+    std::memcpy(&key.second, id.bytes().data() + sizeof key.first, sizeof key.second);
+    return key;
+}
+
+// Writes the rows of an edit that put current[begin, end) where the
+// `replaced` events stood: the same rows as comparing the whole lists, as
+// long as no two events of the old list share an id (with nothing replaced,
+// even then), and the same refusal of an id used twice.
+void writeEditedRows(const std::vector<CalendarEvent>& current, std::size_t begin, std::size_t end,
+                     const std::vector<std::pair<std::size_t, CalendarEvent>>& replaced, EventRows& rows) {
+    std::vector<IDKey> added;
+    added.reserve(end - begin);
+    for (std::size_t i = begin; i < end; ++i) added.push_back(idKey(current[i].id));
+    std::sort(added.begin(), added.end());
+    const auto isAdded = [&](const UUID& id) { return std::binary_search(added.begin(), added.end(), idKey(id)); };
+
+    if (!added.empty()) {
+        // A new event may not take the id of an event that stays.
+        std::vector<IDKey> taken;
+        const auto collect = [&](std::size_t from, std::size_t to) {
+            for (std::size_t i = from; i < to; ++i)
+                if (isAdded(current[i].id)) taken.push_back(idKey(current[i].id));
+        };
+        collect(0, begin);
+        collect(end, current.size());
+        std::sort(taken.begin(), taken.end());
+        std::unordered_set<UUID> seen;
+        seen.reserve(end - begin);
+        for (std::size_t i = begin; i < end; ++i) {
+            const UUID& id = current[i].id;
+            if (!seen.insert(id).second || std::binary_search(taken.begin(), taken.end(), idKey(id)))
+                duplicateEvent(id);
+        }
+    }
+
+    // The replaced events by id, to find the old value of a kept one.
+    std::vector<std::pair<IDKey, std::size_t>> old;
+    old.reserve(replaced.size());
+    for (std::size_t k = 0; k < replaced.size(); ++k) old.emplace_back(idKey(replaced[k].second.id), k);
+    std::sort(old.begin(), old.end());
+    for (std::size_t i = begin; i < end; ++i) {
+        const auto& event = current[i];
+        const IDKey key = idKey(event.id);
+        const auto found = std::lower_bound(old.begin(), old.end(), std::pair(key, std::size_t{0}));
+        if (found != old.end() && found->first == key && replaced[found->second].second == event) continue;
+        rows.upsert(event);
+    }
+    for (const auto& [place, event] : replaced)
+        if (!isAdded(event.id)) rows.remove(event.id);
+}
+
+// Writes `snapshot` in one transaction: the metadata row, then the event rows
+// through `writeEventRows`.
+template <class WriteEventRows>
+void writeDatabase(const AppSnapshot& snapshot, Connection& db, LocalCalendarService::WriteStats& stats,
+                   WriteEventRows&& writeEventRows) {
     db.execute("BEGIN IMMEDIATE");
     try {
         {
-            SQLiteMetadata metadata{.snapshot = withoutEvents(snapshot), .eventOrder = {}};
-            metadata.eventOrder.reserve(snapshot.events.size());
-            for (const auto& event : snapshot.events) metadata.eventOrder.push_back(event.id);
             std::string payload;
             payload.reserve(4096 + 39 * snapshot.events.size());
             JsonWriter w(payload);
-            metadata.encode(w);
+            SQLiteMetadata::encode(w, snapshot);
             Statement upsert(db, kWriteMetadata, Kind::operation);
-            upsert.bindBlob(1, payload);
+            // The payload outlives the statement: SQLite need not copy it.
+            upsert.bindBlob(1, payload, SQLITE_STATIC);
             upsert.run();
             stats.metadataRowsWritten = 1;
         }
 
-        static const std::vector<CalendarEvent> kNoEvents;
         EventRows rows(db, stats);
-        writeEventChanges(previous ? previous->events : kNoEvents, snapshot.events, rows);
+        writeEventRows(rows);
         db.execute("COMMIT");
     } catch (...) {
         sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
@@ -732,7 +810,82 @@ void writeDatabase(const AppSnapshot& snapshot, const AppSnapshot* previous, Con
 
 } // namespace
 
+// A second thread that the service keeps, so that a save neither starts nor
+// ends one (with the allocator's per-thread set-up, that costs milliseconds).
+class LocalCalendarService::WriteThread {
+public:
+    // Throws std::system_error when no thread can be had.
+    WriteThread() : thread_([this] { serve(); }) {}
+    ~WriteThread() {
+        {
+            const std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+    WriteThread(const WriteThread&) = delete;
+    WriteThread& operator=(const WriteThread&) = delete;
+
+    // Runs `job` there while `meanwhile`, which must not throw, runs here,
+    // and returns once both are done, with the job's failure if it failed.
+    void run(const std::function<void()>& job, const std::function<void()>& meanwhile) {
+        {
+            const std::lock_guard lock(mutex_);
+            job_ = &job;
+            failure_ = nullptr;
+        }
+        wake_.notify_one();
+        meanwhile();
+        std::exception_ptr failure;
+        {
+            std::unique_lock lock(mutex_);
+            done_.wait(lock, [this] { return job_ == nullptr; });
+            failure = std::exchange(failure_, nullptr);
+        }
+        if (failure) std::rethrow_exception(failure);
+    }
+
+private:
+    void serve() {
+        std::unique_lock lock(mutex_);
+        while (true) {
+            wake_.wait(lock, [this] { return stopping_ || job_ != nullptr; });
+            if (!job_) return;
+            const auto* job = job_;
+            lock.unlock();
+            std::exception_ptr failure;
+            try {
+                (*job)();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            lock.lock();
+            failure_ = std::move(failure);
+            job_ = nullptr;
+            done_.notify_one();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable done_;
+    const std::function<void()>* job_ = nullptr;
+    std::exception_ptr failure_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
 // --- LocalCalendarService -----------------------------------------------------------
+
+struct LocalCalendarService::EventEdit {
+    // Where the new events stand in the edited list.
+    std::size_t begin = 0;
+    std::size_t end = 0;
+    // The events taken out, each with its place before the edit, first place
+    // first.
+    std::vector<std::pair<std::size_t, CalendarEvent>> replaced;
+};
 
 LocalCalendarService::LocalCalendarService(QString fileURL, Seed seed, Now now)
     : fileURL_(std::move(fileURL)), seed_(seed ? std::move(seed) : Seed(&AppSnapshot::empty)),
@@ -756,6 +909,7 @@ CalendarLoadResult LocalCalendarService::recover(const char* label, std::optiona
     moveItem(path_, backup);
     AppSnapshot seed = seed_();
     cachedSnapshot_ = seed;
+    cachedIDsDistinct_ = false;
     auto warning = unsupportedVersion ? CalendarServiceWarning::unsupportedVersion(*unsupportedVersion, backup)
                                       : CalendarServiceWarning::corruptData(backup);
     return CalendarLoadResult{std::move(seed), std::move(warning)};
@@ -766,6 +920,7 @@ CalendarLoadResult LocalCalendarService::loadFromDisk() {
 
     if (!QFileInfo::exists(path_)) {
         cachedSnapshot_ = seed_();
+        cachedIDsDistinct_ = false;
         return CalendarLoadResult{*cachedSnapshot_, std::nullopt};
     }
 
@@ -780,6 +935,8 @@ CalendarLoadResult LocalCalendarService::loadFromDisk() {
         if (isUnsupported(snapshot.version)) return recover("unsupported", snapshot.version);
         snapshot.version = AppSnapshot::kCurrentVersion;
         cachedSnapshot_ = snapshot;
+        // The reader refuses an event listed twice.
+        cachedIDsDistinct_ = true;
         return CalendarLoadResult{std::move(snapshot), std::nullopt};
     }
 
@@ -797,25 +954,57 @@ CalendarLoadResult LocalCalendarService::loadFromDisk() {
     }
     migrated.version = AppSnapshot::kCurrentVersion;
     cachedSnapshot_ = migrated;
-    if (!isSQLiteDatabase(path_)) write(migrated, nullptr);
+    cachedIDsDistinct_ = false;
+    if (!isSQLiteDatabase(path_)) cachedIDsDistinct_ = write(migrated, nullptr);
     return CalendarLoadResult{std::move(migrated), std::nullopt};
 }
 
-void LocalCalendarService::write(const AppSnapshot& snapshot, const AppSnapshot* previous) {
+bool LocalCalendarService::write(const AppSnapshot& snapshot, const AppSnapshot* previous, const EventEdit* edit,
+                                 const std::function<void()>& meanwhile) {
     const QFileInfo info(path_);
     if (!QDir().mkpath(info.absolutePath()))
         throw FileSystemError(FileSystemError::Operation::createDirectory, info.absolutePath(), errno);
 
     WriteStats stats;
+    bool checked = true;
     if (info.exists() && isSQLiteDatabase(path_)) {
-        std::optional<AppSnapshot> stored;
-        if (!previous) previous = &stored.emplace(readDatabase(path_));
-        Connection db(path_, SQLITE_OPEN_READWRITE);
-        writeDatabase(snapshot, previous, db, stats);
+        // Reads the path and the snapshot and writes only its own locals, so
+        // that it may run on another thread.
+        const std::function<void()> update = [&] {
+            std::optional<AppSnapshot> stored;
+            if (edit || previous)
+                checked = false;
+            else
+                previous = &stored.emplace(readDatabase(path_));
+            Connection db(path_, SQLITE_OPEN_READWRITE);
+            if (edit) {
+                writeDatabase(snapshot, db, stats, [&](EventRows& rows) {
+                    writeEditedRows(snapshot.events, edit->begin, edit->end, edit->replaced, rows);
+                });
+            } else {
+                writeDatabase(snapshot, db, stats,
+                              [&](EventRows& rows) { writeEventChanges(previous->events, snapshot.events, rows); });
+            }
+        };
+        if (meanwhile && !writeThread_) {
+            try {
+                writeThread_ = std::make_unique<WriteThread>();
+            } catch (const std::system_error&) {
+                // No second thread: one after the other.
+            }
+        }
+        if (meanwhile && writeThread_) {
+            writeThread_->run(update, meanwhile);
+        } else {
+            update();
+            if (meanwhile) meanwhile();
+        }
     } else {
         replaceWithDatabase(snapshot, stats);
+        if (meanwhile) meanwhile();
     }
     lastWriteStats_ = stats;
+    return checked;
 }
 
 void LocalCalendarService::replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats) {
@@ -828,7 +1017,7 @@ void LocalCalendarService::replaceWithDatabase(const AppSnapshot& snapshot, Writ
     db.emplace(temporary, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE);
     try {
         db->execute(kSchema);
-        writeDatabase(snapshot, nullptr, *db, stats);
+        writeDatabase(snapshot, *db, stats, [&](EventRows& rows) { writeEventChanges({}, snapshot.events, rows); });
         db.reset();
         if (!existed) {
             moveItem(temporary, path_);
@@ -863,9 +1052,80 @@ QCoro::Task<CalendarLoadResult> LocalCalendarService::load() { co_return loadFro
 
 QCoro::Task<void> LocalCalendarService::save(AppSnapshot snapshot) {
     snapshot.version = AppSnapshot::kCurrentVersion;
-    write(snapshot, cachedSnapshot_ ? &*cachedSnapshot_ : nullptr);
+    const bool checked = write(snapshot, cachedSnapshot_ ? &*cachedSnapshot_ : nullptr);
+    // Compared with distinct ids, saved events have distinct ids too.
+    cachedIDsDistinct_ = checked || (cachedSnapshot_ && cachedIDsDistinct_);
     cachedSnapshot_ = std::move(snapshot);
     co_return;
+}
+
+// Moving events neither allocates nor throws, so once the room is reserved
+// the edit below cannot fail halfway, nor can taking it back.
+static_assert(std::is_nothrow_move_constructible_v<CalendarEvent> && std::is_nothrow_move_assignable_v<CalendarEvent>);
+
+std::vector<CalendarEvent> LocalCalendarService::replaceGroupAndSave(const std::optional<UUID>& groupID,
+                                                                     std::vector<CalendarEvent> events) {
+    AppSnapshot& snapshot = *cachedSnapshot_;
+    auto& list = snapshot.events;
+    EventEdit edit;
+    std::size_t at = list.size();
+    std::size_t members = 0;
+    if (groupID) {
+        const auto inGroup = [&](const CalendarEvent& event) { return event.groupID == *groupID; };
+        const auto first = std::find_if(list.begin(), list.end(), inGroup);
+        at = static_cast<std::size_t>(first - list.begin());
+        members = static_cast<std::size_t>(std::count_if(first, list.end(), inGroup));
+    }
+    edit.replaced.reserve(members);
+    // Room for the result, growing as inserting would, so that appending a
+    // few events does not move the whole list each time.
+    const std::size_t size = list.size() - members + events.size();
+    if (size > list.capacity()) list.reserve(std::max(size, 2 * list.capacity()));
+
+    if (members > 0) {
+        std::size_t kept = at;
+        for (std::size_t i = at; i < list.size(); ++i) {
+            if (list[i].groupID == *groupID)
+                edit.replaced.emplace_back(i, std::move(list[i]));
+            else if (kept++ != i)
+                list[kept - 1] = std::move(list[i]);
+        }
+        list.erase(list.begin() + static_cast<std::ptrdiff_t>(kept), list.end());
+    }
+    list.insert(list.begin() + static_cast<std::ptrdiff_t>(at), std::make_move_iterator(events.begin()),
+                std::make_move_iterator(events.end()));
+    edit.begin = at;
+    edit.end = at + events.size();
+    const int version = snapshot.version;
+    snapshot.version = AppSnapshot::kCurrentVersion;
+
+    // The answer is a copy of the edited list, made while the database is
+    // written, and dropped if the write fails.
+    std::vector<CalendarEvent> result;
+    std::exception_ptr copyFailure;
+    const std::function<void()> copyList = [&]() noexcept {
+        try {
+            result = list;
+        } catch (...) {
+            copyFailure = std::current_exception();
+        }
+    };
+    try {
+        const bool checked = write(snapshot, nullptr, &edit, copyList);
+        cachedIDsDistinct_ = checked || cachedIDsDistinct_;
+    } catch (...) {
+        // Everything else kept its order, so each replaced event goes back to
+        // its old place, first place first.
+        snapshot.version = version;
+        list.erase(list.begin() + static_cast<std::ptrdiff_t>(edit.begin),
+                   list.begin() + static_cast<std::ptrdiff_t>(edit.end));
+        for (auto& [place, event] : edit.replaced)
+            list.insert(list.begin() + static_cast<std::ptrdiff_t>(place), std::move(event));
+        throw;
+    }
+    // Saved: the edit stays even when there is no room for the answer.
+    if (copyFailure) std::rethrow_exception(copyFailure);
+    return result;
 }
 
 QCoro::Task<std::vector<Account>> LocalCalendarService::fetchAccounts() {
@@ -902,15 +1162,15 @@ QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::fetchEvents(Calend
 
 QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::createEvents(std::vector<CalendarEvent> events) {
     if (!cachedSnapshot_) co_await load();
-    AppSnapshot snapshot = *cachedSnapshot_;
-    snapshot.events.insert(snapshot.events.end(), std::make_move_iterator(events.begin()),
-                           std::make_move_iterator(events.end()));
-    co_await save(std::move(snapshot));
-    co_return copyOf(cachedSnapshot_->events);
+    co_return replaceGroupAndSave(std::nullopt, std::move(events));
 }
 
 QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::updateEvents(UUID groupID, std::vector<CalendarEvent> events) {
     if (!cachedSnapshot_) co_await load();
+    if (cachedIDsDistinct_) {
+        co_return replaceGroupAndSave(groupID, std::move(events));
+    }
+    // Events sharing an id pair up in ways only the full comparison follows.
     AppSnapshot snapshot = *cachedSnapshot_;
     auto& list = snapshot.events;
     const auto inGroup = [&](const CalendarEvent& event) { return event.groupID == groupID; };
@@ -925,6 +1185,10 @@ QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::updateEvents(UUID 
 
 QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::deleteEvents(UUID groupID) {
     if (!cachedSnapshot_) co_await load();
+    if (cachedIDsDistinct_) {
+        std::vector<CalendarEvent> none;
+        co_return replaceGroupAndSave(groupID, std::move(none));
+    }
     AppSnapshot snapshot = *cachedSnapshot_;
     std::erase_if(snapshot.events, [&](const CalendarEvent& event) { return event.groupID == groupID; });
     co_await save(std::move(snapshot));

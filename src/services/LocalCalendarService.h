@@ -5,6 +5,7 @@
 #include <QString>
 
 #include <functional>
+#include <memory>
 #include <optional>
 
 struct sqlite3;
@@ -56,7 +57,8 @@ private:
 // backup beside the file and an empty state starts instead.
 //
 // Used only from the main thread; its operations never suspend inside a read
-// or a write.
+// or a write. The event operations write the database on a second thread
+// that the service keeps, while this one copies the list they answer with.
 class LocalCalendarService final : public CalendarService {
 public:
     using Seed = std::function<AppSnapshot()>;
@@ -88,10 +90,26 @@ public:
     const WriteStats& lastWriteStats() const { return lastWriteStats_; }
 
 private:
+    // The edit of one event operation, made in place in the cached events:
+    // a run of new events standing where the replaced ones were.
+    struct EventEdit;
+    class WriteThread;
+
     CalendarLoadResult loadFromDisk();
     CalendarLoadResult recover(const char* label, std::optional<std::int64_t> unsupportedVersion);
-    void write(const AppSnapshot& snapshot, const AppSnapshot* previous);
+    // Writes `snapshot`. The event rows to touch come from `edit` when there
+    // is one, else from comparing with `previous` (or with the file when
+    // there is no previous). `meanwhile`, which must not throw, runs on this
+    // thread while an existing database is written on another, after the
+    // write otherwise. Answers whether the written events were checked to
+    // have distinct ids.
+    bool write(const AppSnapshot& snapshot, const AppSnapshot* previous, const EventEdit* edit = nullptr,
+               const std::function<void()>& meanwhile = {});
     void replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats);
+    // Replaces the cached events of `groupID` (or none, for new events) with
+    // `events`, saves the cache and answers every event after the change; on
+    // a failure the cache is as it was.
+    std::vector<CalendarEvent> replaceGroupAndSave(const std::optional<UUID>& groupID, std::vector<CalendarEvent> events);
     QString backupPath(const char* label) const;
 
     QString fileURL_;
@@ -99,7 +117,12 @@ private:
     Seed seed_;
     Now now_;
     std::optional<AppSnapshot> cachedSnapshot_;
+    // Whether no two cached events share an id: true for what was read from
+    // a database or saved after a full check.
+    bool cachedIDsDistinct_ = false;
     WriteStats lastWriteStats_;
+    // Started by the first save that has work for it.
+    std::unique_ptr<WriteThread> writeThread_;
 };
 
 } // namespace tavelo

@@ -82,6 +82,16 @@ public:
         sqlite3_finalize(stmt);
         return out;
     }
+    // The metadata row, then every event row as "id payload", by id.
+    std::vector<std::string> dump() {
+        std::vector<std::string> rows{value("SELECT payload FROM metadata")};
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(db_, "SELECT id || ' ' || payload FROM events ORDER BY id", -1, &stmt, nullptr);
+        while (sqlite3_step(stmt) == SQLITE_ROW)
+            rows.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)), sqlite3_column_bytes(stmt, 0));
+        sqlite3_finalize(stmt);
+        return rows;
+    }
 
 private:
     sqlite3* db_ = nullptr;
@@ -300,6 +310,88 @@ TEST_F(LocalCalendarServiceTest, UpdateEventsReplacesAGroupInPlace) {
         save(snapshot);
         EXPECT_EQ(syncWait(service->updateEvents(c.group, c.with)), c.expected);
         EXPECT_EQ(reload().events, c.expected);
+    }
+}
+
+// The operations edit the cached list in place and write only the rows of the
+// events they touched; a full save of the same result must leave the same
+// file, and a failed operation must leave the file and the cache as they were.
+TEST_F(LocalCalendarServiceTest, EventOperationsWriteWhatAFullSaveWritesAndUndoFailures) {
+    const UUID g = UUID::random(), h = UUID::random();
+    const auto a1 = event("a1", 1, 2, kCalA, g), a2 = event("a2", 3, 4, kCalB, g), a3 = event("a3", 5, 6, kCalA, g);
+    const auto b = event("b", 7, 8, kCalB, h), x = event("x", 9, 10), y = event("y", 10, 11, kCalB, g);
+    auto before = sample(20);
+    before.events.insert(before.events.begin() + 1, a1); // the group spread over the list
+    before.events.insert(before.events.begin() + 12, a2);
+    before.events.push_back(a3);
+    before.events.push_back(b);
+    auto a1Moved = a1;
+    a1Moved.title = "a1 moved";
+    auto taken = x;
+    taken.id = before.events[5].id; // an id that stays outside the group
+
+    using Run = std::function<QCoro::Task<std::vector<CalendarEvent>>(LocalCalendarService&)>;
+    struct Case {
+        const char* name;
+        Run run;
+        std::function<void(std::vector<CalendarEvent>&)> change;
+        bool refused = false; // an id used twice
+    };
+    const auto replace = [&](std::vector<CalendarEvent> with) {
+        return [=](std::vector<CalendarEvent>& events) {
+            const auto at = std::find_if(events.begin(), events.end(), [&](auto& e) { return e.groupID == g; }) - events.begin();
+            std::erase_if(events, [&](auto& e) { return e.groupID == g; });
+            events.insert(events.begin() + std::min<std::ptrdiff_t>(at, std::ssize(events)), with.begin(), with.end());
+        };
+    };
+    const std::vector<Case> cases = {
+        {"create", [&](auto& s) { return s.createEvents({x, y}); }, [&](auto& events) { events.insert(events.end(), {x, y}); }},
+        {"update: kept, changed, new, gone", [&](auto& s) { return s.updateEvents(g, {a2, y, a1Moved}); }, replace({a2, y, a1Moved})},
+        {"update: unchanged", [&](auto& s) { return s.updateEvents(h, {b}); }, [](auto&) {}},
+        {"update: unknown group", [&](auto& s) { return s.updateEvents(UUID::random(), {x}); }, [&](auto& events) { events.push_back(x); }},
+        {"delete", [&](auto& s) { return s.deleteEvents(g); }, replace({})},
+        {"delete: unknown group", [&](auto& s) { return s.deleteEvents(UUID::random()); }, [](auto&) {}},
+        {"create: id in use", [&](auto& s) { return s.createEvents({x, taken}); },
+         [&](auto& events) { events.insert(events.end(), {x, taken}); }, true},
+        {"create: id twice", [&](auto& s) { return s.createEvents({x, x}); }, [&](auto& events) { events.insert(events.end(), {x, x}); }, true},
+        {"update: id outside the group", [&](auto& s) { return s.updateEvents(g, {a1, taken}); }, replace({a1, taken}), true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const QString fastPath = dir.filePath(QString("fast-%1.json").arg(&c - cases.data()));
+        const QString fullPath = dir.filePath(QString("full-%1.json").arg(&c - cases.data()));
+        auto fast = makeService(fastPath), full = makeService(fullPath);
+        syncWait(fast->save(before));
+        syncWait(full->save(before));
+        for (const auto& file : {fastPath, fullPath}) // a rewritten row loses its leading space
+            ASSERT_EQ(Sql(file).exec("UPDATE events SET payload = ' ' || payload"), SQLITE_OK);
+        const auto bytes = readBytes(fastPath);
+        {
+            Sql lock(fastPath);
+            ASSERT_EQ(lock.exec("BEGIN EXCLUSIVE"), SQLITE_OK);
+            EXPECT_THROW(syncWait(c.run(*fast)), SQLitePersistenceError);
+        }
+        EXPECT_EQ(readBytes(fastPath), bytes);
+        EXPECT_EQ(fast->cachedSnapshot(), before);
+
+        auto expected = before;
+        c.change(expected.events);
+        if (c.refused) {
+            EXPECT_THROW(syncWait(c.run(*fast)), SQLitePersistenceError);
+            EXPECT_THROW(syncWait(full->save(expected)), SQLitePersistenceError);
+            EXPECT_EQ(fast->cachedSnapshot(), before);
+            EXPECT_EQ(readBytes(fastPath), bytes);
+            continue;
+        }
+        EXPECT_EQ(syncWait(c.run(*fast)), expected.events);
+        EXPECT_EQ(fast->cachedSnapshot(), expected);
+        syncWait(full->save(expected));
+        const auto stats = [](const LocalCalendarService& s) {
+            const auto& w = s.lastWriteStats();
+            return std::tuple(w.eventRowsWritten, w.eventRowsDeleted, w.metadataRowsWritten);
+        };
+        EXPECT_EQ(stats(*fast), stats(*full));
+        EXPECT_EQ(Sql(fastPath).dump(), Sql(fullPath).dump());
     }
 }
 

@@ -290,6 +290,52 @@ TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
     }
 }
 
+// The events are compared before they are announced, by value: an equal list
+// built anew announces nothing, a difference anywhere in one event does.
+TEST_F(AppStoreTest, EventsAreAnnouncedOnlyWhenAValueDiffers) {
+    auto& store = loaded();
+    int announced = 0;
+    QObject::connect(&store, &AppStore::eventsChanged, [&] { ++announced; });
+    auto rich = initial;
+    auto& event = rich.events[1];
+    event.guests = {Guest{UUID::random(), "Ann", "ann@example.com", GuestStatus::accepted}};
+    event.notifications = {10};
+    event.meetURL = QUrl("https://meet.example.com/abc");
+    event.googleEventID = "g1";
+    store.apply(rich);
+    ASSERT_EQ(announced, 1);
+
+    const auto own = [](const QString& text) { return QString(text.constData(), text.size()); }; // a buffer of its own
+    auto rebuilt = rich;
+    for (auto& e : rebuilt.events) {
+        e.title = own(e.title);
+        for (auto& guest : e.guests) guest.email = own(guest.email);
+        if (e.meetURL) e.meetURL = QUrl(e.meetURL->toString());
+        if (e.googleEventID) e.googleEventID = own(*e.googleEventID);
+    }
+    store.apply(rebuilt);
+    EXPECT_EQ(announced, 1);
+
+    const std::vector<std::function<void(CalendarEvent&)>> changes = {
+        [](auto& e) { e.title += "!"; },
+        [](auto& e) { e.guests[0].email = "ann@example.org"; },
+        [](auto& e) { e.notifications.push_back(60); },
+        [](auto& e) { e.meetURL = QUrl("https://meet.example.com/abd"); },
+        [](auto& e) { e.googleEventID.reset(); },
+        [](auto& e) { e.groupID = UUID::random(); },
+        [](auto& e) { e.end = e.end.addingSeconds(1); },
+    };
+    for (const auto& change : changes) {
+        auto changed = rich;
+        change(changed.events[1]);
+        announced = 0;
+        store.apply(changed);
+        EXPECT_EQ(announced, 1);
+        EXPECT_EQ(store.events(), changed.events);
+        store.apply(rich);
+    }
+}
+
 TEST_F(AppStoreTest, FailedPersistKeepsTheStateAndTheRetryWritesIt) {
     auto& store = loaded();
     auto changed = initial;
