@@ -1,5 +1,7 @@
 #include "stores/AppStore.h"
 
+#include "support/Observable.h"
+
 #include "stores/EventAccessPolicy.h"
 #include "stores/EventMutationEngine.h"
 #include "support/TextFolding.h"
@@ -876,21 +878,15 @@ QCoro::Task<void> AppStore::prepareForLogout() {
 // --- Setters -------------------------------------------------------------
 
 void AppStore::setSnapshotVersion(int value) {
-    if (snapshotVersion_ == value) return;
-    snapshotVersion_ = value;
-    emit snapshotVersionChanged();
+    if (assignIfChanged(snapshotVersion_, value)) emit snapshotVersionChanged();
 }
 
 void AppStore::setAccounts(std::vector<Account> value) {
-    if (accounts_ == value) return;
-    accounts_ = std::move(value);
-    emit accountsChanged();
+    if (assignIfChanged(accounts_, std::move(value))) emit accountsChanged();
 }
 
 void AppStore::setCalendars(std::vector<CalendarSource> value) {
-    if (calendars_ == value) return;
-    calendars_ = std::move(value);
-    emit calendarsChanged();
+    if (assignIfChanged(calendars_, std::move(value))) emit calendarsChanged();
 }
 
 void AppStore::setEvents(std::vector<CalendarEvent> value) {
@@ -901,21 +897,15 @@ void AppStore::setEvents(std::vector<CalendarEvent> value) {
 }
 
 void AppStore::setTags(std::vector<Tag> value) {
-    if (tags_ == value) return;
-    tags_ = std::move(value);
-    emit tagsChanged();
+    if (assignIfChanged(tags_, std::move(value))) emit tagsChanged();
 }
 
 void AppStore::setPreferences(AppPreferences value) {
-    if (preferences_ == value) return;
-    preferences_ = std::move(value);
-    emit preferencesChanged();
+    if (assignIfChanged(preferences_, std::move(value))) emit preferencesChanged();
 }
 
 void AppStore::setLastError(std::optional<QString> value) {
-    if (lastError_ == value) return;
-    lastError_ = std::move(value);
-    emit lastErrorChanged();
+    if (assignIfChanged(lastError_, std::move(value))) emit lastErrorChanged();
 }
 
 void AppStore::setRetryOperation(std::optional<StoreRetryOperation> value) {
@@ -925,33 +915,23 @@ void AppStore::setRetryOperation(std::optional<StoreRetryOperation> value) {
 }
 
 void AppStore::setIsSyncing(bool value) {
-    if (isSyncing_ == value) return;
-    isSyncing_ = value;
-    emit isSyncingChanged();
+    if (assignIfChanged(isSyncing_, value)) emit isSyncingChanged();
 }
 
 void AppStore::setIsGoogleAuthenticationPending(bool value) {
-    if (isGoogleAuthenticationPending_ == value) return;
-    isGoogleAuthenticationPending_ = value;
-    emit isGoogleAuthenticationPendingChanged();
+    if (assignIfChanged(isGoogleAuthenticationPending_, value)) emit isGoogleAuthenticationPendingChanged();
 }
 
 void AppStore::setGoogleAuthenticationMessage(std::optional<QString> value) {
-    if (googleAuthenticationMessage_ == value) return;
-    googleAuthenticationMessage_ = std::move(value);
-    emit googleAuthenticationMessageChanged();
+    if (assignIfChanged(googleAuthenticationMessage_, std::move(value))) emit googleAuthenticationMessageChanged();
 }
 
 void AppStore::setGoogleSyncStatuses(std::map<UUID, GoogleSyncStatus> value) {
-    if (googleSyncStatuses_ == value) return;
-    googleSyncStatuses_ = std::move(value);
-    emit googleSyncStatusesChanged();
+    if (assignIfChanged(googleSyncStatuses_, std::move(value))) emit googleSyncStatusesChanged();
 }
 
 void AppStore::setGoogleSyncWarnings(std::map<UUID, std::vector<GoogleSyncWarning>> value) {
-    if (googleSyncWarnings_ == value) return;
-    googleSyncWarnings_ = std::move(value);
-    emit googleSyncWarningsChanged();
+    if (assignIfChanged(googleSyncWarnings_, std::move(value))) emit googleSyncWarningsChanged();
 }
 
 } // namespace tavelo
