@@ -434,7 +434,7 @@ QCoro::Task<void> AICloudStore::signIn(QString email, QString password, std::sto
     activate(session, hosted, false);
 }
 
-QCoro::Task<void> AICloudStore::connect(QString endpoint, QString token, std::stop_token stop) {
+QCoro::Task<void> AICloudStore::connectPrivateServer(QString endpoint, QString token, std::stop_token stop) {
     QPointer<AICloudStore> self(this);
     QString trimmed = endpoint.trimmed();
     while (trimmed.startsWith(QLatin1Char('/'))) trimmed.remove(0, 1);
@@ -523,7 +523,7 @@ QCoro::Task<void> AICloudStore::restoreSession(std::stop_token stop) {
     emitChanges();
 }
 
-QCoro::Task<void> AICloudStore::disconnect(std::stop_token stop) {
+QCoro::Task<void> AICloudStore::signOut(std::stop_token stop) {
     QPointer<AICloudStore> self(this);
     beginGeneration();
     emitChanges();

@@ -154,7 +154,7 @@ public:
     // `errorMessage` and the stored endpoint and keys stay for the next start.
     QCoro::Task<void> restoreSession(std::stop_token stop = {});
     // Signs in to a private server with its connection key.
-    QCoro::Task<void> connect(QString endpoint, QString token, std::stop_token stop = {});
+    QCoro::Task<void> connectPrivateServer(QString endpoint, QString token, std::stop_token stop = {});
     // Signs in to the hosted account.
     QCoro::Task<void> signIn(QString email, QString password, std::stop_token stop = {});
     // Asks the identity service to send a password-reset mail.
@@ -165,7 +165,7 @@ public:
     // Sends the confirmation mail of an existing account again.
     QCoro::Task<void> resendVerification(QString email, QString password, std::stop_token stop = {});
     // Signs out of this machine. The cloud is not told; its schedules go on.
-    QCoro::Task<void> disconnect(std::stop_token stop = {});
+    QCoro::Task<void> signOut(std::stop_token stop = {});
 
     // --- ChatGPT link --------------------------------------------------------
     QCoro::Task<AILogin> login(std::stop_token stop = {});

@@ -79,7 +79,7 @@ protected:
     // A store signed in to the private server.
     std::unique_ptr<AICloudStore> connectedStore() {
         auto store = makeStore();
-        syncWait(store->connect(privateServer.baseUrl(), kOwnerKey));
+        syncWait(store->connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
         return store;
     }
 

@@ -34,11 +34,11 @@ TEST_F(CloudStoreTest, ConnectionKeySurvivesARestartInTheSecretService) {
         return std::make_unique<AICloudStore>(AICloudStore::Dependencies{
             defaults, keychain, transport, directory.path(), systemClock(), eventLoopSleep(), std::nullopt});
     };
-    syncWait(make()->connect(privateServer.baseUrl(), kOwnerKey));
+    syncWait(make()->connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
     auto restarted = make();
     syncWait(restarted->restoreSession());
     ASSERT_TRUE(restarted->session()) << restarted->errorMessageText().toStdString();
     EXPECT_EQ(bearerAt(privateServer, "GET", "/v1/session"), "Bearer " + kOwnerKey.toUtf8());
-    syncWait(restarted->disconnect());
+    syncWait(restarted->signOut());
     EXPECT_EQ(syncWait(keychain->read(AICloudStore::kKeychainService, privateServer.baseUrl())).status, SecretStatus::itemNotFound);
 }

@@ -40,7 +40,7 @@ TEST_F(TaveloAppTest, NoWorkspaceUntilSomeoneSignsIn) {
 TEST_F(TaveloAppTest, SigningInBuildsTheWorkspaceOverItsOwnDirectory) {
     auto app = makeApp();
     syncWait(app->start());
-    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
 
     const auto workspace = app->currentWorkspace();
     ASSERT_NE(workspace, nullptr);
@@ -64,16 +64,16 @@ TEST_F(TaveloAppTest, SigningInBuildsTheWorkspaceOverItsOwnDirectory) {
 TEST_F(TaveloAppTest, ANewConnectionToTheSameAccountGetsAFreshBundleOverTheSameData) {
     auto app = makeApp();
     syncWait(app->start());
-    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
     const auto first = app->currentWorkspace();
     ASSERT_NE(first, nullptr);
     syncWait(first->store().load());
     ASSERT_TRUE(syncWait(first->store().setPastSearchResultsIncluded(true)));
 
-    syncWait(app->aiCloud().disconnect());
+    syncWait(app->aiCloud().signOut());
     EXPECT_EQ(app->currentWorkspace(), nullptr);
 
-    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
     const auto second = app->currentWorkspace();
     ASSERT_NE(second, nullptr);
     EXPECT_NE(second, first);
@@ -93,15 +93,15 @@ TEST_F(TaveloAppTest, TheOAuthFileDecidesWhetherGoogleServicesAreBuilt) {
         return TaveloGoogleServices{local, nullptr};
     });
     syncWait(app->start());
-    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
     const auto local = app->currentWorkspace();
     ASSERT_NE(local, nullptr);
     EXPECT_EQ(factoryCalls, 0); // no file yet
 
     // A valid file is read when the next workspace is built.
     writeOAuthFile(local->directory());
-    syncWait(app->aiCloud().disconnect());
-    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    syncWait(app->aiCloud().signOut());
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
     ASSERT_NE(app->currentWorkspace(), nullptr);
     EXPECT_EQ(factoryCalls, 1);
     ASSERT_TRUE(seen);
@@ -112,8 +112,8 @@ TEST_F(TaveloAppTest, TheOAuthFileDecidesWhetherGoogleServicesAreBuilt) {
     ASSERT_TRUE(damaged.open(QIODevice::WriteOnly | QIODevice::Truncate));
     damaged.write("{\"client_id\":");
     damaged.close();
-    syncWait(app->aiCloud().disconnect());
-    syncWait(app->aiCloud().connect(privateServer.baseUrl(), kOwnerKey));
+    syncWait(app->aiCloud().signOut());
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
     ASSERT_NE(app->currentWorkspace(), nullptr);
     EXPECT_EQ(factoryCalls, 1);
     EXPECT_FALSE(app->currentWorkspace()->hasGoogleServices());
