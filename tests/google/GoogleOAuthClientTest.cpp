@@ -1,0 +1,287 @@
+// The OAuth protocol layer: PKCE, the consent URL, the redirect's rules and
+// the client's requests against the Google stand-in over real sockets.
+
+#include "GoogleTestSupport.h"
+
+#include "google/GoogleCredential.h"
+
+#include <QRegularExpression>
+#include <QTimer>
+#include <QUrlQuery>
+
+#include <set>
+
+using namespace tavelo;
+using namespace tavelo::testing;
+
+namespace {
+
+QString decodedItem(const QUrl& url, const QString& key) {
+    return QUrlQuery(url).queryItemValue(key, QUrl::FullyDecoded);
+}
+
+} // namespace
+
+TEST(PKCETest, MatchesTheRfcExampleAndDrawsFreshVerifiers) {
+    // RFC 7636, appendix B.
+    const unsigned char bytes[] = {116, 24, 223, 180, 151, 153, 224, 37, 79, 250, 96, 125, 216, 173, 187, 186,
+                                   22, 212, 37, 77, 105, 214, 191, 240, 91, 88, 5, 88, 83, 132, 141, 121};
+    const PKCEPair fixed = PKCEGenerator::make(QByteArray(reinterpret_cast<const char*>(bytes), sizeof bytes));
+    EXPECT_EQ(fixed.verifier, QStringLiteral("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"));
+    EXPECT_EQ(fixed.challenge, QStringLiteral("E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM"));
+
+    const QRegularExpression base64url(QStringLiteral("^[A-Za-z0-9_-]{43}$"));
+    std::set<QString> seen;
+    for (int i = 0; i < 50; ++i) {
+        const PKCEPair pair = PKCEGenerator::make();
+        EXPECT_TRUE(base64url.match(pair.verifier).hasMatch()) << pair.verifier.toStdString();
+        EXPECT_TRUE(base64url.match(pair.challenge).hasMatch());
+        EXPECT_EQ(PKCEGenerator::make(QByteArray::fromBase64(pair.verifier.toLatin1(), QByteArray::Base64UrlEncoding)),
+                  pair);
+        seen.insert(pair.verifier);
+    }
+    EXPECT_EQ(seen.size(), 50u);
+}
+
+TEST(AuthorizationURLTest, CarriesEveryItemInOrderWithScopesAsOneValue) {
+    const PKCEPair pkce = PKCEGenerator::make();
+    const QUrl redirect(QStringLiteral("http://127.0.0.1:49152/oauth/callback"));
+    const QUrl url = googleAuthorizationURL(GoogleOAuthEndpoints::google().authorization, kClientID, redirect, pkce,
+                                            QStringLiteral("st+a/te="));
+    EXPECT_EQ(url.toString(QUrl::RemoveQuery), QStringLiteral("https://accounts.google.com/o/oauth2/v2/auth"));
+
+    QStringList keys;
+    for (const auto& [key, value] : QUrlQuery(url).queryItems()) keys << key;
+    EXPECT_EQ(keys, QStringList({"client_id", "redirect_uri", "response_type", "scope", "code_challenge",
+                                 "code_challenge_method", "access_type", "prompt", "state"}));
+    EXPECT_EQ(decodedItem(url, "redirect_uri"), redirect.toString());
+    EXPECT_EQ(decodedItem(url, "scope"),
+              QStringLiteral("openid email profile https://www.googleapis.com/auth/calendar.calendarlist.readonly "
+                             "https://www.googleapis.com/auth/calendar.events "
+                             "https://www.googleapis.com/auth/calendar.events.freebusy"));
+    EXPECT_EQ(decodedItem(url, "code_challenge"), pkce.challenge);
+    EXPECT_EQ(decodedItem(url, "state"), QStringLiteral("st+a/te="));
+    const QString raw = url.toString(QUrl::FullyEncoded);
+    EXPECT_TRUE(raw.contains(QStringLiteral("scope=openid%20email%20profile%20https%3A%2F%2F"))) << raw.toStdString();
+    EXPECT_TRUE(raw.contains(QStringLiteral("&code_challenge_method=S256&access_type=offline&prompt=consent&")));
+    EXPECT_TRUE(raw.contains(QStringLiteral("state=st%2Ba%2Fte%3D")));
+}
+
+TEST(FormEncodingTest, EncodesEverythingOutsideTheUnreservedSet) {
+    EXPECT_EQ(formEncode({{"a b", "x+y"}, {"k", "-._~AZaz09"}, {"t", "=&/?%"}, {"u", QStringLiteral("日")}}),
+              QByteArray("a%20b=x%2By&k=-._~AZaz09&t=%3D%26%2F%3F%25&u=%E6%97%A5"));
+    EXPECT_EQ(parseScopes(QStringLiteral("  openid\temail \n profile ")), QStringList({"openid", "email", "profile"}));
+}
+
+TEST(OAuthCallbackTest, AppliesItsRulesInOrder) {
+    using Kind = OAuthCallbackError::Kind;
+    const QString state = QStringLiteral("expected-state");
+    auto parse = [&](const QString& url) { return OAuthCallback::parse(QUrl(url), state); };
+
+    EXPECT_EQ(parse("http://127.0.0.1:5000/oauth/callback?state=expected-state&code=4/0Abc"), QStringLiteral("4/0Abc"));
+    EXPECT_EQ(parse("HTTP://127.0.0.1/oauth/callback?code=a%2Bb%26c&state=expected-state&scope=x"),
+              QStringLiteral("a+b&c"));
+    EXPECT_EQ(parse("http://127.0.0.1/oauth/callback?code=a+b&state=expected-state"), QStringLiteral("a+b"));
+
+    const std::vector<std::pair<const char*, Kind>> cases{
+        {"https://127.0.0.1/oauth/callback?state=expected-state&code=c", Kind::invalidHost},
+        {"http://localhost/oauth/callback?state=expected-state&code=c", Kind::invalidHost},
+        {"http://127.0.0.2/oauth/callback?state=expected-state&code=c", Kind::invalidHost},
+        {"/oauth/callback?state=expected-state&code=c", Kind::invalidHost},
+        {"http://127.0.0.1/oauth/callback/?state=expected-state&code=c", Kind::invalidPath},
+        {"http://127.0.0.1/?state=expected-state&code=c", Kind::invalidPath},
+        {"http://127.0.0.1/oauth/callback", Kind::missingState},
+        {"http://127.0.0.1/oauth/callback?", Kind::missingState},
+        {"http://127.0.0.1/oauth/callback?code=c", Kind::missingState},
+        {"http://127.0.0.1/oauth/callback?state=expected-state&state=expected-state&code=c", Kind::invalidQuery},
+        {"http://127.0.0.1/oauth/callback?state=expected-state&code=c&code=d", Kind::invalidQuery},
+        {"http://127.0.0.1/oauth/callback?state=expected-state&c%6fde=c&code=d", Kind::invalidQuery},
+        {"http://127.0.0.1/oauth/callback?state=expected-state&code", Kind::invalidQuery},
+        {"http://127.0.0.1/oauth/callback?state=wrong&error=access_denied", Kind::stateMismatch},
+        {"http://127.0.0.1/oauth/callback?state=expected-state%26code%3Dx&code=c", Kind::stateMismatch},
+        {"http://127.0.0.1/oauth/callback?state=Expected-state&code=c", Kind::stateMismatch},
+        {"http://127.0.0.1/oauth/callback?state=expected-state&error=access_denied&code=c", Kind::providerDenied},
+        {"http://127.0.0.1/oauth/callback?state=expected-state&error=", Kind::providerDenied},
+        {"http://127.0.0.1/oauth/callback?state=expected-state", Kind::missingCode},
+        {"http://127.0.0.1/oauth/callback?state=expected-state&code=", Kind::missingCode},
+    };
+    for (const auto& [url, kind] : cases) {
+        SCOPED_TRACE(url);
+        expectError<OAuthCallbackError>([&] { parse(QString::fromLatin1(url)); }, kind);
+    }
+}
+
+namespace {
+
+class GoogleOAuthClientTest : public ::testing::Test {
+protected:
+    GoogleOAuthClientTest()
+        : google(kClientID, kClientSecret), transport(std::make_shared<NetworkHTTPTransport>()),
+          client(makeClient(kClientSecret)) {}
+
+    GoogleOAuthClient makeClient(const QString& secret) {
+        return GoogleOAuthClient({kClientID, secret}, transport, [this] { return clock; }, google.endpoints());
+    }
+
+    // A code from the consent page, as the browser would bring it back.
+    QString authorize(const PKCEPair& pkce) {
+        ScriptedBrowser browser;
+        const QUrl url = googleAuthorizationURL(google.endpoints().authorization, kClientID, redirect, pkce, "s");
+        syncWait(browser.open(url));
+        EXPECT_EQ(browser.lastPage->status, 302);
+        return QUrlQuery(QUrl::fromEncoded(*browser.lastPage->header("Location")))
+            .queryItemValue("code", QUrl::FullyDecoded);
+    }
+
+    GoogleCredential storedCredential(const QString& refreshToken) {
+        return GoogleCredential{"108234567890123456789", "hanako@example.com", refreshToken, "ya29.old",
+                                Date::fromReferenceSeconds(1000), {"openid", "old-scope"}};
+    }
+
+    template <class T>
+    T await(QCoro::Task<T>&& task) {
+        return syncWait(task);
+    }
+
+    GoogleOAuthStandIn google;
+    std::shared_ptr<NetworkHTTPTransport> transport;
+    Date clock = Date::fromReferenceSeconds(800'000'000);
+    GoogleOAuthClient client;
+    const QUrl redirect{QStringLiteral("http://127.0.0.1:61000/oauth/callback")};
+};
+
+} // namespace
+
+TEST_F(GoogleOAuthClientTest, ExchangesACodeOnceWithItsVerifier) {
+    using Kind = GoogleOAuthClientError::Kind;
+    const PKCEPair pkce = PKCEGenerator::make();
+    const QString code = authorize(pkce);
+    const GoogleOAuthGrant grant = await(client.exchangeCode(code, pkce.verifier, redirect));
+    EXPECT_TRUE(google.isAccessTokenLive(grant.accessToken));
+    ASSERT_TRUE(grant.refreshToken);
+    EXPECT_TRUE(google.isRefreshTokenLive(*grant.refreshToken));
+    EXPECT_EQ(grant.expiry, clock.addingSeconds(3599));
+    EXPECT_EQ(grant.scopes, googleRequestedScopes());
+
+    const auto form = parseForm(google.server().last("POST", "/token").body);
+    QStringList keys;
+    for (const auto& pair : google.server().last("POST", "/token").body.split('&')) keys << pair.split('=').first();
+    EXPECT_EQ(keys, QStringList({"client_id", "client_secret", "code", "code_verifier", "grant_type", "redirect_uri"}));
+    EXPECT_EQ(form->at("grant_type"), QStringLiteral("authorization_code"));
+    EXPECT_EQ(google.server().last("POST", "/token").header("accept"), QByteArray("application/json"));
+
+    // The code is spent, and a failed exchange never reads as invalidGrant.
+    expectError<GoogleOAuthClientError>([&] { await(client.exchangeCode(code, pkce.verifier, redirect)); },
+                                        Kind::httpFailure);
+    const PKCEPair other = PKCEGenerator::make();
+    const QString second = authorize(other);
+    expectError<GoogleOAuthClientError>([&] { await(client.exchangeCode(second, pkce.verifier, redirect)); },
+                                        Kind::httpFailure);
+    const QString third = authorize(other);
+    google.setOmitsScope(true);
+    const auto wrongSecret = makeClient(kClientSecret + "x");
+    try {
+        await(wrongSecret.exchangeCode(third, other.verifier, redirect));
+        ADD_FAILURE();
+    } catch (const GoogleOAuthClientError& error) {
+        EXPECT_EQ(error.statusCode(), 401);
+    }
+}
+
+TEST_F(GoogleOAuthClientTest, RefreshKeepsOrReplacesTokensAndClassifiesFailures) {
+    using Kind = GoogleOAuthClientError::Kind;
+    const QString refreshToken = google.grantOffline({"108234567890123456789", "hanako@example.com", {}}, {"openid", "email"});
+
+    GoogleCredential refreshed = await(client.refresh(storedCredential(refreshToken)));
+    EXPECT_EQ(refreshed.refreshToken, refreshToken);
+    EXPECT_EQ(refreshed.scopes, QStringList({"openid", "email"}));
+    EXPECT_EQ(refreshed.expiry, clock.addingSeconds(3599));
+    EXPECT_TRUE(google.isAccessTokenLive(refreshed.accessToken));
+    EXPECT_EQ(refreshed.subject, storedCredential(refreshToken).subject);
+
+    google.setRotatesRefreshTokens(true);
+    google.setOmitsScope(true);
+    refreshed = await(client.refresh(storedCredential(refreshToken)));
+    EXPECT_NE(refreshed.refreshToken, refreshToken);
+    EXPECT_TRUE(google.isRefreshTokenLive(refreshed.refreshToken));
+    EXPECT_FALSE(google.isRefreshTokenLive(refreshToken));
+    EXPECT_EQ(refreshed.scopes, storedCredential(refreshToken).scopes);
+
+    // The retired token is dead: Google's invalid_grant.
+    expectError<GoogleOAuthClientError>([&] { await(client.refresh(storedCredential(refreshToken))); },
+                                        Kind::invalidGrant);
+
+    const std::vector<std::pair<CannedResponse, Kind>> faults{
+        {CannedResponse::json(400, R"({"error":"invalid_request"})"), Kind::httpFailure},
+        {CannedResponse::json(401, R"({"error":"invalid_client","error_description":"Unauthorized"})"), Kind::httpFailure},
+        {CannedResponse::json(429, R"({"error":"rate_limit_exceeded"})"), Kind::httpFailure},
+        {CannedResponse{503, {{"Content-Type", "text/html"}}, "<html>Service Unavailable</html>"}, Kind::httpFailure},
+        {CannedResponse::json(500, R"(["invalid_grant"])"), Kind::httpFailure},
+        {CannedResponse::json(400, R"({"error":{"code":"invalid_grant"}})"), Kind::httpFailure},
+        {CannedResponse::json(401, R"({"error":"invalid_grant"})"), Kind::invalidGrant},
+        {CannedResponse{200, {{"Content-Type", "text/html"}}, "<html>captive portal</html>"}, Kind::invalidResponse},
+        {CannedResponse::json(200, R"({"access_token":"t","expires_in":0,"token_type":"Bearer"})"), Kind::invalidResponse},
+        {CannedResponse::json(200, R"({"access_token":"t","expires_in":-5,"token_type":"Bearer"})"), Kind::invalidResponse},
+        {CannedResponse::json(200, R"({"access_token":"","expires_in":3599,"token_type":"Bearer"})"), Kind::invalidResponse},
+        {CannedResponse::json(200, R"({"access_token":"t","expires_in":3599,"token_type":"mac"})"), Kind::invalidResponse},
+        {CannedResponse::json(200, R"({"access_token":"t","expires_in":"3599","token_type":"Bearer"})"), Kind::invalidResponse},
+        {CannedResponse::json(200, R"({"access_token":"t","expires_in":3599})"), Kind::invalidResponse},
+    };
+    for (const auto& [response, kind] : faults) {
+        SCOPED_TRACE(response.body.toStdString());
+        google.failNext("/token", response);
+        try {
+            await(client.refresh(storedCredential(refreshed.refreshToken)));
+            ADD_FAILURE() << "no error";
+        } catch (const GoogleOAuthClientError& error) {
+            EXPECT_EQ(error.kind(), kind);
+            if (kind == Kind::httpFailure) {
+                EXPECT_EQ(error.statusCode(), response.status);
+            }
+        }
+    }
+
+    google.failNext("/token", CannedResponse::json(200, R"({"access_token":"t","expires_in":60.5,"token_type":"bearer","x":1})"));
+    refreshed = await(client.refresh(storedCredential(refreshed.refreshToken)));
+    EXPECT_EQ(refreshed.accessToken, QStringLiteral("t"));
+    EXPECT_EQ(refreshed.expiry, clock.addingSeconds(60.5));
+}
+
+TEST_F(GoogleOAuthClientTest, FetchesTheIdentityAndRevokes) {
+    using Kind = GoogleOAuthClientError::Kind;
+    const QString refreshToken = google.grantOffline({"sub-1", "taro@example.com", "太郎"}, {"openid"});
+    const GoogleCredential credential = await(client.refresh(storedCredential(refreshToken)));
+
+    EXPECT_EQ(await(client.fetchIdentity(credential.accessToken)), (GoogleIdentity{"sub-1", "taro@example.com", "太郎"}));
+    EXPECT_EQ(google.server().last("GET", "/v1/userinfo").header("authorization"),
+              "Bearer " + credential.accessToken.toUtf8());
+
+    // An unknown token: 401, never invalidGrant.
+    expectError<GoogleOAuthClientError>([&] { await(client.fetchIdentity("ya29.unknown")); }, Kind::httpFailure);
+    for (const QByteArray& body : {QByteArray(R"({"sub":"","email":"a@b"})"), QByteArray(R"({"sub":"x"})"),
+                                  QByteArray(R"({"sub":1,"email":"a@b"})"), QByteArray("not json")}) {
+        google.failNext("/v1/userinfo", CannedResponse::json(200, body));
+        expectError<GoogleOAuthClientError>([&] { await(client.fetchIdentity(credential.accessToken)); },
+                                            Kind::invalidResponse);
+    }
+
+    await(client.revoke(refreshToken));
+    EXPECT_FALSE(google.isRefreshTokenLive(refreshToken));
+    EXPECT_FALSE(google.isAccessTokenLive(credential.accessToken));
+    await(client.revoke(refreshToken)); // already gone: nothing to do
+    google.failNext("/revoke", CannedResponse::json(503, "{}"));
+    expectError<GoogleOAuthClientError>([&] { await(client.revoke(refreshToken)); }, Kind::httpFailure);
+}
+
+TEST_F(GoogleOAuthClientTest, TransportFailureIsInvalidResponseAndCancellationPassesThrough) {
+    auto unreachable = GoogleOAuthClient({kClientID, kClientSecret}, transport, systemClock(),
+                                         GoogleOAuthEndpoints::at(QStringLiteral("http://127.0.0.1:1")));
+    expectError<GoogleOAuthClientError>([&] { await(unreachable.fetchIdentity("t")); },
+                                        GoogleOAuthClientError::Kind::invalidResponse);
+
+    google.server().hold("GET", "/v1/userinfo");
+    std::stop_source stop;
+    auto task = client.fetchIdentity("t", stop.get_token());
+    QTimer::singleShot(20, [&] { stop.request_stop(); });
+    EXPECT_THROW(syncWait(task), CancellationError);
+}
