@@ -40,6 +40,7 @@ struct GoogleCredential {
 class KeychainGoogleCredentialStoreError final : public Error {
 public:
     enum class Kind { operationFailed };
+    Kind kind() const { return Kind::operationFailed; }
     std::optional<QString> errorDescription() const override {
         return QStringLiteral("Google credential storage is unavailable.");
     }

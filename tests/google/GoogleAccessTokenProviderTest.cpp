@@ -14,34 +14,6 @@ using Kind = GoogleAccessTokenProviderError::Kind;
 
 namespace {
 
-class MemoryCredentialStore final : public GoogleCredentialStore {
-public:
-    QCoro::Task<std::optional<GoogleCredential>> load(QString subject) override {
-        ++loads;
-        if (failLoad) throw KeychainGoogleCredentialStoreError();
-        auto it = items.find(subject);
-        co_return it == items.end() ? std::nullopt : std::optional<GoogleCredential>(it->second);
-    }
-    QCoro::Task<void> save(GoogleCredential credential) override {
-        ++saves;
-        if (onSave) onSave(credential);
-        if (failSave) throw KeychainGoogleCredentialStoreError();
-        items[credential.subject] = credential;
-        co_return;
-    }
-    QCoro::Task<void> remove(QString subject) override {
-        items.erase(subject);
-        co_return;
-    }
-
-    std::map<QString, GoogleCredential> items;
-    int loads = 0;
-    int saves = 0;
-    bool failLoad = false;
-    bool failSave = false;
-    std::function<void(const GoogleCredential&)> onSave;
-};
-
 class AccessTokenProviderTest : public ::testing::Test {
 protected:
     AccessTokenProviderTest()

@@ -2,6 +2,7 @@
 
 #include "google/GoogleOAuthStandIn.h"
 
+#include "google/GoogleCredential.h"
 #include "google/GoogleOAuthClient.h"
 #include "support/Async.h"
 #include "support/HTTPTransport.h"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <ostream>
 
 inline void PrintTo(const QString& text, std::ostream* os) { *os << '"' << text.toStdString() << '"'; }
@@ -57,6 +59,35 @@ struct ScriptedBrowser {
         }
         co_return true;
     }
+};
+
+// Credentials in memory, with failures on request.
+class MemoryCredentialStore final : public GoogleCredentialStore {
+public:
+    QCoro::Task<std::optional<GoogleCredential>> load(QString subject) override {
+        ++loads;
+        if (failLoad) throw KeychainGoogleCredentialStoreError();
+        auto it = items.find(subject);
+        co_return it == items.end() ? std::nullopt : std::optional<GoogleCredential>(it->second);
+    }
+    QCoro::Task<void> save(GoogleCredential credential) override {
+        ++saves;
+        if (onSave) onSave(credential);
+        if (failSave) throw KeychainGoogleCredentialStoreError();
+        items[credential.subject] = credential;
+        co_return;
+    }
+    QCoro::Task<void> remove(QString subject) override {
+        items.erase(subject);
+        co_return;
+    }
+
+    std::map<QString, GoogleCredential> items;
+    int loads = 0;
+    int saves = 0;
+    bool failLoad = false;
+    bool failSave = false;
+    std::function<void(const GoogleCredential&)> onSave;
 };
 
 } // namespace tavelo::testing
