@@ -1,6 +1,7 @@
 #include "google/GoogleCredential.h"
 
 #include "google/GoogleLog.h"
+#include "google/SecretServiceCollectionStore.h"
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
 #include "support/SecretStore.h"
@@ -50,11 +51,24 @@ QString KeychainGoogleCredentialStore::serviceName(const QString& workspaceID) {
     return QStringLiteral("jp.tavelo.app.google-oauth.") + workspaceID;
 }
 
-KeychainGoogleCredentialStore::KeychainGoogleCredentialStore(QString service, std::shared_ptr<SecretStore> secrets)
-    : service_(std::move(service)), secrets_(std::move(secrets)) {}
+KeychainGoogleCredentialStore::KeychainGoogleCredentialStore(QString service, std::shared_ptr<SecretStore> secrets,
+                                                             std::optional<QString> keychainPath)
+    : service_(std::move(service)), secrets_(std::move(secrets)), keychainPath_(std::move(keychainPath)) {
+    if (keychainPath_) collection_ = std::make_shared<SecretServiceCollectionStore>(*keychainPath_);
+}
+
+std::shared_ptr<SecretStore> KeychainGoogleCredentialStore::openedStore() const {
+    if (!collection_) return secrets_;
+    const std::int32_t status = collection_->open();
+    if (status != SecretStatus::success) {
+        qCWarning(googleSyncLog, "Keychain open failed: OSStatus %d", int(status));
+        throw KeychainGoogleCredentialStoreError();
+    }
+    return collection_;
+}
 
 QCoro::Task<std::optional<GoogleCredential>> KeychainGoogleCredentialStore::load(QString subject) {
-    auto secrets = secrets_;
+    auto secrets = openedStore();
     const SecretReadResult result = co_await secrets->read(service_, subject);
     if (result.status == SecretStatus::itemNotFound) co_return std::nullopt;
     if (result.status != SecretStatus::success) {
@@ -70,7 +84,7 @@ QCoro::Task<std::optional<GoogleCredential>> KeychainGoogleCredentialStore::load
 }
 
 QCoro::Task<void> KeychainGoogleCredentialStore::save(GoogleCredential credential) {
-    auto secrets = secrets_;
+    auto secrets = openedStore();
     const QByteArray data = credential.toJson();
     const std::int32_t status = co_await secrets->save(service_, credential.subject, data);
     if (status != SecretStatus::success) {
@@ -80,7 +94,7 @@ QCoro::Task<void> KeychainGoogleCredentialStore::save(GoogleCredential credentia
 }
 
 QCoro::Task<void> KeychainGoogleCredentialStore::remove(QString subject) {
-    auto secrets = secrets_;
+    auto secrets = openedStore();
     const std::int32_t status = co_await secrets->remove(service_, subject);
     if (status != SecretStatus::success && status != SecretStatus::itemNotFound) {
         qCWarning(googleSyncLog, "Keychain delete failed: OSStatus %d", int(status));

@@ -59,23 +59,34 @@ public:
     virtual QCoro::Task<void> remove(QString subject) = 0;
 };
 
+class SecretServiceCollectionStore;
+
 // Credentials as Secret Service items: service "jp.tavelo.app.google-oauth."
-// plus the workspace id, account = the subject.
+// plus the workspace id, account = the subject. Without a keychain path the
+// items live in the default collection (through `secrets`); with one they
+// live in that collection only, which must exist and be unlocked.
 class KeychainGoogleCredentialStore final : public GoogleCredentialStore {
 public:
     static QString serviceName(const QString& workspaceID);
 
-    KeychainGoogleCredentialStore(QString service, std::shared_ptr<SecretStore> secrets);
+    KeychainGoogleCredentialStore(QString service, std::shared_ptr<SecretStore> secrets,
+                                  std::optional<QString> keychainPath = std::nullopt);
 
     const QString& service() const { return service_; }
+    const std::optional<QString>& keychainPath() const { return keychainPath_; }
 
     QCoro::Task<std::optional<GoogleCredential>> load(QString subject) override;
     QCoro::Task<void> save(GoogleCredential credential) override;
     QCoro::Task<void> remove(QString subject) override;
 
 private:
+    // The store to use, after opening the chosen collection.
+    std::shared_ptr<SecretStore> openedStore() const;
+
     QString service_;
     std::shared_ptr<SecretStore> secrets_;
+    std::optional<QString> keychainPath_;
+    std::shared_ptr<SecretServiceCollectionStore> collection_;
 };
 
 } // namespace tavelo
