@@ -25,7 +25,8 @@ GoogleServiceParts makeGoogleServiceParts(const GoogleOAuthConfiguration& config
     parts.workspaceID = workspaceID;
     parts.credentialStore = std::make_shared<KeychainGoogleCredentialStore>(
         KeychainGoogleCredentialStore::serviceName(workspaceID), seams.defaultSecrets, keychainPath);
-    parts.oauthClient = std::make_shared<GoogleOAuthClient>(configuration, seams.transport);
+    parts.oauthClient = std::make_shared<GoogleOAuthClient>(configuration, seams.transport, systemClock(),
+                                                            seams.endpoints.value_or(GoogleOAuthEndpoints::google()));
 
     GoogleAccountCoordinator::Dependencies dependencies;
     dependencies.oauthClient = parts.oauthClient;

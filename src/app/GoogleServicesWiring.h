@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/TaveloWorkspace.h"
+#include "google/GoogleOAuth.h"
 
 #include <QString>
 
@@ -37,6 +38,7 @@ struct GoogleServiceSeams {
     std::shared_ptr<HTTPTransport> transport;         // default: NetworkHTTPTransport
     std::shared_ptr<AuthorizationURLOpening> opener;  // default: the desktop browser
     std::shared_ptr<SecretStore> defaultSecrets;      // default: KeychainSecretStore
+    std::optional<GoogleOAuthEndpoints> endpoints;    // default: Google's own
 };
 
 // The key of the user default that names a Secret Service collection for
