@@ -133,13 +133,16 @@ TEST_F(AccountCoordinatorTest, FailedSignInsStoreNothingAndCloseTheListener) {
     google.setDeniesConsent(true);
     expectError<OAuthCallbackError>([&] { syncWait(coordinator.connect()); }, OAuthCallbackError::Kind::providerDenied);
     EXPECT_TRUE(opener->finalPage().contains("Authorization failed"));
+    EXPECT_TRUE(portIsClosed(opener->redirectPort()));
     google.setDeniesConsent(false);
 
     google.failNext(GoogleOAuthStandIn::kTokenPath,
                     CannedResponse::json(401, R"({"error":"invalid_client","error_description":"Unauthorized"})"));
     expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::httpFailure);
+    EXPECT_TRUE(portIsClosed(opener->redirectPort()));
     google.failNext(GoogleOAuthStandIn::kTokenPath, CannedResponse{200, {{"Content-Type", "text/plain"}}, "ok"});
     expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::invalidResponse);
+    EXPECT_TRUE(portIsClosed(opener->redirectPort()));
     google.failNext(GoogleOAuthStandIn::kUserInfoPath, CannedResponse{502, {}, ""});
     expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::httpFailure);
     store->failSave = true;
