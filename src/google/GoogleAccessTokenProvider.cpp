@@ -93,10 +93,6 @@ QCoro::Task<GoogleCredential> GoogleCredentialRefreshFlight::value(std::stop_tok
 }
 
 void GoogleCredentialRefreshFlight::registerWaiter(const UUID& id, Continuation<Outcome> waiter) {
-    if (cancelledBeforeRegistration_.erase(id)) {
-        waiter.resume(Outcome{std::nullopt, std::make_exception_ptr(CancellationError())});
-        return;
-    }
     if (result_) {
         waiter.resume(*result_);
         return;
@@ -112,9 +108,10 @@ void GoogleCredentialRefreshFlight::cancelWaiter(const UUID& id) {
         waiters_.erase(it);
         waiter.resume(Outcome{std::nullopt, std::make_exception_ptr(CancellationError())});
         if (waiterDidCancel_) waiterDidCancel_();
-        return;
     }
-    if (!result_) cancelledBeforeRegistration_.insert(id);
+    // Otherwise the waiter has been served already. A stop request always
+    // reaches the flight after the registration: the handler posts to the
+    // event loop, and registering happens before the first suspension.
 }
 
 void GoogleCredentialRefreshFlight::finish(Outcome outcome) {

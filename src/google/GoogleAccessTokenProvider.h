@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <stop_token>
 
 namespace tavelo {
@@ -64,7 +63,6 @@ private:
     std::function<void()> waiterDidCancel_;
     std::optional<Outcome> result_;
     std::map<UUID, Continuation<Outcome>> waiters_;
-    std::set<UUID> cancelledBeforeRegistration_;
     int joinedCount_ = 0;
 };
 
