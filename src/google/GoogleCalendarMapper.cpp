@@ -65,14 +65,18 @@ bool readWallTime(QStringView text, WallTime& t, qsizetype& pos, std::optional<b
     if (fraction && *fraction != hasFraction) return false;
     if (hasFraction) {
         ++pos;
-        double scale = 0.1;
+        // Digits beyond nanoseconds are read but cannot matter.
+        std::int64_t digits = 0, scale = 1;
         const qsizetype first = pos;
         while (pos < text.size() && text[pos] >= u'0' && text[pos] <= u'9') {
-            t.fraction += scale * (text[pos].unicode() - u'0');
-            scale /= 10;
+            if (scale < 1'000'000'000) {
+                digits = digits * 10 + (text[pos].unicode() - u'0');
+                scale *= 10;
+            }
             ++pos;
         }
         if (pos == first) return false;
+        t.fraction = static_cast<double>(digits) / static_cast<double>(scale);
     }
     return validFields(t);
 }
