@@ -9,6 +9,8 @@
 using namespace tavelo;
 namespace M = tavelo::GoogleCalendarMapper;
 
+void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+
 namespace {
 
 const UUID kLocalID = UUID::literal("AAAAAAAA-1111-4111-8111-000000000001");

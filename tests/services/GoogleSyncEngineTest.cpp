@@ -1,0 +1,320 @@
+#include "services/GoogleSyncEngine.h"
+
+#include "google/GoogleCalendarMapper.h"
+#include "google/StableUUID.h"
+#include "support/DateCalendar.h"
+#include "support/JsonReader.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace tavelo;
+namespace Engine = tavelo::GoogleSyncEngine;
+
+void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+
+namespace {
+
+Date at(const char* iso) { return *Date::fromIsoString(iso); }
+
+const UUID kAccountID = UUID::literal("AAAAAAAA-0000-4000-8000-00000000000A");
+const UUID kOtherAccountID = UUID::literal("AAAAAAAA-0000-4000-8000-00000000000B");
+const UUID kTagID = UUID::literal("7A000000-0000-4000-8000-000000000001");
+
+// A readable record; keys in `extra` come first and so win over the defaults.
+GoogleEventDTO dto(const std::string& id, const std::string& extra = "") {
+    return decodeGoogleEvent(R"({"id": ")" + id + "\", " + (extra.empty() ? "" : extra + ", ") +
+                             R"("etag": "\"1\"", "summary": "Event )" + id +
+                             R"(", "start": {"dateTime": "2026-01-05T09:00:00Z"}, "end": {"dateTime": "2026-01-05T10:00:00Z"}})");
+}
+
+GoogleEventPage lastPage(std::vector<GoogleEventDTO> events, std::vector<QString> deleted = {},
+                         QString syncToken = "sync-1") {
+    GoogleEventPage page;
+    page.events = std::move(events);
+    page.deletedEventIDs = std::move(deleted);
+    page.nextSyncToken = syncToken;
+    return page;
+}
+
+class GoogleSyncEngineTest : public ::testing::Test {
+protected:
+    DateCalendar zone = GoogleCalendarMapper::calendarForTimeZone("Asia/Tokyo");
+    CalendarSource calendar{stableUUID(kAccountID, "work@example.com"), kAccountID, "Work", "#4285F4", true, false,
+                            QString("work@example.com"), QString("Asia/Tokyo")};
+    CalendarSource otherCalendar{stableUUID(kAccountID, "team@example.com"), kAccountID, "Team", "#4285F4", true,
+                                 false, QString("team@example.com"), std::nullopt};
+    AppSnapshot snapshot;
+
+    void SetUp() override { snapshot.calendars = {calendar, otherCalendar}; }
+
+    GoogleSyncMergeResult merge(std::vector<GoogleEventPage> pages, GoogleSyncMode mode = GoogleSyncMode::full,
+                                Date completedAt = at("2026-01-06T00:00:00Z")) {
+        return Engine::mergingEventPages(pages, calendar, zone, mode, completedAt, snapshot);
+    }
+
+    const CalendarEvent* find(const AppSnapshot& s, const QString& googleID, const UUID& calendarID) {
+        auto it = std::find_if(s.events.begin(), s.events.end(), [&](const CalendarEvent& e) {
+            return e.googleEventID == googleID && e.calendarID == calendarID;
+        });
+        return it == s.events.end() ? nullptr : &*it;
+    }
+    const CalendarEvent* find(const AppSnapshot& s, const QString& googleID) { return find(s, googleID, calendar.id); }
+
+    CalendarEvent localEvent(const QString& title, const UUID& calendarID, std::optional<QString> googleID) {
+        CalendarEvent e;
+        e.id = UUID::random();
+        e.groupID = e.id;
+        e.title = title;
+        e.start = at("2026-01-07T09:00:00Z");
+        e.end = at("2026-01-07T10:00:00Z");
+        e.calendarID = calendarID;
+        e.googleEventID = std::move(googleID);
+        return e;
+    }
+};
+
+} // namespace
+
+TEST_F(GoogleSyncEngineTest, IncompleteListingsChangeNothing) {
+    snapshot.googleSyncStates = {{calendar.id, QString("old"), at("2026-01-01T00:00:00Z")}};
+    auto expectError = [&](std::vector<GoogleEventPage> pages, GoogleSyncEngineError::Kind kind) {
+        try {
+            merge(std::move(pages));
+            ADD_FAILURE() << "expected a sync engine error";
+        } catch (const GoogleSyncEngineError& error) {
+            EXPECT_EQ(error.kind(), kind);
+        }
+    };
+    using Kind = GoogleSyncEngineError::Kind;
+    expectError({}, Kind::incompletePagination);
+    auto first = lastPage({dto("a")});
+    first.nextSyncToken.reset();
+    expectError({first, lastPage({dto("b")})}, Kind::incompletePagination); // first page lacks a page token
+    first.nextPageToken = "p2";
+    expectError({first}, Kind::incompletePagination);                          // last page still has one
+    expectError({first, lastPage({dto("b")}, {}, "   ")}, Kind::missingSyncToken);
+    auto noToken = lastPage({dto("b")});
+    noToken.nextSyncToken.reset();
+    expectError({first, noToken}, Kind::missingSyncToken);
+
+    const auto result = merge({first, lastPage({dto("b")}, {}, "sync-2")});
+    EXPECT_EQ(result.snapshot.events.size(), 2u);
+    EXPECT_EQ(result.snapshot.googleSyncStates,
+              (std::vector<GoogleCalendarSyncState>{{calendar.id, QString("sync-2"), at("2026-01-06T00:00:00Z")}}));
+}
+
+TEST_F(GoogleSyncEngineTest, FullSyncReplacesIncrementalSyncAdds) {
+    const auto pending = localEvent("Not yet at Google", calendar.id, std::nullopt);
+    const auto elsewhere = localEvent("Other calendar, same Google id", otherCalendar.id, QString("gone"));
+    snapshot.events = {pending, elsewhere, localEvent("Deleted at Google", calendar.id, QString("gone")),
+                       localEvent("Kept", calendar.id, QString("kept"))};
+
+    auto incremental = merge({lastPage({dto("new")})}, GoogleSyncMode::incremental).snapshot;
+    EXPECT_EQ(incremental.events.size(), 5u);
+    EXPECT_NE(find(incremental, "gone"), nullptr);
+
+    auto full = merge({lastPage({dto("new"), dto(" kept ")})}).snapshot;
+    ASSERT_EQ(full.events.size(), 4u);
+    EXPECT_EQ(full.events[0], pending);
+    EXPECT_EQ(full.events[1], elsewhere); // another calendar is never touched
+    EXPECT_EQ(full.events[2].googleEventID, "kept");
+    EXPECT_EQ(full.events[2].id, snapshot.events[3].id); // updated in place, under its old id
+    EXPECT_EQ(full.events[2].title, "Event  kept");
+    EXPECT_EQ(full.events[3].id, stableUUID(calendar.id, "new"));
+    EXPECT_EQ(full.events[3].groupID, full.events[3].id);
+}
+
+TEST_F(GoogleSyncEngineTest, DeletionsAndRepeatsWithinOneListing) {
+    snapshot.events = {localEvent("Stored", calendar.id, QString("d1"))};
+    auto first = lastPage({dto("a"), dto("d1"), dto("a", R"("summary": "second")")});
+    first.nextPageToken = "p2";
+    first.nextSyncToken.reset();
+    // Deleted on the next page, after being listed; "b" is deleted before it
+    // ever appears.
+    auto second = lastPage({dto("b")}, {" d1 ", "b", "never-seen", ""});
+    for (auto mode : {GoogleSyncMode::full, GoogleSyncMode::incremental}) {
+        const auto s = merge({first, second}, mode).snapshot;
+        ASSERT_EQ(s.events.size(), 1u);
+        EXPECT_EQ(s.events[0].googleEventID, "a");
+        EXPECT_EQ(s.events[0].title, "second");
+    }
+}
+
+TEST_F(GoogleSyncEngineTest, AppOwnedStateSurvivesGoogleChanges) {
+    auto stored = localEvent("Before", calendar.id, QString("g"));
+    stored.kind = EventKind::task;
+    stored.isCompleted = true;
+    stored.tagID = kTagID;
+    stored.groupID = UUID::literal("6A000000-0000-4000-8000-000000000001");
+    stored.sourceEventID = UUID::literal("5A000000-0000-4000-8000-000000000001");
+    stored.isGeneratedBusyBlock = true;
+    snapshot.events = {stored};
+
+    // Google knows none of the program's links: all stay.
+    auto s = merge({lastPage({dto("g", R"("summary": "After", "location": "Hall")")})}).snapshot;
+    ASSERT_EQ(s.events.size(), 1u);
+    const auto& e = s.events[0];
+    EXPECT_EQ(e.id, stored.id);
+    EXPECT_EQ(e.title, "After");
+    EXPECT_EQ(e.location, "Hall");
+    EXPECT_EQ(e.kind, EventKind::task);
+    EXPECT_TRUE(e.isCompleted);
+    EXPECT_EQ(e.tagID, kTagID);
+    EXPECT_EQ(e.groupID, stored.groupID);
+    EXPECT_EQ(e.sourceEventID, stored.sourceEventID);
+    EXPECT_TRUE(e.isGeneratedBusyBlock);
+
+    // Links rewritten on another machine win, even where they now say "none".
+    s = merge({lastPage({dto("g", R"("extendedProperties": {"private": {"taveloGroupID": "not a uuid",)"
+                                  R"( "taveloParentEventID": "", "taveloGeneratedBusyBlock": "false",)"
+                                  R"( "taveloTagIDs": "8a000000-0000-4000-8000-000000000001"}})")})})
+            .snapshot;
+    EXPECT_EQ(s.events[0].groupID, stored.id);
+    EXPECT_FALSE(s.events[0].sourceEventID);
+    EXPECT_FALSE(s.events[0].isGeneratedBusyBlock);
+    EXPECT_EQ(s.events[0].tagID, UUID::literal("8A000000-0000-4000-8000-000000000001"));
+    EXPECT_TRUE(s.events[0].isCompleted);
+}
+
+TEST_F(GoogleSyncEngineTest, UnreadableItemsAreCountedAndKeepTheirStoredForm) {
+    const auto stored = localEvent("Stored", calendar.id, QString("bad"));
+    snapshot.events = {stored};
+    auto page = lastPage({dto("bad", R"("end": {"dateTime": "2026-01-05T08:00:00Z"})"), dto("ok")});
+    page.skippedItemCount = 2;
+    auto first = lastPage({}, {});
+    first.nextPageToken = "p2";
+    first.skippedItemCount = 1;
+    first.nextSyncToken.reset();
+
+    const auto result = merge({first, page});
+    ASSERT_EQ(result.snapshot.events.size(), 2u);
+    EXPECT_EQ(result.snapshot.events[0], stored);
+    EXPECT_EQ(result.warnings, std::vector<GoogleSyncWarning>{GoogleSyncWarning::skippedEvents(calendar.id, 4)});
+    EXPECT_TRUE(merge({lastPage({dto("ok")})}).warnings.empty());
+}
+
+TEST_F(GoogleSyncEngineTest, RepeatedFullSyncsAreStable) {
+    snapshot.events = {localEvent("Local", calendar.id, std::nullopt)};
+    std::vector<GoogleEventPage> pages{lastPage({dto("a"), dto("b", R"("attendees": [{"email": "x@example.com"}])")})};
+    pages[0].nextPageToken = "p2";
+    pages[0].nextSyncToken.reset();
+    pages.push_back(lastPage({dto("c")}, {"d"}));
+
+    const auto once = merge(pages, GoogleSyncMode::full, at("2026-01-06T00:00:00Z")).snapshot;
+    snapshot = once;
+    auto twice = merge(pages, GoogleSyncMode::full, at("2026-01-07T00:00:00Z")).snapshot;
+    EXPECT_EQ(twice.googleSyncStates.at(0).lastSync, at("2026-01-07T00:00:00Z"));
+    twice.googleSyncStates = once.googleSyncStates;
+    EXPECT_EQ(twice, once);
+
+    // A fresh machine reaches the same ids.
+    snapshot = AppSnapshot();
+    snapshot.calendars = {calendar};
+    const auto fresh = merge(pages).snapshot;
+    for (const auto& e : fresh.events) EXPECT_EQ(find(once, *e.googleEventID)->id, e.id);
+}
+
+TEST_F(GoogleSyncEngineTest, SyncTokens) {
+    snapshot.googleSyncStates = {{otherCalendar.id, QString("t"), at("2026-01-01T00:00:00Z")}};
+    auto s = Engine::clearingSyncToken(otherCalendar.id, snapshot);
+    EXPECT_EQ(s.googleSyncStates,
+              (std::vector<GoogleCalendarSyncState>{{otherCalendar.id, std::nullopt, at("2026-01-01T00:00:00Z")}}));
+    s = Engine::clearingSyncToken(calendar.id, s);
+    ASSERT_EQ(s.googleSyncStates.size(), 2u);
+    EXPECT_EQ(s.googleSyncStates[1], (GoogleCalendarSyncState{calendar.id, std::nullopt, std::nullopt}));
+
+    snapshot = s;
+    const auto merged = merge({lastPage({}, {}, "fresh")}, GoogleSyncMode::full, at("2026-01-09T00:00:00Z")).snapshot;
+    EXPECT_EQ(merged.googleSyncStates[0], s.googleSyncStates[0]);
+    EXPECT_EQ(merged.googleSyncStates[1],
+              (GoogleCalendarSyncState{calendar.id, QString("fresh"), at("2026-01-09T00:00:00Z")}));
+}
+
+// --- accounts and calendars -------------------------------------------------------
+
+TEST(GoogleSyncEngineAccountsTest, PresentationAndUpsert) {
+    using P = GoogleAccountPresentation;
+    EXPECT_EQ(P::forEmail("me@GMAIL.com"), (P{AccountKind::personal, "#2E9E6B"}));
+    EXPECT_EQ(P::forEmail("me@example.com"), (P{AccountKind::work, "#3D6FE8"}));
+    EXPECT_EQ(P::forEmail("gmail.com"), (P{AccountKind::work, "#3D6FE8"}));
+    EXPECT_EQ(P::forEmail("me@gmail.com@"), (P{AccountKind::work, "#3D6FE8"}));
+
+    auto s = Engine::upsertingAccount({"sub-1", "me@gmail.com", QString("  ")}, AppSnapshot()).snapshot;
+    ASSERT_EQ(s.accounts.size(), 1u);
+    const Account added = s.accounts[0];
+    EXPECT_EQ(added.id, stableUUID(Engine::accountNamespace(), "sub-1"));
+    EXPECT_EQ(added.name, "me@gmail.com");
+    EXPECT_EQ(added.kind, AccountKind::personal);
+    EXPECT_TRUE(added.isConnected);
+    EXPECT_EQ(added.googleSubject, "sub-1");
+
+    // Reconnected with a new address: same account, the user's colour stays.
+    s.accounts[0].isConnected = false;
+    s.accounts[0].colorHex = "#123456";
+    s.accounts[0].name = "Mine";
+    s = Engine::upsertingAccount({"sub-1", "me@example.com", std::nullopt}, s).snapshot;
+    ASSERT_EQ(s.accounts.size(), 1u);
+    EXPECT_EQ(s.accounts[0].id, added.id);
+    EXPECT_EQ(s.accounts[0].email, "me@example.com");
+    EXPECT_EQ(s.accounts[0].name, "Mine");
+    EXPECT_EQ(s.accounts[0].colorHex, "#123456");
+    EXPECT_EQ(s.accounts[0].kind, AccountKind::personal);
+    EXPECT_TRUE(s.accounts[0].isConnected);
+
+    // The old default colour is replaced from the presentation.
+    s.accounts[0].colorHex = "#4285f4";
+    s = Engine::upsertingAccount({"sub-1", "me@example.com", QString(" Me ")}, s).snapshot;
+    EXPECT_EQ(s.accounts[0].colorHex, "#3D6FE8");
+    EXPECT_EQ(s.accounts[0].kind, AccountKind::work);
+    EXPECT_EQ(s.accounts[0].name, "Me");
+
+    s = Engine::upsertingAccount({"sub-2", "b@example.com", QString("B")}, s).snapshot;
+    EXPECT_EQ(s.accounts.size(), 2u);
+}
+
+TEST(GoogleSyncEngineAccountsTest, MergingCalendars) {
+    auto entries = decodeGoogleCalendarListPage(R"({"items": [
+        {"id": " primary@example.com ", "summary": "Me", "summaryOverride": "  ", "backgroundColor": " #9fe1e7 ",
+         "selected": true, "timeZone": "Asia/Tokyo"},
+        {"id": "team", "summary": " ", "summaryOverride": " Team ", "backgroundColor": "#abc", "timeZone": "Nowhere/City"},
+        {"id": "holidays", "backgroundColor": "#GGGGGG"},
+        {"id": "  "}
+      ]})").calendars;
+    ASSERT_EQ(entries.size(), 3u); // the listing dropped the entry without an id
+    entries.push_back(GoogleCalendarListEntryDTO{.id = QString(" ")});
+    auto result = Engine::mergingCalendars(entries, kAccountID, 2, AppSnapshot());
+    EXPECT_EQ(result.warnings, std::vector<GoogleSyncWarning>{GoogleSyncWarning::skippedCalendars(kAccountID, 3)});
+    auto& calendars = result.snapshot.calendars;
+    ASSERT_EQ(calendars.size(), 3u);
+    EXPECT_EQ(calendars[0], (CalendarSource{stableUUID(kAccountID, "primary@example.com"), kAccountID, "Me", "#9FE1E7",
+                                            true, false, QString("primary@example.com"), QString("Asia/Tokyo")}));
+    EXPECT_EQ(calendars[1].name, "Team");
+    EXPECT_EQ(calendars[1].colorHex, "#4285F4");
+    EXPECT_FALSE(calendars[1].isVisible);
+    EXPECT_FALSE(calendars[1].googleTimeZoneIdentifier);
+    EXPECT_EQ(calendars[2].name, "holidays");
+    EXPECT_EQ(calendars[2].colorHex, "#4285F4");
+
+    // The user's choices survive; Google's fields are replaced; a calendar
+    // Google no longer lists stays.
+    const UUID keptID = UUID::random();
+    calendars[0].id = keptID;
+    calendars[0].isVisible = false;
+    calendars[0].receivesBusyBlocks = true;
+    entries[0].summary = "Renamed";
+    result = Engine::mergingCalendars({entries[0]}, kAccountID, 0, result.snapshot);
+    EXPECT_TRUE(result.warnings.empty());
+    ASSERT_EQ(result.snapshot.calendars.size(), 3u);
+    EXPECT_EQ(result.snapshot.calendars[0].id, keptID);
+    EXPECT_EQ(result.snapshot.calendars[0].name, "Renamed");
+    EXPECT_FALSE(result.snapshot.calendars[0].isVisible);
+    EXPECT_TRUE(result.snapshot.calendars[0].receivesBusyBlocks);
+
+    // The same Google calendar on another account is another calendar.
+    result = Engine::mergingCalendars({entries[0]}, kOtherAccountID, 0, result.snapshot);
+    ASSERT_EQ(result.snapshot.calendars.size(), 4u);
+    EXPECT_EQ(result.snapshot.calendars[3].accountID, kOtherAccountID);
+    EXPECT_NE(result.snapshot.calendars[3].id, keptID);
+}
