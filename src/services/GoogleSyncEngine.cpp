@@ -15,8 +15,11 @@ const QString& consumerMailDomain() {
     return domain;
 }
 
+// The text without surrounding white space, or nothing when that is empty.
+// Ids almost never carry spaces, so the common case is a shared copy.
 std::optional<QString> trimmedID(const std::optional<QString>& text) {
-    if (!text) return std::nullopt;
+    if (!text || text->isEmpty()) return std::nullopt;
+    if (!text->front().isSpace() && !text->back().isSpace()) return *text;
     QString trimmed = text->trimmed();
     if (trimmed.isEmpty()) return std::nullopt;
     return trimmed;
@@ -162,25 +165,34 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
     const UUID calendarID = calendar.id;
     auto& events = snapshot.events;
 
-    // The stored events of this calendar by Google id; the first of several
-    // copies counts.
+    // The stored events of this calendar by Google id. The first of several
+    // copies is the one that is updated; the others are dropped when Google
+    // lists the id again.
     QHash<QString, std::size_t> stored;
+    stored.reserve(static_cast<qsizetype>(events.size()));
+    std::vector<std::pair<QString, std::size_t>> extraCopies;
     for (std::size_t i = 0; i < events.size(); ++i) {
         const auto& e = events[i];
         if (e.calendarID != calendarID) continue;
-        if (auto id = trimmedID(e.googleEventID); id && !stored.contains(*id)) stored.insert(*id, i);
+        auto id = trimmedID(e.googleEventID);
+        if (!id) continue; // pending local work
+        if (stored.contains(*id))
+            extraCopies.emplace_back(std::move(*id), i);
+        else
+            stored.insert(std::move(*id), i);
     }
 
     // The listing's events in order of first appearance; a later record of the
     // same id replaces the earlier one in place.
     std::vector<std::optional<CalendarEvent>> working;
+    std::vector<QString> workingIDs;
     QHash<QString, std::size_t> workingIndex;
     QSet<QString> seen;
     int skipped = 0;
     for (const auto& page : pages) {
         skipped += page.skippedItemCount;
         for (const auto& dto : page.events) {
-            const QString googleID = dto.id ? dto.id->trimmed() : QString();
+            const QString googleID = trimmedID(dto.id).value_or(QString());
             const auto storedAt = googleID.isEmpty() ? stored.cend() : stored.constFind(googleID);
             const bool hasStored = storedAt != stored.cend();
             const UUID localID = hasStored ? events[*storedAt].id : stableUUID(calendarID, googleID);
@@ -196,6 +208,7 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
                 working[*at] = std::move(*mapped);
             } else {
                 workingIndex.insert(googleID, working.size());
+                workingIDs.push_back(googleID);
                 working.push_back(std::move(*mapped));
             }
         }
@@ -211,32 +224,43 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
         }
     }
 
-    // Write back: updated events keep their place, removed ones go, new ones
-    // are appended in listing order.
-    std::vector<CalendarEvent> merged;
-    merged.reserve(events.size() + working.size());
-    for (auto& e : events) {
-        if (e.calendarID != calendarID) {
-            merged.push_back(std::move(e));
-            continue;
-        }
-        const auto id = trimmedID(e.googleEventID);
-        if (!id) {
-            merged.push_back(std::move(e)); // pending local work
-            continue;
-        }
-        if (deleted.contains(*id)) continue;
-        if (auto at = workingIndex.constFind(*id); at != workingIndex.cend()) {
-            if (working[*at]) merged.push_back(std::move(*working[*at]));
-            working[*at].reset(); // further stored copies of this id are dropped
-            continue;
-        }
-        if (mode == GoogleSyncMode::full && !seen.contains(*id)) continue;
-        merged.push_back(std::move(e));
+    // Which stored events go: those deleted, further copies of a listed id,
+    // and in a full listing every Google event the listing did not name.
+    std::vector<std::size_t> dropped;
+    const bool full = mode == GoogleSyncMode::full;
+    for (auto it = stored.cbegin(); it != stored.cend(); ++it) {
+        if (deleted.contains(it.key()) || (full && !seen.contains(it.key()))) dropped.push_back(it.value());
     }
+    for (const auto& [id, position] : extraCopies) {
+        if (deleted.contains(id) || workingIndex.contains(id) || (full && !seen.contains(id)))
+            dropped.push_back(position);
+    }
+
+    // Updated events keep their place; new ones are appended in listing order.
+    std::size_t addedCount = 0;
+    for (std::size_t k = 0; k < working.size(); ++k) {
+        if (!working[k]) continue;
+        if (auto at = stored.constFind(workingIDs[k]); at != stored.cend()) {
+            events[*at] = std::move(*working[k]);
+            working[k].reset();
+        } else {
+            ++addedCount;
+        }
+    }
+    if (!dropped.empty()) {
+        std::vector<char> drop(events.size(), 0);
+        for (std::size_t position : dropped) drop[position] = 1;
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            if (drop[i]) continue;
+            if (kept != i) events[kept] = std::move(events[i]);
+            ++kept;
+        }
+        events.erase(events.begin() + static_cast<std::ptrdiff_t>(kept), events.end());
+    }
+    events.reserve(events.size() + addedCount);
     for (auto& e : working)
-        if (e) merged.push_back(std::move(*e));
-    events = std::move(merged);
+        if (e) events.push_back(std::move(*e));
 
     setSyncState(snapshot, GoogleCalendarSyncState{calendarID, pages.back().nextSyncToken, completedAt});
 
