@@ -7,6 +7,8 @@ namespace tavelo {
 
 namespace {
 
+QString internedOrNew(std::string_view text);
+
 // A JSON object of strings, such as the private extended properties. A value
 // that is not a string fails the whole map.
 std::map<QString, QString> readStringMap(const JsonValue& v) {
@@ -15,12 +17,41 @@ std::map<QString, QString> readStringMap(const JsonValue& v) {
     for (auto [key, element] : object.raw()) {
         JsonPath path{v.path(), key, -1};
         JsonValue value(element, &path);
-        QString text;
-        readJson(value, text);
         // The first occurrence of a key counts, as everywhere in the reader.
-        out.emplace(QString::fromUtf8(key.data(), static_cast<qsizetype>(key.size())), std::move(text));
+        out.emplace(internedOrNew(key), internedOrNew(value.string()));
     }
     return out;
+}
+
+// Values that recur in almost every record of a listing. Decoded to one
+// shared string each, so that a page of thousands of events does not hold
+// thousands of copies of "confirmed" or "Asia/Tokyo".
+QString internedOrNew(std::string_view text) {
+    static const auto table = [] {
+        std::vector<std::pair<std::string, QString>> t;
+        for (const char* word :
+             {"confirmed", "tentative", "cancelled", "accepted", "declined", "needsAction", "popup", "email", "opaque",
+              "transparent", "default", "public", "private", "confidential", "video", "phone", "sip", "more", "true",
+              "false", "taveloGroupID", "taveloParentEventID", "taveloGeneratedBusyBlock", "taveloTagIDs", "UTC",
+              "Asia/Tokyo", "America/New_York", "America/Los_Angeles", "Europe/London", "Europe/Berlin"})
+            t.emplace_back(word, QString::fromUtf8(word));
+        return t;
+    }();
+    if (text.size() <= 24) {
+        for (const auto& [word, shared] : table)
+            if (word == text) return shared;
+    }
+    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+// An optional string field whose values come from a small set.
+std::optional<QString> optionalWord(const JsonObject& o, std::string_view key) {
+    auto element = o.find(key);
+    if (!element) return std::nullopt;
+    JsonPath path{o.path(), key, -1};
+    JsonValue value(*element, &path);
+    if (value.isNull()) return std::nullopt;
+    return internedOrNew(value.string());
 }
 
 template <class T>
@@ -100,7 +131,7 @@ void GoogleEventDateTimeDTO::encode(JsonWriter& w) const {
 
 GoogleEventDateTimeDTO GoogleEventDateTimeDTO::decode(const JsonValue& v) {
     const auto o = v.object();
-    return {optional<QString>(o, "date"), optional<QString>(o, "dateTime"), optional<QString>(o, "timeZone")};
+    return {optional<QString>(o, "date"), optional<QString>(o, "dateTime"), optionalWord(o, "timeZone")};
 }
 
 void GoogleEventAttendeeDTO::encode(JsonWriter& w) const {
@@ -115,7 +146,7 @@ void GoogleEventAttendeeDTO::encode(JsonWriter& w) const {
 GoogleEventAttendeeDTO GoogleEventAttendeeDTO::decode(const JsonValue& v) {
     const auto o = v.object();
     return {optional<QString>(o, "id"), optional<QString>(o, "email"), optional<QString>(o, "displayName"),
-            optional<QString>(o, "responseStatus")};
+            optionalWord(o, "responseStatus")};
 }
 
 void GoogleEventReminderOverrideDTO::encode(JsonWriter& w) const {
@@ -127,7 +158,10 @@ void GoogleEventReminderOverrideDTO::encode(JsonWriter& w) const {
 
 GoogleEventReminderOverrideDTO GoogleEventReminderOverrideDTO::decode(const JsonValue& v) {
     const auto o = v.object();
-    return {required<QString>(o, "method"), required<int>(o, "minutes")};
+    const auto method = o.find("method");
+    if (!method) o.fail(JsonDecodingError::Kind::keyNotFound, "No value associated with key method");
+    JsonPath path{o.path(), "method", -1};
+    return {internedOrNew(JsonValue(*method, &path).string()), required<int>(o, "minutes")};
 }
 
 void GoogleEventRemindersDTO::encode(JsonWriter& w) const {
@@ -151,7 +185,7 @@ void GoogleConferenceEntryPointDTO::encode(JsonWriter& w) const {
 
 GoogleConferenceEntryPointDTO GoogleConferenceEntryPointDTO::decode(const JsonValue& v) {
     const auto o = v.object();
-    return {optional<QString>(o, "entryPointType"), optional<QString>(o, "uri")};
+    return {optionalWord(o, "entryPointType"), optional<QString>(o, "uri")};
 }
 
 void GoogleConferenceDataDTO::encode(JsonWriter& w) const {
@@ -223,7 +257,7 @@ GoogleEventDTO GoogleEventDTO::decode(const JsonValue& v) {
     GoogleEventDTO e;
     e.id = optional<QString>(o, "id");
     e.etag = optional<QString>(o, "etag");
-    e.status = optional<QString>(o, "status");
+    e.status = optionalWord(o, "status");
     e.summary = optional<QString>(o, "summary");
     e.description = optional<QString>(o, "description");
     e.location = optional<QString>(o, "location");
@@ -234,8 +268,8 @@ GoogleEventDTO GoogleEventDTO::decode(const JsonValue& v) {
     e.recurrence = optional<std::vector<QString>>(o, "recurrence");
     e.recurringEventId = optional<QString>(o, "recurringEventId");
     e.originalStartTime = optionalRecord<GoogleEventDateTimeDTO>(o, "originalStartTime");
-    e.transparency = optional<QString>(o, "transparency");
-    e.visibility = optional<QString>(o, "visibility");
+    e.transparency = optionalWord(o, "transparency");
+    e.visibility = optionalWord(o, "visibility");
     e.attendees = optional<std::vector<GoogleEventAttendeeDTO>>(o, "attendees");
     e.reminders = optionalRecord<GoogleEventRemindersDTO>(o, "reminders");
     e.hangoutLink = optional<QString>(o, "hangoutLink");

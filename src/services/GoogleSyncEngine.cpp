@@ -6,6 +6,8 @@
 #include <QHash>
 #include <QSet>
 
+#include <type_traits>
+
 namespace tavelo {
 
 namespace {
@@ -158,9 +160,13 @@ void preserveAppOwnedEventState(const CalendarEvent& stored, const GoogleEventDT
         mapped.isGeneratedBusyBlock = stored.isGeneratedBusyBlock;
 }
 
-GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& pages, const CalendarSource& calendar,
-                                        const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
-                                        AppSnapshot snapshot) {
+namespace {
+
+// When the pages are not const they belong to the merge, and each page's
+// records are freed once mapped.
+template <class Pages>
+GoogleSyncMergeResult mergeListing(Pages& pages, const CalendarSource& calendar, const DateCalendar& calendarTimeZone,
+                                   GoogleSyncMode mode, Date completedAt, AppSnapshot snapshot) {
     validateListing(pages);
     const UUID calendarID = calendar.id;
     auto& events = snapshot.events;
@@ -182,14 +188,36 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
             stored.insert(std::move(*id), i);
     }
 
-    // The listing's events in order of first appearance; a later record of the
-    // same id replaces the earlier one in place.
-    std::vector<std::optional<CalendarEvent>> working;
-    std::vector<QString> workingIDs;
-    QHash<QString, std::size_t> workingIndex;
+    // A first look at the listing: every id it names (readable or not), the
+    // ids it names more than once, and how many events may be new.
     QSet<QString> seen;
-    int skipped = 0;
+    QSet<QString> repeated;
+    std::size_t possiblyNew = 0;
     for (const auto& page : pages) {
+        for (const auto& dto : page.events) {
+            auto id = trimmedID(dto.id);
+            if (!id) continue;
+            if (seen.contains(*id)) {
+                repeated.insert(*id);
+            } else {
+                if (!stored.contains(*id)) ++possiblyNew;
+                seen.insert(std::move(*id));
+            }
+        }
+    }
+
+    // Mapped events go straight into the snapshot: an update where the stored
+    // event is, a new event at the end. A later record of one id replaces the
+    // earlier one in the same place.
+    const std::size_t storedCount = events.size();
+    events.reserve(storedCount + possiblyNew);
+    std::vector<char> replaced(storedCount, 0);
+    QHash<QString, std::size_t> added;
+    // The stored form of an event named more than once, kept before it is
+    // first overwritten: every record of the id is merged against it.
+    QHash<std::size_t, CalendarEvent> originals;
+    int skipped = 0;
+    for (auto& page : pages) {
         skipped += page.skippedItemCount;
         for (const auto& dto : page.events) {
             const QString googleID = trimmedID(dto.id).value_or(QString());
@@ -197,59 +225,60 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
             const bool hasStored = storedAt != stored.cend();
             const UUID localID = hasStored ? events[*storedAt].id : stableUUID(calendarID, googleID);
             auto mapped = GoogleCalendarMapper::event(dto, localID, calendarID, calendarTimeZone);
-            if (!googleID.isEmpty()) seen.insert(googleID);
             if (!mapped) {
                 // The stored form stays until Google says otherwise.
                 ++skipped;
                 continue;
             }
-            if (hasStored) preserveAppOwnedEventState(events[*storedAt], dto, *mapped);
-            if (auto at = workingIndex.constFind(googleID); at != workingIndex.cend()) {
-                working[*at] = std::move(*mapped);
+            if (hasStored) {
+                const std::size_t position = *storedAt;
+                if (repeated.contains(googleID)) {
+                    auto original = originals.constFind(position);
+                    if (original == originals.cend()) original = originals.insert(position, events[position]);
+                    preserveAppOwnedEventState(*original, dto, *mapped);
+                } else {
+                    preserveAppOwnedEventState(events[position], dto, *mapped);
+                }
+                events[position] = std::move(*mapped);
+                replaced[position] = 1;
+            } else if (auto at = added.constFind(googleID); at != added.cend()) {
+                events[*at] = std::move(*mapped);
             } else {
-                workingIndex.insert(googleID, working.size());
-                workingIDs.push_back(googleID);
-                working.push_back(std::move(*mapped));
+                added.insert(googleID, events.size());
+                events.push_back(std::move(*mapped));
             }
         }
+        if constexpr (!std::is_const_v<Pages>) std::vector<GoogleEventDTO>().swap(page.events);
     }
 
     QSet<QString> deleted;
     for (const auto& page : pages) {
         for (const auto& rawID : page.deletedEventIDs) {
-            const QString id = rawID.trimmed();
-            if (id.isEmpty()) continue;
-            deleted.insert(id);
-            if (auto at = workingIndex.constFind(id); at != workingIndex.cend()) working[*at].reset();
+            if (auto id = trimmedID(rawID)) deleted.insert(std::move(*id));
         }
     }
 
-    // Which stored events go: those deleted, further copies of a listed id,
-    // and in a full listing every Google event the listing did not name.
-    std::vector<std::size_t> dropped;
+    // What goes: deleted events (a deletion overrides a record seen earlier),
+    // further copies of an id Google listed, and in a full listing every
+    // stored Google event that the listing did not name.
+    std::vector<char> drop(events.size(), 0);
+    bool dropsAny = false;
+    auto dropAt = [&](std::size_t position) {
+        drop[position] = 1;
+        dropsAny = true;
+    };
     const bool full = mode == GoogleSyncMode::full;
     for (auto it = stored.cbegin(); it != stored.cend(); ++it) {
-        if (deleted.contains(it.key()) || (full && !seen.contains(it.key()))) dropped.push_back(it.value());
+        if (deleted.contains(it.key()) || (full && !seen.contains(it.key()))) dropAt(it.value());
     }
     for (const auto& [id, position] : extraCopies) {
-        if (deleted.contains(id) || workingIndex.contains(id) || (full && !seen.contains(id)))
-            dropped.push_back(position);
+        if (deleted.contains(id) || replaced[stored.value(id)] || (full && !seen.contains(id))) dropAt(position);
     }
-
-    // Updated events keep their place; new ones are appended in listing order.
-    std::size_t addedCount = 0;
-    for (std::size_t k = 0; k < working.size(); ++k) {
-        if (!working[k]) continue;
-        if (auto at = stored.constFind(workingIDs[k]); at != stored.cend()) {
-            events[*at] = std::move(*working[k]);
-            working[k].reset();
-        } else {
-            ++addedCount;
-        }
+    if (!deleted.isEmpty()) {
+        for (auto it = added.cbegin(); it != added.cend(); ++it)
+            if (deleted.contains(it.key())) dropAt(it.value());
     }
-    if (!dropped.empty()) {
-        std::vector<char> drop(events.size(), 0);
-        for (std::size_t position : dropped) drop[position] = 1;
+    if (dropsAny) {
         std::size_t kept = 0;
         for (std::size_t i = 0; i < events.size(); ++i) {
             if (drop[i]) continue;
@@ -258,15 +287,26 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
         }
         events.erase(events.begin() + static_cast<std::ptrdiff_t>(kept), events.end());
     }
-    events.reserve(events.size() + addedCount);
-    for (auto& e : working)
-        if (e) events.push_back(std::move(*e));
 
     setSyncState(snapshot, GoogleCalendarSyncState{calendarID, pages.back().nextSyncToken, completedAt});
 
     GoogleSyncMergeResult result{std::move(snapshot), {}};
     if (skipped > 0) result.warnings.push_back(GoogleSyncWarning::skippedEvents(calendarID, skipped));
     return result;
+}
+
+} // namespace
+
+GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& pages, const CalendarSource& calendar,
+                                        const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
+                                        AppSnapshot snapshot) {
+    return mergeListing(pages, calendar, calendarTimeZone, mode, completedAt, std::move(snapshot));
+}
+
+GoogleSyncMergeResult mergingEventPages(std::vector<GoogleEventPage>&& pages, const CalendarSource& calendar,
+                                        const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
+                                        AppSnapshot snapshot) {
+    return mergeListing(pages, calendar, calendarTimeZone, mode, completedAt, std::move(snapshot));
 }
 
 AppSnapshot clearingSyncToken(const UUID& calendarID, AppSnapshot snapshot) {

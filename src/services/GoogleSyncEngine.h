@@ -72,6 +72,11 @@ GoogleSyncMergeResult mergingCalendars(const std::vector<GoogleCalendarListEntry
 GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& pages, const CalendarSource& calendar,
                                         const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
                                         AppSnapshot snapshot);
+// As above, releasing each page's records as soon as they are mapped, so that
+// a large first listing is never held twice over.
+GoogleSyncMergeResult mergingEventPages(std::vector<GoogleEventPage>&& pages, const CalendarSource& calendar,
+                                        const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
+                                        AppSnapshot snapshot);
 
 // Forgets the calendar's sync token, keeping its last sync time, so that the
 // next listing is a full one.
