@@ -171,40 +171,53 @@ GoogleSyncMergeResult mergeListing(Pages& pages, const CalendarSource& calendar,
     const UUID calendarID = calendar.id;
     auto& events = snapshot.events;
 
-    // The stored events of this calendar by Google id. The first of several
-    // copies is the one that is updated; the others are dropped when Google
-    // lists the id again.
+    // A first look at the listing: every id it names (readable or not), the
+    // ids it names more than once, and the ids it deletes.
+    QSet<QString> seen;
+    QSet<QString> repeated;
+    for (const auto& page : pages) {
+        for (const auto& dto : page.events) {
+            auto id = trimmedID(dto.id);
+            if (!id) continue;
+            if (seen.contains(*id))
+                repeated.insert(*id);
+            else
+                seen.insert(std::move(*id));
+        }
+    }
+    QSet<QString> deleted;
+    for (const auto& page : pages) {
+        for (const auto& rawID : page.deletedEventIDs) {
+            if (auto id = trimmedID(rawID)) deleted.insert(std::move(*id));
+        }
+    }
+
+    // The stored events of this calendar that the listing names, by Google
+    // id. The first of several copies is the one that is updated; the others
+    // go when Google lists the id again. In a full listing a stored Google
+    // event that the listing does not name goes too; events without a Google
+    // id are pending local work and always stay.
+    const bool full = mode == GoogleSyncMode::full;
     QHash<QString, std::size_t> stored;
-    stored.reserve(static_cast<qsizetype>(events.size()));
     std::vector<std::pair<QString, std::size_t>> extraCopies;
+    std::vector<std::size_t> dropped;
     for (std::size_t i = 0; i < events.size(); ++i) {
         const auto& e = events[i];
         if (e.calendarID != calendarID) continue;
         auto id = trimmedID(e.googleEventID);
-        if (!id) continue; // pending local work
+        if (!id) continue;
+        if (!seen.contains(*id) && !deleted.contains(*id)) {
+            if (full) dropped.push_back(i);
+            continue;
+        }
         if (stored.contains(*id))
             extraCopies.emplace_back(std::move(*id), i);
         else
             stored.insert(std::move(*id), i);
     }
-
-    // A first look at the listing: every id it names (readable or not), the
-    // ids it names more than once, and how many events may be new.
-    QSet<QString> seen;
-    QSet<QString> repeated;
     std::size_t possiblyNew = 0;
-    for (const auto& page : pages) {
-        for (const auto& dto : page.events) {
-            auto id = trimmedID(dto.id);
-            if (!id) continue;
-            if (seen.contains(*id)) {
-                repeated.insert(*id);
-            } else {
-                if (!stored.contains(*id)) ++possiblyNew;
-                seen.insert(std::move(*id));
-            }
-        }
-    }
+    for (const auto& id : seen)
+        if (!stored.contains(id)) ++possiblyNew;
 
     // Mapped events go straight into the snapshot: an update where the stored
     // event is, a new event at the end. A later record of one id replaces the
@@ -251,34 +264,21 @@ GoogleSyncMergeResult mergeListing(Pages& pages, const CalendarSource& calendar,
         if constexpr (!std::is_const_v<Pages>) std::vector<GoogleEventDTO>().swap(page.events);
     }
 
-    QSet<QString> deleted;
-    for (const auto& page : pages) {
-        for (const auto& rawID : page.deletedEventIDs) {
-            if (auto id = trimmedID(rawID)) deleted.insert(std::move(*id));
-        }
-    }
-
-    // What goes: deleted events (a deletion overrides a record seen earlier),
-    // further copies of an id Google listed, and in a full listing every
-    // stored Google event that the listing did not name.
-    std::vector<char> drop(events.size(), 0);
-    bool dropsAny = false;
-    auto dropAt = [&](std::size_t position) {
-        drop[position] = 1;
-        dropsAny = true;
-    };
-    const bool full = mode == GoogleSyncMode::full;
+    // What goes besides: deleted events (a deletion overrides a record seen
+    // earlier) and further copies of an id Google listed.
     for (auto it = stored.cbegin(); it != stored.cend(); ++it) {
-        if (deleted.contains(it.key()) || (full && !seen.contains(it.key()))) dropAt(it.value());
+        if (deleted.contains(it.key())) dropped.push_back(it.value());
     }
     for (const auto& [id, position] : extraCopies) {
-        if (deleted.contains(id) || replaced[stored.value(id)] || (full && !seen.contains(id))) dropAt(position);
+        if (deleted.contains(id) || replaced[stored.value(id)]) dropped.push_back(position);
     }
     if (!deleted.isEmpty()) {
         for (auto it = added.cbegin(); it != added.cend(); ++it)
-            if (deleted.contains(it.key())) dropAt(it.value());
+            if (deleted.contains(it.key())) dropped.push_back(it.value());
     }
-    if (dropsAny) {
+    if (!dropped.empty()) {
+        std::vector<char> drop(events.size(), 0);
+        for (std::size_t position : dropped) drop[position] = 1;
         std::size_t kept = 0;
         for (std::size_t i = 0; i < events.size(); ++i) {
             if (drop[i]) continue;

@@ -142,6 +142,29 @@ TEST_F(GoogleSyncEngineTest, DeletionsAndRepeatsWithinOneListing) {
     }
 }
 
+TEST_F(GoogleSyncEngineTest, StoredCopiesAndRepeatedRecordsOfOneID) {
+    auto first = localEvent("First copy", calendar.id, QString("dup"));
+    first.groupID = UUID::literal("6A000000-0000-4000-8000-000000000002");
+    auto second = localEvent("Second copy", calendar.id, QString(" dup "));
+    const auto skippedTwice = localEvent("Unreadable at Google", calendar.id, QString("bad"));
+    snapshot.events = {first, skippedTwice, second, skippedTwice};
+
+    // Two records of "dup": the first names a group, the second does not, so
+    // the second is merged against the stored event, not the first record.
+    const auto s = merge({lastPage({dto("dup", R"("extendedProperties": {"private": {"taveloGroupID": )"
+                                              R"("9a000000-0000-4000-8000-000000000001"}})"),
+                                    dto("dup", R"("summary": "Final")"),
+                                    dto("bad", R"("start": {"date": "x"})")})},
+                         GoogleSyncMode::incremental)
+                       .snapshot;
+    ASSERT_EQ(s.events.size(), 3u);
+    EXPECT_EQ(s.events[0].id, first.id);
+    EXPECT_EQ(s.events[0].title, "Final");
+    EXPECT_EQ(s.events[0].groupID, first.groupID);
+    EXPECT_EQ(s.events[1], skippedTwice); // unreadable records leave every stored copy alone
+    EXPECT_EQ(s.events[2], skippedTwice);
+}
+
 TEST_F(GoogleSyncEngineTest, AppOwnedStateSurvivesGoogleChanges) {
     auto stored = localEvent("Before", calendar.id, QString("g"));
     stored.kind = EventKind::task;
