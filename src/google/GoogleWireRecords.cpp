@@ -419,6 +419,37 @@ void GoogleEventPatchDTO::encode(JsonWriter& w) const {
     w.endObject();
 }
 
+void FreeBusyRequest::encode(JsonWriter& w) const {
+    w.beginObject();
+    writeField(w, "timeMin", timeMin);
+    writeField(w, "timeMax", timeMax);
+    writeField(w, "timeZone", timeZone);
+    w.key("items");
+    w.beginArray();
+    for (const auto& id : items) {
+        w.beginObject();
+        writeField(w, "id", id);
+        w.endObject();
+    }
+    w.endArray();
+    w.endObject();
+}
+
+std::optional<QString> googleErrorReason(std::string_view body) {
+    simdjson::dom::parser parser;
+    simdjson::dom::array errors;
+    if (parser.parse(body.data(), body.size()).at_pointer("/error/errors").get_array().get(errors) !=
+        simdjson::SUCCESS)
+        return std::nullopt;
+    for (auto item : errors) {
+        std::string_view reason;
+        if (item.at_key("reason").get_string().get(reason) != simdjson::SUCCESS) continue;
+        QString text = QString::fromUtf8(reason.data(), static_cast<qsizetype>(reason.size())).trimmed();
+        if (!text.isEmpty()) return text;
+    }
+    return std::nullopt;
+}
+
 // --- whole responses ------------------------------------------------------------
 
 GoogleEventPage decodeGoogleEventPage(std::string_view body) {

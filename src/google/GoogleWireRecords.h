@@ -274,6 +274,22 @@ struct GoogleEventPatchDTO {
     void encode(JsonWriter& w) const;
 };
 
+// The body of a free-busy query; each calendar is an item with the single
+// key "id".
+struct FreeBusyRequest {
+    QString timeMin;
+    QString timeMax;
+    QString timeZone;
+    std::vector<QString> items;
+
+    bool operator==(const FreeBusyRequest&) const = default;
+    void encode(JsonWriter& w) const;
+};
+
+// The reason Google gives for a failed request: the first non-empty
+// error.errors[n].reason, trimmed. Nothing for a body of any other shape.
+std::optional<QString> googleErrorReason(std::string_view body);
+
 // --- pages of listings ----------------------------------------------------------
 
 struct GoogleCalendarListPage {

@@ -209,3 +209,17 @@ TEST(GoogleWireRecordsTest, ExtendedPropertyLimits) {
     for (int i = 0; i < 301; ++i) many[QStringLiteral("k%1").arg(i)] = "1";
     EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(many));
 }
+
+TEST(GoogleWireRecordsTest, FreeBusyRequestAndErrorReasons) {
+    const FreeBusyRequest request{"2026-01-05T00:00:00Z", "2026-01-06T00:00:00Z", "Asia/Tokyo", {"a@x", "b@x"}};
+    EXPECT_EQ(encodeJson(request), R"({"timeMin":"2026-01-05T00:00:00Z","timeMax":"2026-01-06T00:00:00Z",)"
+                                   R"("timeZone":"Asia/Tokyo","items":[{"id":"a@x"},{"id":"b@x"}]})");
+
+    EXPECT_EQ(googleErrorReason(R"({"error": {"code": 403, "errors": [{"domain": "usageLimits"},)"
+                                R"( {"reason": "  "}, {"reason": 4}, {"reason": " rateLimitExceeded "},)"
+                                R"( {"reason": "other"}]}})"),
+              "rateLimitExceeded");
+    for (const char* body : {"", "<html>Forbidden</html>", R"({"error": "denied"})", R"({"error": {"errors": {}}})",
+                             R"({"error": {"errors": [{"reason": ""}]}})", R"({"error": {"errors": [)"})
+        EXPECT_FALSE(googleErrorReason(body)) << body;
+}
