@@ -335,8 +335,9 @@ TEST(GoogleSyncEngineAccountsTest, MergingCalendars) {
     EXPECT_FALSE(result.snapshot.calendars[0].isVisible);
     EXPECT_TRUE(result.snapshot.calendars[0].receivesBusyBlocks);
 
-    // The same Google calendar on another account is another calendar.
-    result = Engine::mergingCalendars({entries[0]}, kOtherAccountID, 0, result.snapshot);
+    // The same Google calendar on another account is another calendar; an
+    // entry listed twice is one calendar.
+    result = Engine::mergingCalendars({entries[0], entries[0]}, kOtherAccountID, 0, result.snapshot);
     ASSERT_EQ(result.snapshot.calendars.size(), 4u);
     EXPECT_EQ(result.snapshot.calendars[3].accountID, kOtherAccountID);
     EXPECT_NE(result.snapshot.calendars[3].id, keptID);
