@@ -83,6 +83,30 @@ void writePatchField(JsonWriter& w, std::string_view name, const GooglePatchValu
         w.null();
 }
 
+// A start or end in a patch. Google merges a patched object into the stored
+// one, so the form not sent is written as null: an event that changes
+// between all-day and timed must not keep both a date and a time.
+void writePatchTime(JsonWriter& w, std::string_view name, const GooglePatchValue<GoogleEventDateTimeDTO>& field) {
+    if (field.isOmitted()) return;
+    w.key(name);
+    const GoogleEventDateTimeDTO* value = field.get();
+    if (!value) {
+        w.null();
+        return;
+    }
+    w.beginObject();
+    for (auto [key, text] : {std::pair{std::string_view("date"), &value->date},
+                             std::pair{std::string_view("dateTime"), &value->dateTime},
+                             std::pair{std::string_view("timeZone"), &value->timeZone}}) {
+        w.key(key);
+        if (*text)
+            w.string(**text);
+        else
+            w.null();
+    }
+    w.endObject();
+}
+
 std::optional<QString> optionalString(simdjson::dom::object object, std::string_view key) {
     simdjson::dom::element element;
     if (object.at_key(key).get(element) != simdjson::SUCCESS) return std::nullopt;
@@ -407,8 +431,8 @@ void GoogleEventPatchDTO::encode(JsonWriter& w) const {
     writePatchField(w, "summary", summary);
     writePatchField(w, "description", description);
     writePatchField(w, "location", location);
-    writePatchField(w, "start", start);
-    writePatchField(w, "end", end);
+    writePatchTime(w, "start", start);
+    writePatchTime(w, "end", end);
     writePatchField(w, "recurrence", recurrence);
     writePatchField(w, "transparency", transparency);
     writePatchField(w, "visibility", visibility);

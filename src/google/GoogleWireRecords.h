@@ -270,7 +270,8 @@ struct GoogleEventPatchDTO {
     bool isEmpty() const;
 
     bool operator==(const GoogleEventPatchDTO&) const = default;
-    // The request body: the etag is left out.
+    // The request body: the etag is left out, and a start or end names both
+    // of its forms, the one not used as null.
     void encode(JsonWriter& w) const;
 };
 

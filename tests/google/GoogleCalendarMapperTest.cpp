@@ -262,18 +262,22 @@ TEST_F(GoogleCalendarMapperTest, PatchCarriesOnlyTheChangedFields) {
     EXPECT_TRUE(p.conferenceData.isOmitted()); // a link exists and no new one is asked for
     ASSERT_TRUE(p.start.get());
     EXPECT_EQ(p.start.get()->dateTime, "2026-01-05T09:00:00+09:00");
+    EXPECT_NE(encodeJson(p).find(R"("end":{"date":null,"dateTime":"2026-01-06T09:00:00+09:00","timeZone":"Asia/Tokyo"})"),
+              std::string::npos);
     const std::string body = encodeJson(p);
     EXPECT_NE(body.find(R"("description":null)"), std::string::npos) << body;
     EXPECT_NE(body.find(R"("taveloTagIDs":null)"), std::string::npos) << body;
     EXPECT_NE(body.find(R"("taveloParentEventID":null)"), std::string::npos) << body;
     EXPECT_EQ(body.find("etag"), std::string::npos) << body;
 
-    // Timed to all-day sends the day form.
+    // Timed to all-day sends the day form, and erases the time Google holds.
     e.isAllDay = true;
     e.meetURL.reset();
     e.notes = " kept ";
     const auto q = M::patch(e, tokyo, {F::timing, F::conference, F::description}, std::nullopt);
     EXPECT_EQ(*q.start.get(), (GoogleEventDateTimeDTO{"2026-01-05", std::nullopt, std::nullopt}));
+    EXPECT_NE(encodeJson(q).find(R"("start":{"date":"2026-01-05","dateTime":null,"timeZone":null})"), std::string::npos)
+        << encodeJson(q);
     EXPECT_TRUE(q.conferenceData.isClear());
     EXPECT_EQ(*q.description.get(), "kept");
     const auto r = M::patch(e, tokyo, {F::conference}, QString("req-2"));
