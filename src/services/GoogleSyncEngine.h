@@ -36,6 +36,10 @@ public:
     Kind kind() const { return kind_; }
     const char* domain() const override { return "GoogleSyncEngineError"; }
     int code() const override { return static_cast<int>(kind_); }
+    const char* what() const noexcept override {
+        return kind_ == Kind::incompletePagination ? "The Google event listing is incomplete: a page is missing."
+                                                   : "The Google event listing ended without a sync token.";
+    }
 
 private:
     Kind kind_;
