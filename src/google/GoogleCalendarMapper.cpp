@@ -181,14 +181,14 @@ std::vector<QString> recurrenceLines(EventRecurrence recurrence) {
     return {QStringLiteral("RRULE:FREQ=") + QString::fromLatin1(name.data(), static_cast<qsizetype>(name.size())).toUpper()};
 }
 
-std::optional<UUID> propertyUUID(const GoogleEventDTO& dto, const char16_t* key) {
-    const QString* value = dto.privateProperty(QString::fromUtf16(key));
+std::optional<UUID> propertyUUID(const GoogleEventDTO& dto, const QString& key) {
+    const QString* value = dto.privateProperty(key);
     if (!value) return std::nullopt;
     return UUID::fromString(value->trimmed());
 }
 
 std::optional<UUID> firstTagID(const GoogleEventDTO& dto) {
-    const QString* value = dto.privateProperty(QString::fromUtf16(kTagIDsKey));
+    const QString* value = dto.privateProperty(tagIDsKey());
     if (!value) return std::nullopt;
     for (const auto& piece : value->split(u',', Qt::SkipEmptyParts)) {
         if (auto id = UUID::fromString(piece.trimmed())) return id;
@@ -266,6 +266,23 @@ std::optional<QString> trimmedOrNothing(const QString& text) {
 
 } // namespace
 
+const QString& groupIDKey() {
+    static const QString key = QStringLiteral("taveloGroupID");
+    return key;
+}
+const QString& parentEventIDKey() {
+    static const QString key = QStringLiteral("taveloParentEventID");
+    return key;
+}
+const QString& generatedBusyBlockKey() {
+    static const QString key = QStringLiteral("taveloGeneratedBusyBlock");
+    return key;
+}
+const QString& tagIDsKey() {
+    static const QString key = QStringLiteral("taveloTagIDs");
+    return key;
+}
+
 QString untitledEventTitle() { return QStringLiteral("予定あり"); }
 
 DateCalendar calendarForTimeZone(const QString& timeZoneID) {
@@ -334,8 +351,8 @@ std::optional<CalendarEvent> event(const GoogleEventDTO& dto, const UUID& localI
 
     CalendarEvent e;
     e.id = localID;
-    e.groupID = propertyUUID(dto, kGroupIDKey).value_or(localID);
-    e.sourceEventID = propertyUUID(dto, kParentEventIDKey);
+    e.groupID = propertyUUID(dto, groupIDKey()).value_or(localID);
+    e.sourceEventID = propertyUUID(dto, parentEventIDKey());
     e.kind = EventKind::event;
     const QString title = dto.summary ? dto.summary->trimmed() : QString();
     e.title = title.isEmpty() ? untitledEventTitle() : title;
@@ -363,7 +380,7 @@ std::optional<CalendarEvent> event(const GoogleEventDTO& dto, const UUID& localI
     e.visibility = dto.visibility == u"private" || dto.visibility == u"confidential" ? EventVisibility::privateDetails
                                                                                      : EventVisibility::normal;
     e.isCompleted = false;
-    const QString* busyBlock = dto.privateProperty(QString::fromUtf16(kGeneratedBusyBlockKey));
+    const QString* busyBlock = dto.privateProperty(generatedBusyBlockKey());
     e.isGeneratedBusyBlock = busyBlock && *busyBlock == u"true";
     e.externalUID = dto.iCalUID;
     e.googleEventID = googleID;
@@ -393,11 +410,11 @@ GoogleEventInsertDTO insertRequest(const CalendarEvent& event, const DateCalenda
     dto.reminders = writeReminders(event.notifications);
     if (conferenceRequestID) dto.conferenceData = conferenceRequest(*conferenceRequestID);
     std::map<QString, QString> properties;
-    properties.emplace(QString::fromUtf16(kGroupIDKey), lowerUUID(event.groupID));
-    properties.emplace(QString::fromUtf16(kGeneratedBusyBlockKey),
+    properties.emplace(groupIDKey(), lowerUUID(event.groupID));
+    properties.emplace(generatedBusyBlockKey(),
                        event.isGeneratedBusyBlock ? QStringLiteral("true") : QStringLiteral("false"));
-    if (event.sourceEventID) properties.emplace(QString::fromUtf16(kParentEventIDKey), lowerUUID(*event.sourceEventID));
-    if (event.tagID) properties.emplace(QString::fromUtf16(kTagIDsKey), lowerUUID(*event.tagID));
+    if (event.sourceEventID) properties.emplace(parentEventIDKey(), lowerUUID(*event.sourceEventID));
+    if (event.tagID) properties.emplace(tagIDsKey(), lowerUUID(*event.tagID));
     dto.extendedProperties.privateProperties = std::move(properties);
     return dto;
 }
@@ -449,12 +466,12 @@ GoogleEventPatchDTO patch(const CalendarEvent& event, const DateCalendar& timeZo
         case GoogleEventPatchField::linkage: {
             GoogleExtendedPropertiesPatchDTO properties;
             auto& map = properties.privateProperties;
-            map.emplace(QString::fromUtf16(kGroupIDKey), lowerUUID(event.groupID));
-            map.emplace(QString::fromUtf16(kGeneratedBusyBlockKey),
+            map.emplace(groupIDKey(), lowerUUID(event.groupID));
+            map.emplace(generatedBusyBlockKey(),
                         event.isGeneratedBusyBlock ? QStringLiteral("true") : QStringLiteral("false"));
-            map.emplace(QString::fromUtf16(kParentEventIDKey),
+            map.emplace(parentEventIDKey(),
                         event.sourceEventID ? std::optional<QString>(lowerUUID(*event.sourceEventID)) : std::nullopt);
-            map.emplace(QString::fromUtf16(kTagIDsKey),
+            map.emplace(tagIDsKey(),
                         event.tagID ? std::optional<QString>(lowerUUID(*event.tagID)) : std::nullopt);
             dto.extendedProperties = GooglePatchValue<GoogleExtendedPropertiesPatchDTO>::value(std::move(properties));
             break;

@@ -34,10 +34,10 @@ enum class GoogleEventPatchField {
 namespace GoogleCalendarMapper {
 
 // Private extended property keys.
-inline constexpr char16_t kGroupIDKey[] = u"taveloGroupID";
-inline constexpr char16_t kParentEventIDKey[] = u"taveloParentEventID";
-inline constexpr char16_t kGeneratedBusyBlockKey[] = u"taveloGeneratedBusyBlock";
-inline constexpr char16_t kTagIDsKey[] = u"taveloTagIDs";
+const QString& groupIDKey();             // "taveloGroupID"
+const QString& parentEventIDKey();       // "taveloParentEventID"
+const QString& generatedBusyBlockKey();  // "taveloGeneratedBusyBlock"
+const QString& tagIDsKey();              // "taveloTagIDs"
 
 // The title of an event that Google gives without one.
 QString untitledEventTitle();

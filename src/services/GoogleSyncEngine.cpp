@@ -154,9 +154,9 @@ void preserveAppOwnedEventState(const CalendarEvent& stored, const GoogleEventDT
     mapped.kind = stored.kind;
     mapped.isCompleted = stored.isCompleted;
     if (!mapped.tagID) mapped.tagID = stored.tagID;
-    if (!dto.privateProperty(QString::fromUtf16(kGroupIDKey))) mapped.groupID = stored.groupID;
-    if (!dto.privateProperty(QString::fromUtf16(kParentEventIDKey))) mapped.sourceEventID = stored.sourceEventID;
-    if (!dto.privateProperty(QString::fromUtf16(kGeneratedBusyBlockKey)))
+    if (!dto.privateProperty(groupIDKey())) mapped.groupID = stored.groupID;
+    if (!dto.privateProperty(parentEventIDKey())) mapped.sourceEventID = stored.sourceEventID;
+    if (!dto.privateProperty(generatedBusyBlockKey()))
         mapped.isGeneratedBusyBlock = stored.isGeneratedBusyBlock;
 }
 
