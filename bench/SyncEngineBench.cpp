@@ -176,6 +176,28 @@ void BM_IncrementalSyncOf20Changes(benchmark::State& state) {
 }
 BENCHMARK(BM_IncrementalSyncOf20Changes)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The same merge alone: the snapshot is handed over, not copied, and the old
+// one is released outside the measurement.
+void BM_IncrementalMergeOnly(benchmark::State& state) {
+    auto& w = workload();
+    const AppSnapshot stored = firstSync(w, w.pages);
+    for (auto _ : state) {
+        state.PauseTiming();
+        AppSnapshot copy = stored;
+        std::vector<GoogleEventPage> pages{decodeGoogleEventPage(w.incrementalBody)};
+        state.ResumeTiming();
+        auto result = GoogleSyncEngine::mergingEventPages(std::move(pages), w.calendar, w.zone,
+                                                          GoogleSyncMode::incremental,
+                                                          Date::fromIsoString("2026-01-10T00:05:00Z").value(),
+                                                          std::move(copy));
+        benchmark::DoNotOptimize(result);
+        state.PauseTiming();
+        result = {};
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_IncrementalMergeOnly)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 } // namespace
 
 namespace {
