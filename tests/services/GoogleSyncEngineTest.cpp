@@ -8,6 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <random>
+#include <set>
 
 using namespace tavelo;
 namespace Engine = tavelo::GoogleSyncEngine;
@@ -253,6 +256,88 @@ TEST_F(GoogleSyncEngineTest, SyncTokens) {
     EXPECT_EQ(merged.googleSyncStates[0], s.googleSyncStates[0]);
     EXPECT_EQ(merged.googleSyncStates[1],
               (GoogleCalendarSyncState{calendar.id, QString("fresh"), at("2026-01-09T00:00:00Z")}));
+}
+
+// Random stored calendars and listings, checked against what a merge must
+// guarantee whatever the mix of updates, repeats, deletions and damage.
+TEST_F(GoogleSyncEngineTest, RandomListingsKeepTheMergeRules) {
+    std::mt19937 random(7);
+    auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+    auto googleID = [&] { return QStringLiteral("g%1").arg(pick(30)); };
+    for (int round = 0; round < 300; ++round) {
+        snapshot.events.clear();
+        for (int i = pick(25); i > 0; --i) {
+            const bool onOther = pick(4) == 0;
+            std::optional<QString> id;
+            if (pick(6) != 0) id = pick(5) == 0 ? " " + googleID() : googleID();
+            snapshot.events.push_back(localEvent("Stored", onOther ? otherCalendar.id : calendar.id, id));
+        }
+        std::vector<GoogleEventPage> pages(1 + pick(3));
+        std::map<QString, bool> readable; // the last readable record of an id wins
+        std::set<QString> deleted;
+        for (std::size_t p = 0; p < pages.size(); ++p) {
+            for (int i = pick(12); i > 0; --i) {
+                const QString id = googleID();
+                const bool good = pick(5) != 0;
+                pages[p].events.push_back(good ? dto(id.toStdString())
+                                               : dto(id.toStdString(), R"("end": {"dateTime": "bad"})"));
+                if (good) readable[id] = true;
+            }
+            for (int i = pick(3); i > 0; --i) deleted.insert(pages[p].deletedEventIDs.emplace_back(googleID()));
+            if (p + 1 < pages.size()) pages[p].nextPageToken = QStringLiteral("p%1").arg(p + 1);
+        }
+        pages.back().nextSyncToken = "s";
+        const auto mode = pick(2) ? GoogleSyncMode::full : GoogleSyncMode::incremental;
+        std::set<QString> named;
+        for (const auto& page : pages)
+            for (const auto& d : page.events) named.insert(*d.id);
+
+        const auto merged = merge(pages, mode).snapshot;
+
+        std::map<QString, int> copies;
+        std::map<QString, UUID> storedIDs;
+        for (const auto& e : snapshot.events)
+            if (e.calendarID == calendar.id && e.googleEventID)
+                storedIDs.try_emplace(e.googleEventID->trimmed(), e.id);
+        std::size_t others = 0, pendingLocal = 0;
+        for (const auto& e : merged.events) {
+            if (e.calendarID == otherCalendar.id) {
+                ++others;
+                continue;
+            }
+            if (!e.googleEventID) {
+                ++pendingLocal;
+                continue;
+            }
+            const QString id = e.googleEventID->trimmed();
+            ++copies[id];
+            EXPECT_FALSE(deleted.count(id)) << "deleted id survived: " << id.toStdString();
+            if (mode == GoogleSyncMode::full) {
+                EXPECT_TRUE(named.count(id)) << "unlisted id survived a full sync";
+            }
+            if (readable.count(id)) {
+                EXPECT_EQ(copies[id], 1) << "listed id held twice: " << id.toStdString();
+                const auto storedID = storedIDs.find(id);
+                EXPECT_EQ(e.id, storedID != storedIDs.end() ? storedID->second : stableUUID(calendar.id, id));
+            }
+        }
+        for (const auto& [id, good] : readable) {
+            if (!deleted.count(id)) {
+                EXPECT_EQ(copies[id], 1) << "listed id missing: " << id.toStdString();
+            }
+        }
+        EXPECT_EQ(others, static_cast<std::size_t>(std::count_if(snapshot.events.begin(), snapshot.events.end(),
+                                                                 [&](const auto& e) { return e.calendarID == otherCalendar.id; })));
+        EXPECT_EQ(pendingLocal, static_cast<std::size_t>(std::count_if(snapshot.events.begin(), snapshot.events.end(),
+                                                                       [&](const auto& e) {
+                                                                           return e.calendarID == calendar.id &&
+                                                                                  !e.googleEventID;
+                                                                       })));
+        if (HasFailure()) {
+            ADD_FAILURE() << "round " << round;
+            return;
+        }
+    }
 }
 
 // --- accounts and calendars -------------------------------------------------------
