@@ -25,6 +25,8 @@ test: build
 
 bench: build
 	$(BUILD_DIR)/bench/tavelo_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+	$(BUILD_DIR)/bench/sync_engine_bench --memory
+	$(BUILD_DIR)/bench/sync_engine_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -4,6 +4,7 @@
 // the browser's redirect, the form encoding of token requests and the
 // authorization URL.
 
+#include "google/GoogleIdentity.h"
 #include "support/Date.h"
 #include "support/Error.h"
 
@@ -29,15 +30,6 @@ struct PKCEGenerator {
     static PKCEPair make();
     // The same from given bytes (any length), for fixed results.
     static PKCEPair make(const QByteArray& randomBytes);
-};
-
-// The account a token belongs to. `subject` is the stable key of a Google
-// account everywhere in Tavelo.
-struct GoogleIdentity {
-    QString subject;
-    QString email;
-    std::optional<QString> name;
-    bool operator==(const GoogleIdentity&) const = default;
 };
 
 // What one token response becomes after the code exchange.

@@ -1,0 +1,325 @@
+#include "services/GoogleSyncEngine.h"
+
+#include "google/GoogleCalendarMapper.h"
+#include "google/StableUUID.h"
+
+#include <QHash>
+#include <QSet>
+
+#include <type_traits>
+
+namespace tavelo {
+
+namespace {
+
+const QString& consumerMailDomain() {
+    static const QString domain = QStringLiteral("gmail.com");
+    return domain;
+}
+
+// The text without surrounding white space, or nothing when that is empty.
+// Ids almost never carry spaces, so the common case is a shared copy.
+std::optional<QString> trimmedID(const std::optional<QString>& text) {
+    if (!text || text->isEmpty()) return std::nullopt;
+    if (!text->front().isSpace() && !text->back().isSpace()) return *text;
+    QString trimmed = text->trimmed();
+    if (trimmed.isEmpty()) return std::nullopt;
+    return trimmed;
+}
+
+bool hasToken(const std::optional<QString>& token) { return token && !token->trimmed().isEmpty(); }
+
+bool isHexColor(const QString& text) {
+    if (text.size() != 7 || text[0] != u'#') return false;
+    for (qsizetype i = 1; i < 7; ++i) {
+        const char16_t c = text[i].unicode();
+        const bool hex = (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F');
+        if (!hex) return false;
+    }
+    return true;
+}
+
+void setSyncState(AppSnapshot& snapshot, GoogleCalendarSyncState state) {
+    for (auto& existing : snapshot.googleSyncStates) {
+        if (existing.calendarID == state.calendarID) {
+            existing = std::move(state);
+            return;
+        }
+    }
+    snapshot.googleSyncStates.push_back(std::move(state));
+}
+
+void validateListing(const std::vector<GoogleEventPage>& pages) {
+    using Kind = GoogleSyncEngineError::Kind;
+    if (pages.empty()) throw GoogleSyncEngineError(Kind::incompletePagination);
+    for (std::size_t i = 0; i + 1 < pages.size(); ++i)
+        if (!hasToken(pages[i].nextPageToken)) throw GoogleSyncEngineError(Kind::incompletePagination);
+    if (hasToken(pages.back().nextPageToken)) throw GoogleSyncEngineError(Kind::incompletePagination);
+    if (!hasToken(pages.back().nextSyncToken)) throw GoogleSyncEngineError(Kind::missingSyncToken);
+}
+
+} // namespace
+
+GoogleAccountPresentation GoogleAccountPresentation::forEmail(const QString& email) {
+    const QString domain = email.split(u'@', Qt::KeepEmptyParts).last().toLower();
+    if (email.contains(u'@') && domain == consumerMailDomain())
+        return {AccountKind::personal, QStringLiteral("#2E9E6B")};
+    return {AccountKind::work, QStringLiteral("#3D6FE8")};
+}
+
+namespace GoogleSyncEngine {
+
+const UUID& accountNamespace() {
+    static const UUID id = UUID::literal("6B9AF26E-6156-4E2E-8FA8-857369DBA923");
+    return id;
+}
+
+QString defaultGoogleColorHex() { return QStringLiteral("#4285F4"); }
+
+GoogleSyncMergeResult upsertingAccount(const GoogleIdentity& identity, AppSnapshot snapshot) {
+    const QString name = identity.name ? identity.name->trimmed() : QString();
+    const auto presentation = GoogleAccountPresentation::forEmail(identity.email);
+    for (auto& account : snapshot.accounts) {
+        if (account.googleSubject != identity.subject) continue;
+        if (!name.isEmpty()) account.name = name;
+        account.email = identity.email;
+        account.isConnected = true;
+        if (account.colorHex.compare(defaultGoogleColorHex(), Qt::CaseInsensitive) == 0) {
+            account.kind = presentation.kind;
+            account.colorHex = presentation.colorHex;
+        }
+        return {std::move(snapshot), {}};
+    }
+    snapshot.accounts.push_back(Account{
+        .id = stableUUID(accountNamespace(), identity.subject),
+        .name = name.isEmpty() ? identity.email : name,
+        .email = identity.email,
+        .kind = presentation.kind,
+        .colorHex = presentation.colorHex,
+        .isConnected = true,
+        .lastSync = std::nullopt,
+        .googleSubject = identity.subject,
+    });
+    return {std::move(snapshot), {}};
+}
+
+GoogleSyncMergeResult mergingCalendars(const std::vector<GoogleCalendarListEntryDTO>& entries, const UUID& accountID,
+                                       int skippedItemCount, AppSnapshot snapshot) {
+    int skipped = skippedItemCount;
+    for (const auto& entry : entries) {
+        const auto googleID = trimmedID(entry.id);
+        if (!googleID) {
+            ++skipped;
+            continue;
+        }
+        CalendarSource* existing = nullptr;
+        for (auto& calendar : snapshot.calendars) {
+            if (calendar.accountID == accountID && calendar.googleCalendarID &&
+                calendar.googleCalendarID->trimmed() == *googleID) {
+                existing = &calendar;
+                break;
+            }
+        }
+        CalendarSource merged;
+        merged.id = existing ? existing->id : stableUUID(accountID, *googleID);
+        merged.accountID = accountID;
+        if (auto name = trimmedID(entry.summaryOverride))
+            merged.name = *name;
+        else if (auto summary = trimmedID(entry.summary))
+            merged.name = *summary;
+        else
+            merged.name = *googleID;
+        const QString color = entry.backgroundColor ? entry.backgroundColor->trimmed() : QString();
+        merged.colorHex = isHexColor(color) ? color.toUpper() : defaultGoogleColorHex();
+        merged.isVisible = entry.selected.value_or(false);
+        merged.receivesBusyBlocks = false;
+        merged.googleCalendarID = *googleID;
+        merged.googleTimeZoneIdentifier = GoogleCalendarMapper::normalizedTimeZoneIdentifier(entry.timeZone);
+        if (existing) {
+            // The user's choices survive every sync.
+            merged.isVisible = existing->isVisible;
+            merged.receivesBusyBlocks = existing->receivesBusyBlocks;
+            *existing = std::move(merged);
+        } else {
+            snapshot.calendars.push_back(std::move(merged));
+        }
+    }
+    GoogleSyncMergeResult result{std::move(snapshot), {}};
+    if (skipped > 0) result.warnings.push_back(GoogleSyncWarning::skippedCalendars(accountID, skipped));
+    return result;
+}
+
+void preserveAppOwnedEventState(const CalendarEvent& stored, const GoogleEventDTO& dto, CalendarEvent& mapped) {
+    using namespace GoogleCalendarMapper;
+    mapped.kind = stored.kind;
+    mapped.isCompleted = stored.isCompleted;
+    if (!mapped.tagID) mapped.tagID = stored.tagID;
+    if (!dto.privateProperty(groupIDKey())) mapped.groupID = stored.groupID;
+    if (!dto.privateProperty(parentEventIDKey())) mapped.sourceEventID = stored.sourceEventID;
+    if (!dto.privateProperty(generatedBusyBlockKey()))
+        mapped.isGeneratedBusyBlock = stored.isGeneratedBusyBlock;
+}
+
+namespace {
+
+// When the pages are not const they belong to the merge, and each page's
+// records are freed once mapped.
+template <class Pages>
+GoogleSyncMergeResult mergeListing(Pages& pages, const CalendarSource& calendar, const DateCalendar& calendarTimeZone,
+                                   GoogleSyncMode mode, Date completedAt, AppSnapshot snapshot) {
+    validateListing(pages);
+    const UUID calendarID = calendar.id;
+    auto& events = snapshot.events;
+
+    // A first look at the listing: every id it names (readable or not), the
+    // ids it names more than once, and the ids it deletes.
+    QSet<QString> seen;
+    QSet<QString> repeated;
+    for (const auto& page : pages) {
+        for (const auto& dto : page.events) {
+            auto id = trimmedID(dto.id);
+            if (!id) continue;
+            if (seen.contains(*id))
+                repeated.insert(*id);
+            else
+                seen.insert(std::move(*id));
+        }
+    }
+    QSet<QString> deleted;
+    for (const auto& page : pages) {
+        for (const auto& rawID : page.deletedEventIDs) {
+            if (auto id = trimmedID(rawID)) deleted.insert(std::move(*id));
+        }
+    }
+
+    // The stored events of this calendar that the listing names, by Google
+    // id. The first of several copies is the one that is updated; the others
+    // go when Google lists the id again. In a full listing a stored Google
+    // event that the listing does not name goes too; events without a Google
+    // id are pending local work and always stay.
+    const bool full = mode == GoogleSyncMode::full;
+    QHash<QString, std::size_t> stored;
+    std::vector<std::pair<QString, std::size_t>> extraCopies;
+    std::vector<std::size_t> dropped;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        const auto& e = events[i];
+        if (e.calendarID != calendarID) continue;
+        auto id = trimmedID(e.googleEventID);
+        if (!id) continue;
+        if (!seen.contains(*id) && !deleted.contains(*id)) {
+            if (full) dropped.push_back(i);
+            continue;
+        }
+        if (stored.contains(*id))
+            extraCopies.emplace_back(std::move(*id), i);
+        else
+            stored.insert(std::move(*id), i);
+    }
+    std::size_t possiblyNew = 0;
+    for (const auto& id : seen)
+        if (!stored.contains(id)) ++possiblyNew;
+
+    // Mapped events go straight into the snapshot: an update where the stored
+    // event is, a new event at the end. A later record of one id replaces the
+    // earlier one in the same place.
+    const std::size_t storedCount = events.size();
+    events.reserve(storedCount + possiblyNew);
+    std::vector<char> replaced(storedCount, 0);
+    QHash<QString, std::size_t> added;
+    // The stored form of an event named more than once, kept before it is
+    // first overwritten: every record of the id is merged against it.
+    QHash<std::size_t, CalendarEvent> originals;
+    int skipped = 0;
+    for (auto& page : pages) {
+        skipped += page.skippedItemCount;
+        for (const auto& dto : page.events) {
+            const QString googleID = trimmedID(dto.id).value_or(QString());
+            const auto storedAt = googleID.isEmpty() ? stored.cend() : stored.constFind(googleID);
+            const bool hasStored = storedAt != stored.cend();
+            const UUID localID = hasStored ? events[*storedAt].id : stableUUID(calendarID, googleID);
+            auto mapped = GoogleCalendarMapper::event(dto, localID, calendarID, calendarTimeZone);
+            if (!mapped) {
+                // The stored form stays until Google says otherwise.
+                ++skipped;
+                continue;
+            }
+            if (hasStored) {
+                const std::size_t position = *storedAt;
+                if (repeated.contains(googleID)) {
+                    auto original = originals.constFind(position);
+                    if (original == originals.cend()) original = originals.insert(position, events[position]);
+                    preserveAppOwnedEventState(*original, dto, *mapped);
+                } else {
+                    preserveAppOwnedEventState(events[position], dto, *mapped);
+                }
+                events[position] = std::move(*mapped);
+                replaced[position] = 1;
+            } else if (auto at = added.constFind(googleID); at != added.cend()) {
+                events[*at] = std::move(*mapped);
+            } else {
+                added.insert(googleID, events.size());
+                events.push_back(std::move(*mapped));
+            }
+        }
+        if constexpr (!std::is_const_v<Pages>) std::vector<GoogleEventDTO>().swap(page.events);
+    }
+
+    // What goes besides: deleted events (a deletion overrides a record seen
+    // earlier) and further copies of an id Google listed.
+    for (auto it = stored.cbegin(); it != stored.cend(); ++it) {
+        if (deleted.contains(it.key())) dropped.push_back(it.value());
+    }
+    for (const auto& [id, position] : extraCopies) {
+        if (deleted.contains(id) || replaced[stored.value(id)]) dropped.push_back(position);
+    }
+    if (!deleted.isEmpty()) {
+        for (auto it = added.cbegin(); it != added.cend(); ++it)
+            if (deleted.contains(it.key())) dropped.push_back(it.value());
+    }
+    if (!dropped.empty()) {
+        std::vector<char> drop(events.size(), 0);
+        for (std::size_t position : dropped) drop[position] = 1;
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            if (drop[i]) continue;
+            if (kept != i) events[kept] = std::move(events[i]);
+            ++kept;
+        }
+        events.erase(events.begin() + static_cast<std::ptrdiff_t>(kept), events.end());
+    }
+
+    setSyncState(snapshot, GoogleCalendarSyncState{calendarID, pages.back().nextSyncToken, completedAt});
+
+    GoogleSyncMergeResult result{std::move(snapshot), {}};
+    if (skipped > 0) result.warnings.push_back(GoogleSyncWarning::skippedEvents(calendarID, skipped));
+    return result;
+}
+
+} // namespace
+
+GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& pages, const CalendarSource& calendar,
+                                        const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
+                                        AppSnapshot snapshot) {
+    return mergeListing(pages, calendar, calendarTimeZone, mode, completedAt, std::move(snapshot));
+}
+
+GoogleSyncMergeResult mergingEventPages(std::vector<GoogleEventPage>&& pages, const CalendarSource& calendar,
+                                        const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
+                                        AppSnapshot snapshot) {
+    return mergeListing(pages, calendar, calendarTimeZone, mode, completedAt, std::move(snapshot));
+}
+
+AppSnapshot clearingSyncToken(const UUID& calendarID, AppSnapshot snapshot) {
+    for (auto& state : snapshot.googleSyncStates) {
+        if (state.calendarID == calendarID) {
+            state.syncToken.reset();
+            return snapshot;
+        }
+    }
+    snapshot.googleSyncStates.push_back(GoogleCalendarSyncState{calendarID, std::nullopt, std::nullopt});
+    return snapshot;
+}
+
+} // namespace GoogleSyncEngine
+
+} // namespace tavelo

@@ -1,0 +1,204 @@
+#include "google/GoogleWireRecords.h"
+#include "support/JsonReader.h"
+#include "support/JsonWriter.h"
+
+#include <gtest/gtest.h>
+
+using namespace tavelo;
+
+namespace {
+
+const char* kFullEvent = R"({
+  "kind": "calendar#event",
+  "id": "evt1", "etag": "\"3391\"", "status": "confirmed", "summary": "Design review",
+  "description": "Agenda", "location": "Room 4", "iCalUID": "evt1@google.com",
+  "updated": "2026-01-04T10:00:00.123Z",
+  "start": {"dateTime": "2026-01-05T09:00:00+09:00", "timeZone": "Asia/Tokyo"},
+  "end": {"dateTime": "2026-01-05T10:00:00+09:00", "timeZone": "Asia/Tokyo"},
+  "recurrence": ["RRULE:FREQ=WEEKLY"], "recurringEventId": "master",
+  "originalStartTime": {"date": "2026-01-05"},
+  "transparency": "transparent", "visibility": "private",
+  "attendees": [{"email": "ann@example.com", "displayName": "Ann", "responseStatus": "accepted", "self": true}],
+  "reminders": {"useDefault": false, "overrides": [{"method": "popup", "minutes": 10}]},
+  "hangoutLink": "https://meet.google.com/abc-defg-hij",
+  "conferenceData": {"entryPoints": [{"entryPointType": "video", "uri": "https://meet.google.com/abc-defg-hij"}],
+                     "conferenceSolution": {"name": "Google Meet"}},
+  "extendedProperties": {"private": {"taveloGroupID": "aaaaaaaa-0000-4000-8000-000000000001"},
+                         "shared": {"x": "y"}},
+  "organizer": {"email": "boss@example.com"}
+})";
+
+std::string encoded(const auto& record) { return encodeJson(record); }
+
+} // namespace
+
+TEST(GoogleWireRecordsTest, EventDecodesEveryFieldAndIgnoresUnknownKeys) {
+    const auto e = decodeGoogleEvent(kFullEvent);
+    EXPECT_EQ(e.id, "evt1");
+    EXPECT_EQ(e.etag, "\"3391\"");
+    EXPECT_EQ(e.updated, "2026-01-04T10:00:00.123Z");
+    ASSERT_TRUE(e.start && e.end && e.originalStartTime);
+    EXPECT_EQ(e.start->timeZone, "Asia/Tokyo");
+    EXPECT_EQ(e.originalStartTime->date, "2026-01-05");
+    EXPECT_FALSE(e.originalStartTime->dateTime);
+    EXPECT_EQ(e.recurringEventId, "master");
+    ASSERT_TRUE(e.attendees);
+    EXPECT_EQ(e.attendees->at(0).displayName, "Ann");
+    EXPECT_FALSE(e.attendees->at(0).id);
+    ASSERT_TRUE(e.reminders && e.reminders->overrides);
+    EXPECT_EQ(e.reminders->overrides->at(0).minutes, 10);
+    ASSERT_TRUE(e.conferenceData && e.conferenceData->entryPoints);
+    EXPECT_EQ(e.conferenceData->entryPoints->at(0).entryPointType, "video");
+    ASSERT_NE(e.privateProperty("taveloGroupID"), nullptr);
+    EXPECT_EQ(*e.privateProperty("taveloGroupID"), "aaaaaaaa-0000-4000-8000-000000000001");
+    EXPECT_EQ(e.privateProperty("x"), nullptr); // shared properties are not private ones
+
+    // Encoding and decoding again loses nothing the record knows.
+    EXPECT_EQ(decodeGoogleEvent(encoded(e)), e);
+}
+
+TEST(GoogleWireRecordsTest, HostileEventsFailAsAWholeWithAPath) {
+    // Wrong types, required keys of nested records, damaged syntax.
+    const char* bad[] = {
+        R"({"id": "a", "summary": 5})",
+        R"({"id": "a", "start": "2026-01-05"})",
+        R"({"id": "a", "reminders": {"overrides": []}})",
+        R"({"id": "a", "reminders": {"useDefault": false, "overrides": [{"method": "popup"}]}})",
+        R"({"id": "a", "extendedProperties": {"private": {"taveloGroupID": 7}}})",
+        R"({"id": "a", "attendees": {"email": "x"}})",
+        R"({"id": "a", "summary": "trunc)",
+        R"(["id", "a"])",
+    };
+    for (const char* json : bad) EXPECT_THROW(decodeGoogleEvent(json), JsonDecodingError) << json;
+
+    try {
+        decodeGoogleEvent(R"({"id": "a", "attendees": [{"email": "a@x"}, {"email": false}]})");
+        FAIL() << "expected a decoding error";
+    } catch (const JsonDecodingError& error) {
+        EXPECT_NE(error.path().find("attendees"), std::string::npos) << error.path();
+        EXPECT_EQ(error.kind(), JsonDecodingError::Kind::typeMismatch);
+    }
+
+    // Null is the same as absent, and the first of duplicate keys counts.
+    const auto e = decodeGoogleEvent(R"({"id": "first", "id": "second", "summary": null})");
+    EXPECT_EQ(e.id, "first");
+    EXPECT_FALSE(e.summary);
+}
+
+TEST(GoogleWireRecordsTest, EventPageKeepsWhatItCanRead) {
+    const auto page = decodeGoogleEventPage(R"({
+      "kind": "calendar#events", "nextSyncToken": "sync-2", "timeZone": "  ",
+      "nextPageToken": 42,
+      "items": [
+        {"id": "ok1", "status": "confirmed", "start": {"date": "2026-01-05"}, "end": {"date": "2026-01-06"}},
+        {"id": "broken", "summary": ["not", "text"]},
+        "not an object",
+        {"id": "  gone  ", "status": "cancelled"},
+        {"status": "cancelled"},
+        {"id": 17, "status": "cancelled"},
+        {"id": "   ", "summary": "no usable id"},
+        {"summary": "no id at all"},
+        {"id": "ok2", "status": "tentative"}
+      ]})");
+    ASSERT_EQ(page.events.size(), 2u);
+    EXPECT_EQ(page.events[0].id, "ok1");
+    EXPECT_EQ(page.events[1].id, "ok2");
+    EXPECT_EQ(page.deletedEventIDs, std::vector<QString>{"gone"});
+    EXPECT_EQ(page.skippedItemCount, 6);
+    EXPECT_EQ(page.nextSyncToken, "sync-2");
+    EXPECT_FALSE(page.nextPageToken); // not a string
+    EXPECT_FALSE(page.timeZone);      // empty after trimming
+
+    const auto empty = decodeGoogleEventPage(R"({"nextSyncToken": "s", "timeZone": "Asia/Tokyo"})");
+    EXPECT_TRUE(empty.events.empty());
+    EXPECT_EQ(empty.skippedItemCount, 0);
+    EXPECT_EQ(empty.timeZone, "Asia/Tokyo");
+
+    for (const char* body : {R"({"items": {"id": "x"}})", R"([])", R"({"items": [{"id": "x"})", "", "null"})
+        EXPECT_THROW(decodeGoogleEventPage(body), JsonDecodingError) << body;
+}
+
+TEST(GoogleWireRecordsTest, CalendarListPageSkipsEntriesWithoutUsableIds) {
+    const auto page = decodeGoogleCalendarListPage(R"({
+      "nextPageToken": "p2",
+      "items": [
+        {"id": "primary@example.com", "summary": "Me", "selected": true, "primary": true, "accessRole": "owner",
+         "backgroundColor": "#9fe1e7", "timeZone": "Asia/Tokyo", "colorId": "14"},
+        {"id": "team@group.calendar.google.com", "selected": "yes"},
+        {"summary": "no id"},
+        {"id": ""},
+        3
+      ]})");
+    ASSERT_EQ(page.calendars.size(), 1u);
+    EXPECT_EQ(page.calendars[0].primary, true);
+    EXPECT_EQ(page.calendars[0].backgroundColor, "#9fe1e7");
+    EXPECT_EQ(page.skippedItemCount, 4);
+    EXPECT_EQ(page.nextPageToken, "p2");
+}
+
+TEST(GoogleWireRecordsTest, FreeBusyResponseDecodesPerCalendar) {
+    const auto response = decodeGoogleFreeBusyResponse(R"({
+      "kind": "calendar#freeBusy", "timeMin": "2026-01-05T00:00:00Z",
+      "calendars": {
+        "a@example.com": {"busy": [{"start": "2026-01-05T01:00:00Z", "end": "2026-01-05T02:00:00Z"}]},
+        "b@example.com": {"errors": [{"domain": "global", "reason": "notFound"}], "busy": []}
+      }})");
+    ASSERT_TRUE(response.calendars);
+    ASSERT_EQ(response.calendars->size(), 2u);
+    const auto& a = response.calendars->at("a@example.com");
+    ASSERT_TRUE(a.busy);
+    EXPECT_EQ(a.busy->at(0).end, "2026-01-05T02:00:00Z");
+    EXPECT_EQ(response.calendars->at("b@example.com").errors->at(0).reason, "notFound");
+
+    EXPECT_THROW(decodeGoogleFreeBusyResponse(R"({"calendars": {"a": {"busy": [{"start": "x"}]}}})"),
+                 JsonDecodingError);
+    EXPECT_THROW(decodeGoogleFreeBusyResponse(R"({"calendars": []})"), JsonDecodingError);
+}
+
+TEST(GoogleWireRecordsTest, PatchTellsOmittedFromCleared) {
+    GoogleEventPatchDTO patch;
+    patch.etag = "\"e1\"";
+    EXPECT_TRUE(patch.isEmpty());
+    EXPECT_EQ(encoded(patch), "{}");
+
+    patch.summary = GooglePatchValue<QString>::value("New");
+    patch.description = GooglePatchValue<QString>::clear();
+    patch.recurrence = GooglePatchValue<std::vector<QString>>::clear();
+    patch.attendees = GooglePatchValue<std::vector<GoogleEventAttendeeDTO>>::value({});
+    patch.extendedProperties = GooglePatchValue<GoogleExtendedPropertiesPatchDTO>::value(
+        {{{"taveloGroupID", QString("g")}, {"taveloTagIDs", std::nullopt}}});
+    EXPECT_FALSE(patch.isEmpty());
+    // The etag never reaches the body; cleared fields are JSON null.
+    EXPECT_EQ(encoded(patch), R"({"summary":"New","description":null,"recurrence":null,"attendees":[],)"
+                              R"("extendedProperties":{"private":{"taveloGroupID":"g","taveloTagIDs":null}}})");
+}
+
+TEST(GoogleWireRecordsTest, ExtendedPropertyLimits) {
+    std::map<QString, QString> props{{"taveloGroupID", "aaaaaaaa-0000-4000-8000-000000000001"}};
+    EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(props));
+    props[QString(44, u'k')] = QString(1024, u'v');
+    EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(props));
+    props[QString(45, u'k')] = "v";
+    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
+    props.erase(QString(45, u'k'));
+    // Limits count UTF-8 bytes: 342 three-byte characters are over 1024.
+    props["jp"] = QString(342, QChar(0x4E88));
+    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
+    props.erase("jp");
+    // 32 properties of about 1 kB each push the total over 32 kB.
+    for (int i = 0; i < 32; ++i) props[QStringLiteral("p%1").arg(i)] = QString(1024, u'x');
+    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
+    std::map<QString, QString> many;
+    for (int i = 0; i < 301; ++i) many[QStringLiteral("k%1").arg(i)] = "1";
+    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(many));
+}
+
+TEST(GoogleWireRecordsTest, ErrorReasons) {
+    EXPECT_EQ(googleErrorReason(R"({"error": {"code": 403, "errors": [{"domain": "usageLimits"},)"
+                                R"( {"reason": "  "}, {"reason": 4}, {"reason": " rateLimitExceeded "},)"
+                                R"( {"reason": "other"}]}})"),
+              "rateLimitExceeded");
+    for (const char* body : {"", "<html>Forbidden</html>", R"({"error": "denied"})", R"({"error": {"errors": {}}})",
+                             R"({"error": {"errors": [{"reason": ""}]}})", R"({"error": {"errors": [)"})
+        EXPECT_FALSE(googleErrorReason(body)) << body;
+}

@@ -1,0 +1,429 @@
+#include "services/GoogleSyncEngine.h"
+
+#include "google/GoogleCalendarMapper.h"
+#include "google/StableUUID.h"
+#include "support/DateCalendar.h"
+#include "support/JsonReader.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+
+using namespace tavelo;
+namespace Engine = tavelo::GoogleSyncEngine;
+
+void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+
+namespace {
+
+Date at(const char* iso) { return *Date::fromIsoString(iso); }
+
+const UUID kAccountID = UUID::literal("AAAAAAAA-0000-4000-8000-00000000000A");
+const UUID kOtherAccountID = UUID::literal("AAAAAAAA-0000-4000-8000-00000000000B");
+const UUID kTagID = UUID::literal("7A000000-0000-4000-8000-000000000001");
+
+// A readable record; keys in `extra` come first and so win over the defaults.
+GoogleEventDTO dto(const std::string& id, const std::string& extra = "") {
+    return decodeGoogleEvent(R"({"id": ")" + id + "\", " + (extra.empty() ? "" : extra + ", ") +
+                             R"("etag": "\"1\"", "summary": "Event )" + id +
+                             R"(", "start": {"dateTime": "2026-01-05T09:00:00Z"}, "end": {"dateTime": "2026-01-05T10:00:00Z"}})");
+}
+
+GoogleEventPage lastPage(std::vector<GoogleEventDTO> events, std::vector<QString> deleted = {},
+                         QString syncToken = "sync-1") {
+    GoogleEventPage page;
+    page.events = std::move(events);
+    page.deletedEventIDs = std::move(deleted);
+    page.nextSyncToken = syncToken;
+    return page;
+}
+
+class GoogleSyncEngineTest : public ::testing::Test {
+protected:
+    DateCalendar zone = GoogleCalendarMapper::calendarForTimeZone("Asia/Tokyo");
+    CalendarSource calendar{stableUUID(kAccountID, "work@example.com"), kAccountID, "Work", "#4285F4", true, false,
+                            QString("work@example.com"), QString("Asia/Tokyo")};
+    CalendarSource otherCalendar{stableUUID(kAccountID, "team@example.com"), kAccountID, "Team", "#4285F4", true,
+                                 false, QString("team@example.com"), std::nullopt};
+    AppSnapshot snapshot;
+
+    void SetUp() override { snapshot.calendars = {calendar, otherCalendar}; }
+
+    GoogleSyncMergeResult merge(std::vector<GoogleEventPage> pages, GoogleSyncMode mode = GoogleSyncMode::full,
+                                Date completedAt = at("2026-01-06T00:00:00Z")) {
+        return Engine::mergingEventPages(pages, calendar, zone, mode, completedAt, snapshot);
+    }
+
+    const CalendarEvent* find(const AppSnapshot& s, const QString& googleID, const UUID& calendarID) {
+        auto it = std::find_if(s.events.begin(), s.events.end(), [&](const CalendarEvent& e) {
+            return e.googleEventID == googleID && e.calendarID == calendarID;
+        });
+        return it == s.events.end() ? nullptr : &*it;
+    }
+    const CalendarEvent* find(const AppSnapshot& s, const QString& googleID) { return find(s, googleID, calendar.id); }
+
+    CalendarEvent localEvent(const QString& title, const UUID& calendarID, std::optional<QString> googleID) {
+        CalendarEvent e;
+        e.id = UUID::random();
+        e.groupID = e.id;
+        e.title = title;
+        e.start = at("2026-01-07T09:00:00Z");
+        e.end = at("2026-01-07T10:00:00Z");
+        e.calendarID = calendarID;
+        e.googleEventID = std::move(googleID);
+        return e;
+    }
+};
+
+} // namespace
+
+TEST_F(GoogleSyncEngineTest, IncompleteListingsChangeNothing) {
+    snapshot.googleSyncStates = {{calendar.id, QString("old"), at("2026-01-01T00:00:00Z")}};
+    auto expectError = [&](std::vector<GoogleEventPage> pages, GoogleSyncEngineError::Kind kind) {
+        try {
+            merge(std::move(pages));
+            ADD_FAILURE() << "expected a sync engine error";
+        } catch (const GoogleSyncEngineError& error) {
+            EXPECT_EQ(error.kind(), kind);
+        }
+    };
+    using Kind = GoogleSyncEngineError::Kind;
+    expectError({}, Kind::incompletePagination);
+    auto first = lastPage({dto("a")});
+    first.nextSyncToken.reset();
+    expectError({first, lastPage({dto("b")})}, Kind::incompletePagination); // first page lacks a page token
+    first.nextPageToken = "p2";
+    expectError({first}, Kind::incompletePagination);                          // last page still has one
+    expectError({first, lastPage({dto("b")}, {}, "   ")}, Kind::missingSyncToken);
+    auto noToken = lastPage({dto("b")});
+    noToken.nextSyncToken.reset();
+    expectError({first, noToken}, Kind::missingSyncToken);
+
+    const auto result = merge({first, lastPage({dto("b")}, {}, "sync-2")});
+    EXPECT_EQ(result.snapshot.events.size(), 2u);
+    EXPECT_EQ(result.snapshot.googleSyncStates,
+              (std::vector<GoogleCalendarSyncState>{{calendar.id, QString("sync-2"), at("2026-01-06T00:00:00Z")}}));
+}
+
+TEST_F(GoogleSyncEngineTest, FullSyncReplacesIncrementalSyncAdds) {
+    const auto pending = localEvent("Not yet at Google", calendar.id, std::nullopt);
+    const auto elsewhere = localEvent("Other calendar, same Google id", otherCalendar.id, QString("gone"));
+    snapshot.events = {pending, elsewhere, localEvent("Deleted at Google", calendar.id, QString("gone")),
+                       localEvent("Kept", calendar.id, QString("kept"))};
+
+    auto incremental = merge({lastPage({dto("new")})}, GoogleSyncMode::incremental).snapshot;
+    EXPECT_EQ(incremental.events.size(), 5u);
+    EXPECT_NE(find(incremental, "gone"), nullptr);
+
+    auto full = merge({lastPage({dto("new"), dto(" kept ")})}).snapshot;
+    ASSERT_EQ(full.events.size(), 4u);
+    EXPECT_EQ(full.events[0], pending);
+    EXPECT_EQ(full.events[1], elsewhere); // another calendar is never touched
+    EXPECT_EQ(full.events[2].googleEventID, "kept");
+    EXPECT_EQ(full.events[2].id, snapshot.events[3].id); // updated in place, under its old id
+    EXPECT_EQ(full.events[2].title, "Event  kept");
+    EXPECT_EQ(full.events[3].id, stableUUID(calendar.id, "new"));
+    EXPECT_EQ(full.events[3].groupID, full.events[3].id);
+}
+
+TEST_F(GoogleSyncEngineTest, DeletionsAndRepeatsWithinOneListing) {
+    snapshot.events = {localEvent("Stored", calendar.id, QString("d1"))};
+    auto first = lastPage({dto("a"), dto("d1"), dto("a", R"("summary": "second")")});
+    first.nextPageToken = "p2";
+    first.nextSyncToken.reset();
+    // Deleted on the next page, after being listed; "b" is deleted before it
+    // ever appears.
+    auto second = lastPage({dto("b")}, {" d1 ", "b", "never-seen", ""});
+    for (auto mode : {GoogleSyncMode::full, GoogleSyncMode::incremental}) {
+        const auto s = merge({first, second}, mode).snapshot;
+        ASSERT_EQ(s.events.size(), 1u);
+        EXPECT_EQ(s.events[0].googleEventID, "a");
+        EXPECT_EQ(s.events[0].title, "second");
+    }
+}
+
+TEST_F(GoogleSyncEngineTest, StoredCopiesAndRepeatedRecordsOfOneID) {
+    auto first = localEvent("First copy", calendar.id, QString("dup"));
+    first.groupID = UUID::literal("6A000000-0000-4000-8000-000000000002");
+    auto second = localEvent("Second copy", calendar.id, QString(" dup "));
+    const auto skippedTwice = localEvent("Unreadable at Google", calendar.id, QString("bad"));
+    snapshot.events = {first, skippedTwice, second, skippedTwice};
+
+    // Two records of "dup": the first names a group, the second does not, so
+    // the second is merged against the stored event, not the first record.
+    const auto s = merge({lastPage({dto("dup", R"("extendedProperties": {"private": {"taveloGroupID": )"
+                                              R"("9a000000-0000-4000-8000-000000000001"}})"),
+                                    dto("dup", R"("summary": "Final")"),
+                                    dto("bad", R"("start": {"date": "x"})")})},
+                         GoogleSyncMode::incremental)
+                       .snapshot;
+    ASSERT_EQ(s.events.size(), 3u);
+    EXPECT_EQ(s.events[0].id, first.id);
+    EXPECT_EQ(s.events[0].title, "Final");
+    EXPECT_EQ(s.events[0].groupID, first.groupID);
+    EXPECT_EQ(s.events[1], skippedTwice); // unreadable records leave every stored copy alone
+    EXPECT_EQ(s.events[2], skippedTwice);
+}
+
+TEST_F(GoogleSyncEngineTest, AppOwnedStateSurvivesGoogleChanges) {
+    auto stored = localEvent("Before", calendar.id, QString("g"));
+    stored.kind = EventKind::task;
+    stored.isCompleted = true;
+    stored.tagID = kTagID;
+    stored.groupID = UUID::literal("6A000000-0000-4000-8000-000000000001");
+    stored.sourceEventID = UUID::literal("5A000000-0000-4000-8000-000000000001");
+    stored.isGeneratedBusyBlock = true;
+    snapshot.events = {stored};
+
+    // Google knows none of the program's links: all stay.
+    auto s = merge({lastPage({dto("g", R"("summary": "After", "location": "Hall")")})}).snapshot;
+    ASSERT_EQ(s.events.size(), 1u);
+    const auto& e = s.events[0];
+    EXPECT_EQ(e.id, stored.id);
+    EXPECT_EQ(e.title, "After");
+    EXPECT_EQ(e.location, "Hall");
+    EXPECT_EQ(e.kind, EventKind::task);
+    EXPECT_TRUE(e.isCompleted);
+    EXPECT_EQ(e.tagID, kTagID);
+    EXPECT_EQ(e.groupID, stored.groupID);
+    EXPECT_EQ(e.sourceEventID, stored.sourceEventID);
+    EXPECT_TRUE(e.isGeneratedBusyBlock);
+
+    // Links rewritten on another machine win, even where they now say "none".
+    s = merge({lastPage({dto("g", R"("extendedProperties": {"private": {"taveloGroupID": "not a uuid",)"
+                                  R"( "taveloParentEventID": "", "taveloGeneratedBusyBlock": "false",)"
+                                  R"( "taveloTagIDs": "8a000000-0000-4000-8000-000000000001"}})")})})
+            .snapshot;
+    EXPECT_EQ(s.events[0].groupID, stored.id);
+    EXPECT_FALSE(s.events[0].sourceEventID);
+    EXPECT_FALSE(s.events[0].isGeneratedBusyBlock);
+    EXPECT_EQ(s.events[0].tagID, UUID::literal("8A000000-0000-4000-8000-000000000001"));
+    EXPECT_TRUE(s.events[0].isCompleted);
+}
+
+TEST_F(GoogleSyncEngineTest, UnreadableItemsAreCountedAndKeepTheirStoredForm) {
+    const auto stored = localEvent("Stored", calendar.id, QString("bad"));
+    snapshot.events = {stored};
+    auto page = lastPage({dto("bad", R"("end": {"dateTime": "2026-01-05T08:00:00Z"})"), dto("ok")});
+    page.skippedItemCount = 2;
+    auto first = lastPage({}, {});
+    first.nextPageToken = "p2";
+    first.skippedItemCount = 1;
+    first.nextSyncToken.reset();
+
+    const auto result = merge({first, page});
+    ASSERT_EQ(result.snapshot.events.size(), 2u);
+    EXPECT_EQ(result.snapshot.events[0], stored);
+    EXPECT_EQ(result.warnings, std::vector<GoogleSyncWarning>{GoogleSyncWarning::skippedEvents(calendar.id, 4)});
+    EXPECT_TRUE(merge({lastPage({dto("ok")})}).warnings.empty());
+}
+
+TEST_F(GoogleSyncEngineTest, RepeatedFullSyncsAreStable) {
+    snapshot.events = {localEvent("Local", calendar.id, std::nullopt)};
+    std::vector<GoogleEventPage> pages{lastPage({dto("a"), dto("b", R"("attendees": [{"email": "x@example.com"}])")})};
+    pages[0].nextPageToken = "p2";
+    pages[0].nextSyncToken.reset();
+    pages.push_back(lastPage({dto("c")}, {"d"}));
+
+    const auto once = merge(pages, GoogleSyncMode::full, at("2026-01-06T00:00:00Z")).snapshot;
+    snapshot = once;
+    auto twice = merge(pages, GoogleSyncMode::full, at("2026-01-07T00:00:00Z")).snapshot;
+    EXPECT_EQ(twice.googleSyncStates.at(0).lastSync, at("2026-01-07T00:00:00Z"));
+    twice.googleSyncStates = once.googleSyncStates;
+    EXPECT_EQ(twice, once);
+
+    // A fresh machine reaches the same ids.
+    snapshot = AppSnapshot();
+    snapshot.calendars = {calendar};
+    const auto fresh = merge(pages).snapshot;
+    for (const auto& e : fresh.events) EXPECT_EQ(find(once, *e.googleEventID)->id, e.id);
+}
+
+TEST_F(GoogleSyncEngineTest, SyncTokens) {
+    snapshot.googleSyncStates = {{otherCalendar.id, QString("t"), at("2026-01-01T00:00:00Z")}};
+    auto s = Engine::clearingSyncToken(otherCalendar.id, snapshot);
+    EXPECT_EQ(s.googleSyncStates,
+              (std::vector<GoogleCalendarSyncState>{{otherCalendar.id, std::nullopt, at("2026-01-01T00:00:00Z")}}));
+    s = Engine::clearingSyncToken(calendar.id, s);
+    ASSERT_EQ(s.googleSyncStates.size(), 2u);
+    EXPECT_EQ(s.googleSyncStates[1], (GoogleCalendarSyncState{calendar.id, std::nullopt, std::nullopt}));
+
+    snapshot = s;
+    const auto merged = merge({lastPage({}, {}, "fresh")}, GoogleSyncMode::full, at("2026-01-09T00:00:00Z")).snapshot;
+    EXPECT_EQ(merged.googleSyncStates[0], s.googleSyncStates[0]);
+    EXPECT_EQ(merged.googleSyncStates[1],
+              (GoogleCalendarSyncState{calendar.id, QString("fresh"), at("2026-01-09T00:00:00Z")}));
+}
+
+// Random stored calendars and listings, checked against what a merge must
+// guarantee whatever the mix of updates, repeats, deletions and damage.
+TEST_F(GoogleSyncEngineTest, RandomListingsKeepTheMergeRules) {
+    std::mt19937 random(7);
+    auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+    auto googleID = [&] { return QStringLiteral("g%1").arg(pick(30)); };
+    for (int round = 0; round < 300; ++round) {
+        snapshot.events.clear();
+        for (int i = pick(25); i > 0; --i) {
+            const bool onOther = pick(4) == 0;
+            std::optional<QString> id;
+            if (pick(6) != 0) id = pick(5) == 0 ? " " + googleID() : googleID();
+            snapshot.events.push_back(localEvent("Stored", onOther ? otherCalendar.id : calendar.id, id));
+        }
+        std::vector<GoogleEventPage> pages(1 + pick(3));
+        std::map<QString, bool> readable; // the last readable record of an id wins
+        std::set<QString> deleted;
+        for (std::size_t p = 0; p < pages.size(); ++p) {
+            for (int i = pick(12); i > 0; --i) {
+                const QString id = googleID();
+                const bool good = pick(5) != 0;
+                pages[p].events.push_back(good ? dto(id.toStdString())
+                                               : dto(id.toStdString(), R"("end": {"dateTime": "bad"})"));
+                if (good) readable[id] = true;
+            }
+            for (int i = pick(3); i > 0; --i) deleted.insert(pages[p].deletedEventIDs.emplace_back(googleID()));
+            if (p + 1 < pages.size()) pages[p].nextPageToken = QStringLiteral("p%1").arg(p + 1);
+        }
+        pages.back().nextSyncToken = "s";
+        const auto mode = pick(2) ? GoogleSyncMode::full : GoogleSyncMode::incremental;
+        std::set<QString> named;
+        for (const auto& page : pages)
+            for (const auto& d : page.events) named.insert(*d.id);
+
+        const auto merged = merge(pages, mode).snapshot;
+
+        std::map<QString, int> copies;
+        std::map<QString, UUID> storedIDs;
+        for (const auto& e : snapshot.events)
+            if (e.calendarID == calendar.id && e.googleEventID)
+                storedIDs.try_emplace(e.googleEventID->trimmed(), e.id);
+        std::size_t others = 0, pendingLocal = 0;
+        for (const auto& e : merged.events) {
+            if (e.calendarID == otherCalendar.id) {
+                ++others;
+                continue;
+            }
+            if (!e.googleEventID) {
+                ++pendingLocal;
+                continue;
+            }
+            const QString id = e.googleEventID->trimmed();
+            ++copies[id];
+            EXPECT_FALSE(deleted.count(id)) << "deleted id survived: " << id.toStdString();
+            if (mode == GoogleSyncMode::full) {
+                EXPECT_TRUE(named.count(id)) << "unlisted id survived a full sync";
+            }
+            if (readable.count(id)) {
+                EXPECT_EQ(copies[id], 1) << "listed id held twice: " << id.toStdString();
+                const auto storedID = storedIDs.find(id);
+                EXPECT_EQ(e.id, storedID != storedIDs.end() ? storedID->second : stableUUID(calendar.id, id));
+            }
+        }
+        for (const auto& [id, good] : readable) {
+            if (!deleted.count(id)) {
+                EXPECT_EQ(copies[id], 1) << "listed id missing: " << id.toStdString();
+            }
+        }
+        EXPECT_EQ(others, static_cast<std::size_t>(std::count_if(snapshot.events.begin(), snapshot.events.end(),
+                                                                 [&](const auto& e) { return e.calendarID == otherCalendar.id; })));
+        EXPECT_EQ(pendingLocal, static_cast<std::size_t>(std::count_if(snapshot.events.begin(), snapshot.events.end(),
+                                                                       [&](const auto& e) {
+                                                                           return e.calendarID == calendar.id &&
+                                                                                  !e.googleEventID;
+                                                                       })));
+        if (HasFailure()) {
+            ADD_FAILURE() << "round " << round;
+            return;
+        }
+    }
+}
+
+// --- accounts and calendars -------------------------------------------------------
+
+TEST(GoogleSyncEngineAccountsTest, PresentationAndUpsert) {
+    using P = GoogleAccountPresentation;
+    EXPECT_EQ(P::forEmail("me@GMAIL.com"), (P{AccountKind::personal, "#2E9E6B"}));
+    EXPECT_EQ(P::forEmail("me@example.com"), (P{AccountKind::work, "#3D6FE8"}));
+    EXPECT_EQ(P::forEmail("gmail.com"), (P{AccountKind::work, "#3D6FE8"}));
+    EXPECT_EQ(P::forEmail("me@gmail.com@"), (P{AccountKind::work, "#3D6FE8"}));
+
+    auto s = Engine::upsertingAccount({"sub-1", "me@gmail.com", QString("  ")}, AppSnapshot()).snapshot;
+    ASSERT_EQ(s.accounts.size(), 1u);
+    const Account added = s.accounts[0];
+    EXPECT_EQ(added.id, stableUUID(Engine::accountNamespace(), "sub-1"));
+    EXPECT_EQ(added.name, "me@gmail.com");
+    EXPECT_EQ(added.kind, AccountKind::personal);
+    EXPECT_TRUE(added.isConnected);
+    EXPECT_EQ(added.googleSubject, "sub-1");
+
+    // Reconnected with a new address: same account, the user's colour stays.
+    s.accounts[0].isConnected = false;
+    s.accounts[0].colorHex = "#123456";
+    s.accounts[0].name = "Mine";
+    s = Engine::upsertingAccount({"sub-1", "me@example.com", std::nullopt}, s).snapshot;
+    ASSERT_EQ(s.accounts.size(), 1u);
+    EXPECT_EQ(s.accounts[0].id, added.id);
+    EXPECT_EQ(s.accounts[0].email, "me@example.com");
+    EXPECT_EQ(s.accounts[0].name, "Mine");
+    EXPECT_EQ(s.accounts[0].colorHex, "#123456");
+    EXPECT_EQ(s.accounts[0].kind, AccountKind::personal);
+    EXPECT_TRUE(s.accounts[0].isConnected);
+
+    // The old default colour is replaced from the presentation.
+    s.accounts[0].colorHex = "#4285f4";
+    s = Engine::upsertingAccount({"sub-1", "me@example.com", QString(" Me ")}, s).snapshot;
+    EXPECT_EQ(s.accounts[0].colorHex, "#3D6FE8");
+    EXPECT_EQ(s.accounts[0].kind, AccountKind::work);
+    EXPECT_EQ(s.accounts[0].name, "Me");
+
+    s = Engine::upsertingAccount({"sub-2", "b@example.com", QString("B")}, s).snapshot;
+    EXPECT_EQ(s.accounts.size(), 2u);
+}
+
+TEST(GoogleSyncEngineAccountsTest, MergingCalendars) {
+    auto entries = decodeGoogleCalendarListPage(R"({"items": [
+        {"id": " primary@example.com ", "summary": "Me", "summaryOverride": "  ", "backgroundColor": " #9fe1e7 ",
+         "selected": true, "timeZone": "Asia/Tokyo"},
+        {"id": "team", "summary": " ", "summaryOverride": " Team ", "backgroundColor": "#abc", "timeZone": "Nowhere/City"},
+        {"id": "holidays", "backgroundColor": "#GGGGGG"},
+        {"id": "  "}
+      ]})").calendars;
+    ASSERT_EQ(entries.size(), 3u); // the listing dropped the entry without an id
+    entries.push_back(GoogleCalendarListEntryDTO{.id = QString(" ")});
+    auto result = Engine::mergingCalendars(entries, kAccountID, 2, AppSnapshot());
+    EXPECT_EQ(result.warnings, std::vector<GoogleSyncWarning>{GoogleSyncWarning::skippedCalendars(kAccountID, 3)});
+    auto& calendars = result.snapshot.calendars;
+    ASSERT_EQ(calendars.size(), 3u);
+    EXPECT_EQ(calendars[0], (CalendarSource{stableUUID(kAccountID, "primary@example.com"), kAccountID, "Me", "#9FE1E7",
+                                            true, false, QString("primary@example.com"), QString("Asia/Tokyo")}));
+    EXPECT_EQ(calendars[1].name, "Team");
+    EXPECT_EQ(calendars[1].colorHex, "#4285F4");
+    EXPECT_FALSE(calendars[1].isVisible);
+    EXPECT_FALSE(calendars[1].googleTimeZoneIdentifier);
+    EXPECT_EQ(calendars[2].name, "holidays");
+    EXPECT_EQ(calendars[2].colorHex, "#4285F4");
+
+    // The user's choices survive; Google's fields are replaced; a calendar
+    // Google no longer lists stays.
+    const UUID keptID = UUID::random();
+    calendars[0].id = keptID;
+    calendars[0].isVisible = false;
+    calendars[0].receivesBusyBlocks = true;
+    entries[0].summary = "Renamed";
+    result = Engine::mergingCalendars({entries[0]}, kAccountID, 0, result.snapshot);
+    EXPECT_TRUE(result.warnings.empty());
+    ASSERT_EQ(result.snapshot.calendars.size(), 3u);
+    EXPECT_EQ(result.snapshot.calendars[0].id, keptID);
+    EXPECT_EQ(result.snapshot.calendars[0].name, "Renamed");
+    EXPECT_FALSE(result.snapshot.calendars[0].isVisible);
+    EXPECT_TRUE(result.snapshot.calendars[0].receivesBusyBlocks);
+
+    // The same Google calendar on another account is another calendar; an
+    // entry listed twice is one calendar.
+    result = Engine::mergingCalendars({entries[0], entries[0]}, kOtherAccountID, 0, result.snapshot);
+    ASSERT_EQ(result.snapshot.calendars.size(), 4u);
+    EXPECT_EQ(result.snapshot.calendars[3].accountID, kOtherAccountID);
+    EXPECT_NE(result.snapshot.calendars[3].id, keptID);
+}
