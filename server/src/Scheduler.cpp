@@ -119,7 +119,8 @@ int Scheduler::scanOnce() {
 }
 
 bool Scheduler::executeOne() {
-    const double lease = config_.provider.timeoutSeconds + 30;
+    const double timeout = config_.provider.timeoutSeconds;
+    const double lease = timeout + std::min(30.0, timeout + 5);
     const auto claimed = storage_.claimRun(workerID_, now_(), lease);
     if (!claimed) return false;
     execute(*claimed);
