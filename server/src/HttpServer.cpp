@@ -92,7 +92,12 @@ struct ConnectionRunner {
             request.authorization = std::string(message[http::field::authorization]);
             request.contentType = std::string(message[http::field::content_type]);
             request.remoteAddress = remote;
+            const auto started = std::chrono::steady_clock::now();
             const Response response = server.router_.handle(request);
+            log(LogLevel::debug, "request",
+                {{"method", request.method}, {"path", request.path}, {"status", std::to_string(response.status)},
+                 {"remote", remote}, {"authLength", std::to_string(request.authorization.size())},
+                 {"ms", std::to_string(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count())}});
             const bool keepAlive = message.keep_alive() && !server.stopping_;
             auto res = toBeast(response, message.version(), keepAlive);
             lowest.expires_after(server.limits_.writeTimeout);
