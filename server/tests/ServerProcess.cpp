@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <boost/json.hpp>
+#include <libpq-fe.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -152,9 +153,51 @@ ServerProcess::~ServerProcess() {
     if (pid_ > 0) stop();
 }
 
+std::optional<std::string> testPostgresURL() {
+    const char* pattern = std::getenv("TAVELO_CLOUD_TEST_POSTGRES");
+    if (!pattern || !*pattern) return std::nullopt;
+    return std::string(pattern);
+}
+
+std::string createTestDatabase() {
+    const auto pattern = testPostgresURL();
+    if (!pattern) throw std::runtime_error("TAVELO_CLOUD_TEST_POSTGRES is not set");
+    auto url = [&](const std::string& name) {
+        std::string text = *pattern;
+        text.replace(text.find("{db}"), 4, name);
+        return text;
+    };
+    static std::atomic<int> counter{0};
+    const std::string name = "tavelo_test_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
+    PGconn* connection = PQconnectdb(url("postgres").c_str());
+    if (PQstatus(connection) != CONNECTION_OK) {
+        const std::string message = PQerrorMessage(connection);
+        PQfinish(connection);
+        throw std::runtime_error("cannot reach the test PostgreSQL: " + message);
+    }
+    PGresult* result = PQexec(connection, ("CREATE DATABASE " + name).c_str());
+    const bool created = PQresultStatus(result) == PGRES_COMMAND_OK;
+    PQclear(result);
+    PQfinish(connection);
+    if (!created) throw std::runtime_error("cannot create the test database " + name);
+    return url(name);
+}
+
 void ServerProcess::start() {
     const std::string logPath = home_ + "/server.log";
     std::vector<std::string> args{TAVELO_CLOUD_BINARY, "--listen", "127.0.0.1:" + std::to_string(port_)};
+    if (testPostgresURL()) {
+        // Each server's data gets its own database; a restart on the same
+        // home finds it again.
+        const std::string file = home_ + "/database-url";
+        std::ifstream in(file);
+        std::string url;
+        if (!std::getline(in, url) || url.empty()) {
+            url = createTestDatabase();
+            std::ofstream(file) << url << "\n";
+        }
+        args.insert(args.end(), {"--database", url});
+    }
     args.insert(args.end(), arguments_.begin(), arguments_.end());
     pid_ = ::fork();
     if (pid_ == 0) {

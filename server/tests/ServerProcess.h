@@ -108,6 +108,12 @@ private:
     std::thread thread_;
 };
 
+// The PostgreSQL URL pattern of the test cluster ("{db}" stands for the
+// database name), when the tests run against one; see with-postgres.
+std::optional<std::string> testPostgresURL();
+// A new empty database in the test cluster; gives its URL.
+std::string createTestDatabase();
+
 // Polls `condition` every 20 ms for up to `milliseconds`.
 bool eventually(const std::function<bool()>& condition, int milliseconds = 10000);
 

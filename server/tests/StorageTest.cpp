@@ -1,5 +1,6 @@
 #include "Crypto.h"
 #include "ServerProcess.h"
+#include "PostgresStorage.h"
 #include "SqliteStorage.h"
 
 #include <sqlite3.h>
@@ -34,6 +35,33 @@ protected:
     std::unique_ptr<SqliteStorage> storage;
 };
 
+// The same behaviour from both implementations.
+class StorageContract : public ::testing::TestWithParam<std::string> {
+protected:
+    void SetUp() override {
+        crypto::initialise();
+        if (GetParam() == "postgres") {
+            if (!testing::testPostgresURL()) {
+                if (std::getenv("TAVELO_CLOUD_REQUIRE_POSTGRES")) FAIL() << "no PostgreSQL cluster";
+                GTEST_SKIP() << "runs under server/tests/with-postgres";
+            }
+            url = testing::createTestDatabase();
+        } else {
+            url = directory.path() + "/contract.sqlite3";
+        }
+        storage = openStorage(url);
+        storage->migrate();
+    }
+    std::unique_ptr<Storage> another() { return openStorage(url); }
+
+    TemporaryDirectory directory;
+    std::string url;
+    std::unique_ptr<Storage> storage;
+};
+
+INSTANTIATE_TEST_SUITE_P(Backends, StorageContract, ::testing::Values("sqlite", "postgres"),
+                         [](const auto& info) { return info.param; });
+
 TEST_F(SqliteStorageTest, MigrationsApplyOnceAndANewerSchemaIsRefused) {
     const int version = storage->schemaVersion();
     EXPECT_GE(version, 1);
@@ -53,7 +81,7 @@ TEST_F(SqliteStorageTest, MigrationsApplyOnceAndANewerSchemaIsRefused) {
     EXPECT_EQ(newer.schedules("owner").size(), 1u); // nothing lost
 }
 
-TEST_F(SqliteStorageTest, UsersNeverSeeEachOthersSchedulesOrRuns) {
+TEST_P(StorageContract, UsersNeverSeeEachOthersSchedulesOrRuns) {
     const auto shared = scheduleNumbered(7);
     storage->putSchedule("alice", shared, 5000);
     auto bobs = shared;
@@ -73,14 +101,14 @@ TEST_F(SqliteStorageTest, UsersNeverSeeEachOthersSchedulesOrRuns) {
     EXPECT_FALSE(storage->claimRun("w", 100, 60));
 }
 
-TEST_F(SqliteStorageTest, EachDueOccurrenceAndEachRunGoesToExactlyOneOfManyWorkers) {
+TEST_P(StorageContract, EachDueOccurrenceAndEachRunGoesToExactlyOneOfManyWorkers) {
     for (int i = 0; i < 40; ++i) storage->putSchedule("owner", scheduleNumbered(i), 100.0 + i);
     const auto due = storage->dueSchedules(1000, 100);
     ASSERT_EQ(due.size(), 40u);
 
     // Four workers, each with its own connections, race for every step.
-    std::vector<std::unique_ptr<SqliteStorage>> workers;
-    for (int w = 0; w < 4; ++w) workers.push_back(std::make_unique<SqliteStorage>(path(), 2));
+    std::vector<std::unique_ptr<Storage>> workers;
+    for (int w = 0; w < 4; ++w) workers.push_back(another());
     std::atomic<int> advanced{0};
     std::vector<std::thread> threads;
     for (int w = 0; w < 4; ++w)
@@ -109,7 +137,7 @@ TEST_F(SqliteStorageTest, EachDueOccurrenceAndEachRunGoesToExactlyOneOfManyWorke
     EXPECT_EQ(std::set<std::string>(claimed.begin(), claimed.end()).size(), 40u);
 }
 
-TEST_F(SqliteStorageTest, AnExpiredLeaseIsQueuedAgainThenInterrupted) {
+TEST_P(StorageContract, AnExpiredLeaseIsQueuedAgainThenInterrupted) {
     storage->putSchedule("owner", scheduleNumbered(1), 5000);
     ASSERT_TRUE(storage->enqueueRun("owner", scheduleNumbered(1).id, 10, 10));
     auto first = storage->claimRun("dead-process", 10, 5);
@@ -128,7 +156,7 @@ TEST_F(SqliteStorageTest, AnExpiredLeaseIsQueuedAgainThenInterrupted) {
     EXPECT_TRUE(run.error.has_value());
 }
 
-TEST_F(SqliteStorageTest, RefreshTokensAndOneTimeCodes) {
+TEST_P(StorageContract, RefreshTokensAndOneTimeCodes) {
     ASSERT_TRUE(storage->createUser(UserRecord{"u1", "a@example.jp", "hash", false, 1}));
     EXPECT_FALSE(storage->createUser(UserRecord{"u2", "a@example.jp", "hash", false, 1}));
     storage->insertRefreshToken(RefreshTokenRecord{"h1", "f", "u1", 1, std::nullopt, false});
