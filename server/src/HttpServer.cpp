@@ -96,7 +96,7 @@ struct ConnectionRunner {
             const Response response = server.router_.handle(request);
             log(LogLevel::debug, "request",
                 {{"method", request.method}, {"path", request.path}, {"status", std::to_string(response.status)},
-                 {"remote", remote}, {"authLength", std::to_string(request.authorization.size())},
+                 {"remote", remote},
                  {"ms", std::to_string(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count())}});
             const bool keepAlive = message.keep_alive() && !server.stopping_;
             auto res = toBeast(response, message.version(), keepAlive);
