@@ -3,9 +3,15 @@
 #include <boost/json.hpp>
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <thread>
 #include <future>
 #include <regex>
 #include <sstream>
@@ -142,6 +148,32 @@ TEST_F(OwnerRoutes, ShutdownFinishesAndExitsCleanly) {
     EXPECT_EQ(idle.status, 200);
     EXPECT_EQ(server.stop(), 0);
     EXPECT_NE(server.log().find("\"event\":\"stopped\""), std::string::npos);
+}
+
+TEST_F(OwnerRoutes, ShutdownLetsARequestInFlightFinish) {
+    const std::string body = scheduleJSON(kScheduleA, "Sent while stopping");
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(server.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const std::string head = "PUT /v1/schedules HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + key +
+                             "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body.substr(0, 10);
+    ASSERT_EQ(::send(fd, head.data(), head.size(), 0), static_cast<ssize_t>(head.size()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    server.signal(SIGTERM);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const std::string rest = body.substr(10);
+    ASSERT_EQ(::send(fd, rest.data(), rest.size(), 0), static_cast<ssize_t>(rest.size()));
+    std::string reply;
+    char buffer[4096];
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<std::size_t>(n));
+    ::close(fd);
+    EXPECT_TRUE(reply.starts_with("HTTP/1.1 200")) << reply;
+    EXPECT_EQ(server.wait(), 0);
+    server.start();
+    EXPECT_NE(server.get("/v1/state", key).body.find("Sent while stopping"), std::string::npos);
 }
 
 class IdentityRoutes : public ::testing::Test {

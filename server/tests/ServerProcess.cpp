@@ -233,6 +233,18 @@ int ServerProcess::stop() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+void ServerProcess::signal(int signal) {
+    if (pid_ > 0) ::kill(pid_, signal);
+}
+
+int ServerProcess::wait() {
+    if (pid_ <= 0) return -1;
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 void ServerProcess::kill9() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);

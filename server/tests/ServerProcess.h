@@ -54,6 +54,10 @@ public:
     // SIGTERM and wait; gives the exit status.
     int stop();
     void kill9();
+    // Sends `signal` without waiting.
+    void signal(int signal);
+    // Waits for the process to end; gives its exit status.
+    int wait();
     bool running() const { return pid_ > 0; }
 
     std::uint16_t port() const { return port_; }
