@@ -92,6 +92,13 @@ struct ConnectionRunner {
             request.authorization = std::string(message[http::field::authorization]);
             request.contentType = std::string(message[http::field::content_type]);
             request.remoteAddress = remote;
+            if (server.limits_.trustForwardedFor) {
+                const std::string_view forwarded = message["X-Forwarded-For"];
+                const auto comma = forwarded.rfind(',');
+                std::string_view last = comma == std::string_view::npos ? forwarded : forwarded.substr(comma + 1);
+                while (!last.empty() && last.front() == ' ') last.remove_prefix(1);
+                if (!last.empty() && last.size() <= 64) request.remoteAddress = std::string(last);
+            }
             const auto started = std::chrono::steady_clock::now();
             const Response response = server.router_.handle(request);
             log(LogLevel::debug, "request",

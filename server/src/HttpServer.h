@@ -29,6 +29,9 @@ struct HttpLimits {
     std::chrono::seconds idleTimeout{75};
     std::chrono::seconds writeTimeout{20};
     std::size_t maxConnections = 10000;
+    // Behind a proxy the peer is the proxy: take the client's address from
+    // the last hop of X-Forwarded-For, which the proxy appends.
+    bool trustForwardedFor = false;
 };
 
 class HttpServer {

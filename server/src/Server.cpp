@@ -80,7 +80,9 @@ int runServer(const Config& config) {
             return 1;
         }
     }
-    HttpServer http(context, router, HttpLimits{}, tls);
+    HttpLimits limits;
+    limits.trustForwardedFor = config.behindTLSProxy;
+    HttpServer http(context, router, limits, tls);
     std::uint16_t port = 0;
     try {
         port = http.listen(config.listenHost, config.listenPort);
