@@ -66,6 +66,7 @@ std::optional<std::string> applyFile(const std::string& path, Config& c) {
     if (auto v = json::number(*o, "retryDelaySeconds")) c.retryDelaySeconds = *v;
     if (auto v = json::string(*o, "logLevel")) c.logLevel = *v;
     if (auto v = json::string(*o, "smtpURL")) c.smtpURL = *v;
+    if (auto v = json::string(*o, "mailFrom")) c.mailFrom = *v;
     if (const auto* p = o->if_contains("provider"); p && p->is_object()) {
         const auto& provider = p->as_object();
         if (auto v = json::string(provider, "baseURL")) c.provider.baseURL = *v;
@@ -178,6 +179,8 @@ ParsedArguments parseArguments(const std::vector<std::string>& args) {
             if (!value(c.provider.apiKey)) return parsed;
         } else if (a == "--smtp") {
             if (!value(c.smtpURL)) return parsed;
+        } else if (a == "--mail-from") {
+            if (!value(c.mailFrom)) return parsed;
         } else if (a == "--log-level") {
             if (!value(c.logLevel)) return parsed;
         } else if (a == "--threads" || a == "--refresh-grace" || a == "--scheduler-interval" || a == "--run-attempts" ||
@@ -221,7 +224,9 @@ Usage: tavelo-cloud [options]
   --public-url URL          base URL for links in mails (default: the listen address)
   --no-sign-up              refuse new accounts (existing ones keep working)
   --mail-spool FILE         mails go here (default $XDG_DATA_HOME/tavelo-cloud/mail-spool.txt)
-  --smtp URL                SMTP relay (see README; mails are spooled when absent)
+  --smtp URL                plain SMTP relay, smtp://HOST:PORT, no authentication (mails
+                            are spooled when absent or when the relay refuses)
+  --mail-from ADDRESS       sender of the mails (default tavelo-cloud@<host name>)
   --ai-base-url URL         OpenAI-compatible API base, e.g. https://api.openai.com/v1
   --ai-model NAME           model for scheduled runs
   --ai-key KEY              API key (or the environment variable TAVELO_CLOUD_AI_KEY)
@@ -236,7 +241,7 @@ Usage: tavelo-cloud [options]
 
 Configuration file keys: listen, database, ownerFile, mailSpool, publicURL, tlsCertificate,
 tlsKey, behindTLSProxy, allowSignUp, threads, refreshGraceSeconds, schedulerIntervalSeconds,
-runAttempts, retryDelaySeconds, logLevel, smtpURL, provider {baseURL, model, apiKey, timeoutSeconds}.
+runAttempts, retryDelaySeconds, logLevel, smtpURL, mailFrom, provider {baseURL, model, apiKey, timeoutSeconds}.
 )";
 }
 

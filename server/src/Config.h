@@ -40,7 +40,8 @@ struct Config {
     bool resetOwnerKey = false;
     std::string logLevel = "info";
     ProviderConfig provider;
-    std::string smtpURL; // accepted; see README
+    std::string smtpURL;  // "smtp://host:port": a plain relay without authentication
+    std::string mailFrom; // empty: tavelo-cloud@<host name>
 
     std::string databaseURL() const;
     std::string ownerFilePath() const;

@@ -72,6 +72,15 @@ std::string base64UrlEncode(std::string_view data) {
     return out;
 }
 
+std::string base64Encode(std::string_view data) {
+    const std::size_t length = sodium_base64_ENCODED_LEN(data.size(), sodium_base64_VARIANT_ORIGINAL);
+    std::string out(length, '\0');
+    sodium_bin2base64(out.data(), length, reinterpret_cast<const unsigned char*>(data.data()), data.size(),
+                      sodium_base64_VARIANT_ORIGINAL);
+    out.resize(length - 1);
+    return out;
+}
+
 bool base64UrlDecode(std::string_view text, std::string& out) {
     out.assign(text.size(), '\0');
     std::size_t length = 0;

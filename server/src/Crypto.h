@@ -20,6 +20,8 @@ std::string hmacSha256(std::string_view key, std::string_view data);
 bool constantTimeEquals(std::string_view a, std::string_view b);
 
 std::string base64UrlEncode(std::string_view data);
+// Standard base64 with padding (mail headers).
+std::string base64Encode(std::string_view data);
 // False when `text` is no unpadded base64url.
 bool base64UrlDecode(std::string_view text, std::string& out);
 

@@ -59,7 +59,7 @@ int runServer(const Config& config) {
         log(LogLevel::error, "storage_unavailable", {{"message", error.what()}});
         return 1;
     }
-    Mailer mailer(config.mailSpoolPath());
+    Mailer mailer(config.mailSpoolPath(), config.smtpURL, config.mailFrom);
     Identity identity(*storage, mailer, config, wallClock);
     const auto ownerKey = identity.ensureOwnerKey(config.resetOwnerKey);
 
