@@ -60,6 +60,7 @@ std::optional<std::string> applyFile(const std::string& path, Config& c) {
     if (auto v = json::boolean(*o, "behindTLSProxy")) c.behindTLSProxy = *v;
     if (auto v = json::boolean(*o, "allowSignUp")) c.allowSignUp = *v;
     if (auto v = json::number(*o, "threads")) c.threads = static_cast<int>(*v);
+    if (auto v = json::number(*o, "readTimeoutSeconds")) c.readTimeoutSeconds = *v;
     if (auto v = json::number(*o, "refreshGraceSeconds")) c.refreshGraceSeconds = *v;
     if (auto v = json::number(*o, "schedulerIntervalSeconds")) c.schedulerIntervalSeconds = *v;
     if (auto v = json::number(*o, "runAttempts")) c.runAttempts = static_cast<int>(*v);
@@ -184,7 +185,7 @@ ParsedArguments parseArguments(const std::vector<std::string>& args) {
         } else if (a == "--log-level") {
             if (!value(c.logLevel)) return parsed;
         } else if (a == "--threads" || a == "--refresh-grace" || a == "--scheduler-interval" || a == "--run-attempts" ||
-                   a == "--retry-delay" || a == "--ai-timeout") {
+                   a == "--retry-delay" || a == "--ai-timeout" || a == "--read-timeout") {
             if (!value(v)) return parsed;
             if (!toNumber(v, number) || number < 0) {
                 parsed.error = "bad value for " + a + ": " + v;
@@ -195,6 +196,7 @@ ParsedArguments parseArguments(const std::vector<std::string>& args) {
             else if (a == "--scheduler-interval") c.schedulerIntervalSeconds = number;
             else if (a == "--run-attempts") c.runAttempts = static_cast<int>(number);
             else if (a == "--retry-delay") c.retryDelaySeconds = number;
+            else if (a == "--read-timeout") c.readTimeoutSeconds = number;
             else c.provider.timeoutSeconds = number;
         } else {
             parsed.error = "unknown option " + a + " (see --help)";
@@ -236,11 +238,12 @@ Usage: tavelo-cloud [options]
   --scheduler-interval S    how often due runs are looked for (default 1)
   --refresh-grace SECONDS   how long a rotated refresh token stays valid (default 60)
   --threads N               worker threads (default: one per core)
+  --read-timeout SECONDS    a request must arrive within this (default 20); slow clients are cut off
   --log-level LEVEL         debug, info, warning or error (default info)
   --help                    this text
 
 Configuration file keys: listen, database, ownerFile, mailSpool, publicURL, tlsCertificate,
-tlsKey, behindTLSProxy, allowSignUp, threads, refreshGraceSeconds, schedulerIntervalSeconds,
+tlsKey, behindTLSProxy, allowSignUp, threads, readTimeoutSeconds, refreshGraceSeconds, schedulerIntervalSeconds,
 runAttempts, retryDelaySeconds, logLevel, smtpURL, mailFrom, provider {baseURL, model, apiKey, timeoutSeconds}.
 )";
 }

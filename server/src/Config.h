@@ -33,6 +33,7 @@ struct Config {
     bool behindTLSProxy = false;
     bool allowSignUp = true;
     int threads = 0; // 0: one per core
+    double readTimeoutSeconds = 20; // a whole request must arrive within this
     double refreshGraceSeconds = 60;
     double schedulerIntervalSeconds = 1;
     int runAttempts = 3;

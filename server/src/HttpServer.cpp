@@ -60,7 +60,14 @@ struct ConnectionRunner {
             parser.body_limit(server.limits_.bodyLimit);
             // The idle limit covers the wait for a request; once its first
             // bytes are in, the whole request must arrive within the read limit.
-            lowest.expires_after(buffer.size() > 0 ? server.limits_.readTimeout : server.limits_.idleTimeout);
+            if (buffer.size() == 0) {
+                lowest.expires_after(server.limits_.idleTimeout);
+                auto [idleError, firstBytes] = co_await stream.async_read_some(buffer.prepare(4096), awaitable);
+                if (idleError) break;
+                buffer.commit(firstBytes);
+            }
+            connection->busy = true;
+            lowest.expires_after(server.limits_.readTimeout);
             auto [headerError, headerBytes] = co_await http::async_read_header(stream, buffer, parser, awaitable);
             connection->busy = true;
             std::optional<Response> refusal;

@@ -82,6 +82,7 @@ int runServer(const Config& config) {
     }
     HttpLimits limits;
     limits.trustForwardedFor = config.behindTLSProxy;
+    limits.readTimeout = std::chrono::seconds(std::max(1, static_cast<int>(config.readTimeoutSeconds)));
     HttpServer http(context, router, limits, tls);
     std::uint16_t port = 0;
     try {

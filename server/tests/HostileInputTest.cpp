@@ -71,6 +71,18 @@ TEST_F(HostileInput, ASlowClientDoesNotHoldOthers) {
     expectIntact();
 }
 
+TEST(HostileClients, ASlowClientIsCutOffAtTheReadLimit) {
+    ServerProcess server({"--read-timeout", "1"});
+    const auto started = std::chrono::steady_clock::now();
+    // Headers that never end: the server closes the connection after a second.
+    const auto reply = testing::rawRequest(server.port(), "GET /v1/session HTTP/1.1\r\nHost: x\r\nX-Slow: ", 5000);
+    const auto waited = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(reply.status, 0);
+    EXPECT_LT(waited, std::chrono::milliseconds(4000));
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_EQ(server.get("/healthz").status, 200);
+}
+
 TEST_F(HostileInput, RandomisedRequestsNeverBreakTheServer) {
     std::mt19937 random(20261123); // fixed seed: a failure can be replayed
     const std::vector<std::string> methods{"GET", "PUT", "POST", "DELETE", "HEAD", "OPTIONS", "G\x01T", ""};
