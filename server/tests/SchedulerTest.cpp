@@ -128,6 +128,25 @@ TEST(Scheduler, DueOccurrencesRunOnceEvenWithTwoServersOnOneDatabase) {
     EXPECT_EQ(perSchedule.size(), 12u);
 }
 
+TEST(Scheduler, AnOccurrenceDueWhileTheServerWasDownRunsOnceAfterTheRestart) {
+    FakeProvider provider([](const std::string&) { return FakeProvider::completion("late but done"); });
+    ServerProcess server(providerArguments(provider));
+    const auto key = server.ownerKey();
+    const double at = std::floor(now()) + 2;
+    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(1, at, "weekly"), key).status, 200);
+    ASSERT_EQ(server.stop(), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<int>((at - now()) * 1000) + 500));
+    EXPECT_EQ(provider.requestCount(), 0);
+    server.start();
+    ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(server, key)); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const auto runs = runsOf(server, key);
+    ASSERT_EQ(runs.size(), 1u);
+    EXPECT_EQ(runs[0].at("scheduledAt").as_int64(), static_cast<std::int64_t>(at));
+    EXPECT_EQ(runs[0].at("output"), "late but done");
+    EXPECT_EQ(provider.requestCount(), 1);
+}
+
 TEST(Scheduler, KillDuringARunNeitherLosesNorDoublesIt) {
     std::atomic<int> calls{0};
     FakeProvider provider([&](const std::string&) {
