@@ -102,6 +102,11 @@ int runServer(const Config& config) {
             return 1;
         }
     }
+    else if (!std::filesystem::exists(config.ownerFilePath())) {
+        log(LogLevel::warning, "owner_file_missing",
+            {{"path", config.ownerFilePath()},
+             {"hint", "the owner key exists only as a hash; start once with --reset-owner-key to write a new one"}});
+    }
     http.start();
     scheduler.start();
     log(LogLevel::info, "listening", {{"endpoint", endpoint}, {"database", config.database.empty() ? config.databaseURL() : std::string("(configured)")},
