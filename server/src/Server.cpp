@@ -101,8 +101,7 @@ int runServer(const Config& config) {
             log(LogLevel::error, "owner_file_failed", {{"message", error.what()}});
             return 1;
         }
-    }
-    else if (!std::filesystem::exists(config.ownerFilePath())) {
+    } else if (!std::filesystem::exists(config.ownerFilePath())) {
         log(LogLevel::warning, "owner_file_missing",
             {{"path", config.ownerFilePath()},
              {"hint", "the owner key exists only as a hash; start once with --reset-owner-key to write a new one"}});
