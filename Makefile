@@ -18,7 +18,7 @@ build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 run: build
-	$(BUILD_DIR)/src/app/tavelo
+	bash scripts/run-local $(BUILD_DIR)
 
 test: build
 	bash scripts/run-tests $(BUILD_DIR)

@@ -310,7 +310,9 @@ QCoro::Task<QByteArray> AICloudStore::sendData(QByteArray method, QString path, 
 
 QCoro::Task<QString> AICloudStore::credential(QString endpoint, std::stop_token stop) {
     QPointer<AICloudStore> self(this);
-    if (endpoint == endpoint_ && identityToken_ && identityExpiry_ > deps_.now()) co_return *identityToken_;
+    // A copy: g++ 12 moves from a member named in co_return, which would
+    // empty the token after its first use.
+    if (endpoint == endpoint_ && identityToken_ && identityExpiry_ > deps_.now()) co_return QString(*identityToken_);
     if (deps_.defaults->string(kAuthKindKey) == QLatin1String("owner")) co_return co_await loadToken(endpoint);
 
     const QString refreshKey = kIdentityKeyPrefix + endpoint;

@@ -1,0 +1,1 @@
+wrk.headers["Authorization"] = "Bearer " .. os.getenv("TAVELO_BENCH_KEY")

@@ -1,0 +1,303 @@
+#include "ServerProcess.h"
+
+#include <boost/json.hpp>
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+#include <future>
+#include <regex>
+#include <sstream>
+
+namespace tavelo::cloud {
+namespace {
+
+using testing::ServerProcess;
+
+boost::json::object parse(const std::string& text) {
+    boost::system::error_code ec;
+    auto value = boost::json::parse(text, ec);
+    if (ec || !value.is_object()) {
+        ADD_FAILURE() << "not a JSON object: " << text;
+        return {};
+    }
+    return value.as_object();
+}
+
+std::string field(const std::string& text, const char* key) {
+    const auto o = parse(text);
+    const auto* v = o.if_contains(key);
+    return v && v->is_string() ? std::string(v->as_string()) : std::string();
+}
+
+std::string identityMessage(const std::string& text) {
+    const auto o = parse(text);
+    const auto* error = o.if_contains("error");
+    if (!error || !error->is_object()) return {};
+    return std::string(error->as_object().at("message").as_string());
+}
+
+std::string scheduleJSON(const std::string& id, const std::string& title = "Daily digest", double firstRun = 1767225600) {
+    boost::json::object o{{"id", id}, {"title", title}, {"prompt", "Summarise"}, {"firstRun", firstRun},
+                          {"timeZoneID", "Asia/Tokyo"}, {"recurrence", "daily"}, {"isPaused", false}};
+    return boost::json::serialize(o);
+}
+
+constexpr const char* kScheduleA = "6F1E2B3C-0000-4000-8000-0000000000AA";
+
+class OwnerRoutes : public ::testing::Test {
+protected:
+    ServerProcess server;
+    std::string key = server.ownerKey();
+};
+
+TEST_F(OwnerRoutes, OwnerFileIsPrivateAndTheKeyOpensAnOwnerSession) {
+    struct stat info {};
+    ASSERT_EQ(::stat(server.ownerFile().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    std::ifstream in(server.ownerFile());
+    std::stringstream text;
+    text << in.rdbuf();
+    EXPECT_EQ(text.str(), "{\"endpoint\": \"" + server.endpoint() + "\", \"connectionKey\": \"" + key + "\"}\n");
+    EXPECT_GE(key.size(), 32u);
+
+    const auto session = server.get("/v1/session", key);
+    ASSERT_EQ(session.status, 200) << session.body;
+    EXPECT_EQ(field(session.body, "kind"), "owner");
+    EXPECT_EQ(field(session.body, "userID"), "owner");
+
+    // The key is stored hashed: the database file does not contain it.
+    std::ifstream db(server.home() + "/data/tavelo-cloud/tavelo-cloud.sqlite3", std::ios::binary);
+    std::stringstream bytes;
+    bytes << db.rdbuf();
+    EXPECT_EQ(bytes.str().find(key), std::string::npos);
+
+    // A restart keeps the key and does not write the file again.
+    EXPECT_EQ(server.stop(), 0);
+    server.start();
+    EXPECT_EQ(server.ownerKey(), key);
+    EXPECT_EQ(server.get("/v1/session", key).status, 200);
+}
+
+TEST_F(OwnerRoutes, MissingOrWrongCredentialsGetAJSONError) {
+    for (const std::string token : {std::string(), std::string("x"), key + "x", std::string("a.b.c"),
+                                    std::string("eyJhbGciOiJub25lIn0.eyJzdWIiOiJvd25lciJ9.")}) {
+        const auto reply = server.get("/v1/state", token);
+        EXPECT_EQ(reply.status, 401) << token;
+        EXPECT_FALSE(field(reply.body, "error").empty());
+    }
+    const auto basic = testing::httpRequest(server.port(), "GET", "/v1/session", {}, {{"Authorization", "Basic " + key}});
+    EXPECT_EQ(basic.status, 401);
+}
+
+TEST_F(OwnerRoutes, SchedulesAreSavedValidatedListedAndDeleted) {
+    const auto saved = server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA), key);
+    ASSERT_EQ(saved.status, 200) << saved.body;
+    EXPECT_EQ(field(saved.body, "id"), "6f1e2b3c-0000-4000-8000-0000000000aa");
+
+    const auto blank = server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA, "  "), key);
+    EXPECT_EQ(blank.status, 400);
+    EXPECT_EQ(field(blank.body, "error"), "タイトルを入力してください");
+    auto state = parse(server.get("/v1/state", key).body);
+    ASSERT_EQ(state["schedules"].as_array().size(), 1u);
+    EXPECT_EQ(state["schedules"].as_array()[0].as_object()["title"].as_string(), "Daily digest");
+
+    const auto run = server.send("POST", "/v1/run", R"({"scheduleID":"6f1e2b3c-0000-4000-8000-0000000000aa"})", key);
+    ASSERT_EQ(run.status, 200) << run.body;
+    EXPECT_EQ(field(run.body, "status"), "queued");
+    EXPECT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":"6f1e2b3c-0000-4000-8000-0000000000ff"})", key).status, 404);
+
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/..%2F..%2Fetc%2Fpasswd", {}, key).status, 400);
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/../../etc/passwd", {}, key).status, 404);
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/6f1e2b3c-0000-4000-8000-0000000000aa", {}, key).status, 200);
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/6f1e2b3c-0000-4000-8000-0000000000aa", {}, key).status, 404);
+    state = parse(server.get("/v1/state", key).body);
+    EXPECT_TRUE(state["schedules"].as_array().empty());
+}
+
+TEST_F(OwnerRoutes, AccountReportsTheProviderLinkTruthfully) {
+    auto account = parse(server.get("/v1/account", key).body);
+    EXPECT_FALSE(account["connected"].as_bool()); // no provider configured
+    const auto login = server.send("POST", "/v1/login", {}, key);
+    EXPECT_EQ(login.status, 503);
+    EXPECT_FALSE(field(login.body, "error").empty());
+
+    server.stop();
+    ServerProcess withProvider({"--ai-base-url", "http://127.0.0.1:9/v1", "--ai-model", "local-model"}, server.home());
+    account = parse(withProvider.get("/v1/account", key).body);
+    EXPECT_TRUE(account["connected"].as_bool());
+    EXPECT_EQ(account["plan"].as_string(), "local-model");
+    EXPECT_EQ(withProvider.send("POST", "/v1/logout", {}, key).status, 200);
+    EXPECT_FALSE(parse(withProvider.get("/v1/account", key).body)["connected"].as_bool());
+    const auto relink = withProvider.send("POST", "/v1/login", {}, key);
+    EXPECT_EQ(relink.status, 409);
+    EXPECT_TRUE(parse(withProvider.get("/v1/account", key).body)["connected"].as_bool());
+}
+
+TEST_F(OwnerRoutes, ShutdownFinishesAndExitsCleanly) {
+    EXPECT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA), key).status, 200);
+    // An idle keep-alive connection does not hold the shutdown.
+    const auto idle = testing::rawRequest(server.port(), "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n", 300);
+    EXPECT_EQ(idle.status, 200);
+    EXPECT_EQ(server.stop(), 0);
+    EXPECT_NE(server.log().find("\"event\":\"stopped\""), std::string::npos);
+}
+
+TEST_F(OwnerRoutes, ShutdownLetsARequestInFlightFinish) {
+    const std::string body = scheduleJSON(kScheduleA, "Sent while stopping");
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(server.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const std::string head = "PUT /v1/schedules HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + key +
+                             "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body.substr(0, 10);
+    ASSERT_EQ(::send(fd, head.data(), head.size(), 0), static_cast<ssize_t>(head.size()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    server.signal(SIGTERM);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const std::string rest = body.substr(10);
+    ASSERT_EQ(::send(fd, rest.data(), rest.size(), 0), static_cast<ssize_t>(rest.size()));
+    std::string reply;
+    char buffer[4096];
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<std::size_t>(n));
+    ::close(fd);
+    EXPECT_TRUE(reply.starts_with("HTTP/1.1 200")) << reply;
+    EXPECT_EQ(server.wait(), 0);
+    server.start();
+    EXPECT_NE(server.get("/v1/state", key).body.find("Sent while stopping"), std::string::npos);
+}
+
+class IdentityRoutes : public ::testing::Test {
+protected:
+    testing::HttpResult identity(const std::string& route, const std::string& body, const std::string& key = {}) const {
+        return server.send("POST", "/v1/" + route + "?key=" + (key.empty() ? apiKey : key), body);
+    }
+    std::string signUp(const std::string& email, const std::string& password = "correct horse") const {
+        boost::json::object body{{"email", email}, {"password", password}, {"returnSecureToken", true}};
+        return identity("accounts:signUp", boost::json::serialize(body)).body;
+    }
+    testing::HttpResult signIn(const std::string& email, const std::string& password) const {
+        boost::json::object body{{"email", email}, {"password", password}, {"returnSecureToken", true}};
+        return identity("accounts:signInWithPassword", boost::json::serialize(body));
+    }
+    testing::HttpResult refresh(const std::string& token) const {
+        boost::json::object body{{"grant_type", "refresh_token"}, {"refresh_token", token}};
+        return identity("token", boost::json::serialize(body));
+    }
+    std::string spool() const {
+        std::ifstream in(server.mailSpool());
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    ServerProcess server{{"--refresh-grace", "1"}};
+    std::string apiKey = field(server.get("/v1/config").body, "apiKey");
+};
+
+TEST_F(IdentityRoutes, SignUpSignInAndTheSessionOfEachAccountIsItsOwn) {
+    ASSERT_FALSE(apiKey.empty());
+    const auto created = signUp("Alice@Example.jp");
+    const std::string aliceToken = field(created, "idToken");
+    ASSERT_FALSE(aliceToken.empty()) << created;
+    EXPECT_EQ(field(created, "expiresIn"), "3600");
+    EXPECT_EQ(identityMessage(signUp("alice@example.jp")), "EMAIL_EXISTS");
+    EXPECT_EQ(identityMessage(signUp("not-an-address")), "INVALID_EMAIL");
+    EXPECT_TRUE(identityMessage(signUp("b@example.jp", "12345")).starts_with("WEAK_PASSWORD"));
+    EXPECT_EQ(identityMessage(identity("accounts:signUp", R"({"email":"c@example.jp","password":"secret1"})", "wrong-key").body).find("API key"), 0u);
+
+    const auto session = parse(server.get("/v1/session", aliceToken).body);
+    EXPECT_EQ(session.at("kind").as_string(), "identity");
+    EXPECT_EQ(session.at("email").as_string(), "alice@example.jp");
+    EXPECT_NE(session.at("userID").as_string(), "owner");
+
+    const std::string bobToken = field(signUp("bob@example.jp"), "idToken");
+    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA, "Alice's"), aliceToken).status, 200);
+    EXPECT_TRUE(parse(server.get("/v1/state", bobToken).body)["schedules"].as_array().empty());
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/6f1e2b3c-0000-4000-8000-0000000000aa", {}, bobToken).status, 404);
+    EXPECT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":"6f1e2b3c-0000-4000-8000-0000000000aa"})", bobToken).status, 404);
+    EXPECT_EQ(parse(server.get("/v1/state", aliceToken).body)["schedules"].as_array().size(), 1u);
+    EXPECT_TRUE(parse(server.get("/v1/state", server.ownerKey()).body)["schedules"].as_array().empty());
+
+    const auto good = signIn("ALICE@example.jp", "correct horse");
+    EXPECT_EQ(good.status, 200);
+    EXPECT_FALSE(field(good.body, "refreshToken").empty());
+    // A wrong password and an unknown address look the same.
+    const auto wrong = signIn("alice@example.jp", "wrong horse");
+    const auto unknown = signIn("nobody@example.jp", "wrong horse");
+    EXPECT_EQ(wrong.status, 400);
+    EXPECT_EQ(wrong.body, unknown.body);
+    EXPECT_EQ(identityMessage(wrong.body), "INVALID_LOGIN_CREDENTIALS");
+}
+
+TEST_F(IdentityRoutes, RefreshRotatesWithAGracePeriodAndAReplayRevokesTheFamily) {
+    const std::string first = field(signUp("carol@example.jp"), "refreshToken");
+    ASSERT_FALSE(first.empty());
+    // Two refreshes with the same token at the same moment both succeed.
+    auto a = std::async(std::launch::async, [&] { return refresh(first); });
+    auto b = std::async(std::launch::async, [&] { return refresh(first); });
+    const auto ra = a.get(), rb = b.get();
+    ASSERT_EQ(ra.status, 200) << ra.body;
+    ASSERT_EQ(rb.status, 200) << rb.body;
+    const std::string second = field(ra.body, "refresh_token");
+    EXPECT_NE(second, first);
+    EXPECT_EQ(field(ra.body, "expires_in"), "3600");
+    EXPECT_EQ(server.get("/v1/session", field(ra.body, "id_token")).status, 200);
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300)); // past the one-second grace
+    EXPECT_EQ(identityMessage(refresh(first).body), "INVALID_REFRESH_TOKEN");
+    // The replay took the whole family down, the newer tokens too.
+    EXPECT_EQ(identityMessage(refresh(second).body), "INVALID_REFRESH_TOKEN");
+    EXPECT_EQ(identityMessage(refresh("made-up").body), "INVALID_REFRESH_TOKEN");
+    EXPECT_EQ(identityMessage(identity("token", R"({"grant_type":"password","refresh_token":"x"})").body), "INVALID_GRANT_TYPE");
+}
+
+TEST_F(IdentityRoutes, ResetAndVerificationMailsCarryWorkingOneTimeCodes) {
+    const std::string idToken = field(signUp("dave@example.jp"), "idToken");
+    // No account enumeration: an unknown address is answered the same way.
+    EXPECT_EQ(identity("accounts:sendOobCode", R"({"requestType":"PASSWORD_RESET","email":"ghost@example.jp"})").status, 200);
+    EXPECT_EQ(spool().find("ghost@example.jp"), std::string::npos);
+
+    boost::json::object verify{{"requestType", "VERIFY_EMAIL"}, {"idToken", idToken}};
+    ASSERT_EQ(identity("accounts:sendOobCode", boost::json::serialize(verify)).status, 200);
+    std::smatch match;
+    std::string mail = spool();
+    ASSERT_TRUE(std::regex_search(mail, match, std::regex("mode=verifyEmail&oobCode=([A-Za-z0-9_-]+)")));
+    const auto page = server.get("/action?mode=verifyEmail&oobCode=" + match[1].str());
+    EXPECT_EQ(page.status, 200);
+    const std::string fresh = field(signIn("dave@example.jp", "correct horse").body, "idToken");
+    const auto capabilities = parse(server.get("/v1/session", fresh).body)["capabilities"].as_array();
+    EXPECT_NE(std::find(capabilities.begin(), capabilities.end(), boost::json::value("verifiedEmail")), capabilities.end());
+
+    ASSERT_EQ(identity("accounts:sendOobCode", R"({"requestType":"PASSWORD_RESET","email":"dave@example.jp"})").status, 200);
+    mail = spool();
+    ASSERT_TRUE(std::regex_search(mail, match, std::regex("mode=resetPassword&oobCode=([A-Za-z0-9_-]+)")));
+    const std::string code = match[1].str();
+    boost::json::object reset{{"oobCode", code}, {"newPassword", "battery staple"}};
+    EXPECT_EQ(identity("accounts:resetPassword", boost::json::serialize(reset)).status, 200);
+    EXPECT_EQ(identityMessage(identity("accounts:resetPassword", boost::json::serialize(reset)).body), "INVALID_OOB_CODE");
+    EXPECT_EQ(signIn("dave@example.jp", "correct horse").status, 400);
+    EXPECT_EQ(signIn("dave@example.jp", "battery staple").status, 200);
+}
+
+TEST_F(IdentityRoutes, RepeatedWrongPasswordsAreRateLimited) {
+    signUp("erin@example.jp");
+    std::string last;
+    for (int i = 0; i < 12; ++i) last = identityMessage(signIn("erin@example.jp", "guess " + std::to_string(i)).body);
+    EXPECT_TRUE(last.starts_with("TOO_MANY_ATTEMPTS_TRY_LATER")) << last;
+    // Even the right password waits now; the server keeps serving others.
+    EXPECT_TRUE(identityMessage(signIn("erin@example.jp", "correct horse").body).starts_with("TOO_MANY_ATTEMPTS"));
+    EXPECT_EQ(server.get("/healthz").status, 200);
+}
+
+} // namespace
+} // namespace tavelo::cloud

@@ -1,0 +1,114 @@
+#include "Schedule.h"
+
+#include <boost/json.hpp>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace tavelo::cloud {
+namespace {
+
+constexpr double kJan31Tokyo9 = 1769817600; // 2026-01-31T00:00:00Z = 09:00 in Tokyo
+constexpr double kDay = 86400;
+
+ScheduleRecord schedule(std::optional<std::string> recurrence = std::nullopt, double firstRun = kJan31Tokyo9,
+                        std::string zone = "Asia/Tokyo") {
+    return ScheduleRecord{"6f1e2b3c-0000-4000-8000-000000000001", "Morning summary", "Summarise my day", firstRun,
+                          std::move(zone), std::move(recurrence), false};
+}
+
+TEST(ScheduleRules, ValidationGivesTheFirstFailingRuleInOrder) {
+    auto s = schedule();
+    EXPECT_EQ(validationMessage(s), std::nullopt);
+    s.title = " \n\t ";
+    s.prompt = "";
+    EXPECT_EQ(validationMessage(s), "タイトルを入力してください");
+    s.title = "ok";
+    EXPECT_EQ(validationMessage(s), "AIへの指示を入力してください");
+    s.prompt = "p";
+    s.title = std::string(200, 'a');
+    EXPECT_EQ(validationMessage(s), std::nullopt);
+    s.title = std::string(201, 'a');
+    EXPECT_EQ(validationMessage(s), "タイトルは200文字、指示は16,000文字以内にしてください");
+    // 200 Japanese characters are 600 bytes but still 200 characters.
+    std::string japanese;
+    for (int i = 0; i < 200; ++i) japanese += "あ";
+    s.title = japanese;
+    EXPECT_EQ(validationMessage(s), std::nullopt);
+    s.prompt = std::string(16001, 'x');
+    EXPECT_EQ(validationMessage(s), "タイトルは200文字、指示は16,000文字以内にしてください");
+    s.prompt = "p";
+    s.timeZoneID = "Mars/Olympus";
+    EXPECT_EQ(validationMessage(s), "有効なタイムゾーンを選択してください");
+    s.timeZoneID = "Asia/Tokyo";
+    s.firstRun = INFINITY;
+    EXPECT_EQ(validationMessage(s), "実行日時を確認してください");
+    s.firstRun = kJan31Tokyo9;
+    s.recurrence = "hourly";
+    EXPECT_TRUE(validationMessage(s).has_value());
+}
+
+TEST(ScheduleRules, OneTimeScheduleOccursOnlyInsideTheHalfOpenInterval) {
+    const auto s = schedule();
+    EXPECT_EQ(occurrences(s, kJan31Tokyo9, kJan31Tokyo9 + 1), std::vector<double>{kJan31Tokyo9});
+    EXPECT_TRUE(occurrences(s, kJan31Tokyo9 - 10, kJan31Tokyo9).empty());
+    EXPECT_EQ(nextOccurrence(s, kJan31Tokyo9 - 1), kJan31Tokyo9);
+    EXPECT_EQ(nextOccurrence(s, kJan31Tokyo9), std::nullopt);
+}
+
+TEST(ScheduleRules, MonthlyOn31stFallsOnTheLastDayAndComesBack) {
+    const auto s = schedule("monthly");
+    const auto dates = occurrences(s, kJan31Tokyo9, kJan31Tokyo9 + 70 * kDay);
+    ASSERT_EQ(dates.size(), 3u);
+    EXPECT_EQ(dates[1], 1772236800); // 2026-02-28 09:00 Tokyo
+    EXPECT_EQ(dates[2], 1774915200); // 2026-03-31 09:00 Tokyo
+    EXPECT_EQ(nextOccurrence(s, dates[0]), dates[1]);
+    EXPECT_EQ(nextOccurrence(s, dates[1]), dates[2]);
+}
+
+TEST(ScheduleRules, DailyKeepsTheLocalHourAcrossDaylightSaving) {
+    // 2026-03-07 09:00 in New York is 14:00Z; after the 8 March change 09:00 is 13:00Z.
+    const double first = 1772892000;
+    const auto s = schedule("daily", first, "America/New_York");
+    const auto dates = occurrences(s, first, first + 2 * kDay + 1);
+    ASSERT_EQ(dates.size(), 3u);
+    EXPECT_EQ(dates[1] - dates[0], kDay - 3600);
+    EXPECT_EQ(dates[2] - dates[1], kDay);
+    // Tokyo has no daylight saving: exact days.
+    const auto tokyo = occurrences(schedule("daily"), kJan31Tokyo9, kJan31Tokyo9 + 3 * kDay);
+    ASSERT_EQ(tokyo.size(), 3u);
+    EXPECT_EQ(tokyo[2] - tokyo[0], 2 * kDay);
+}
+
+TEST(ScheduleRules, NextOccurrenceFarAfterTheFirstRunAndForWeekly) {
+    const auto weekly = schedule("weekly");
+    const double later = kJan31Tokyo9 + 400 * kDay + 5;
+    const auto next = nextOccurrence(weekly, later);
+    ASSERT_TRUE(next);
+    EXPECT_GT(*next, later);
+    EXPECT_LE(*next - later, 7 * kDay);
+    EXPECT_EQ(std::fmod(*next - kJan31Tokyo9, 7 * kDay), 0);
+    // Before the first run, the first run is next.
+    EXPECT_EQ(nextOccurrence(weekly, kJan31Tokyo9 - 1000), kJan31Tokyo9);
+}
+
+TEST(ScheduleRules, DecodingRejectsWrongTypesAndNormalisesTheId) {
+    auto parse = [](const char* text) { return boost::json::parse(text).as_object(); };
+    auto decoded = decodeSchedule(parse(R"({"id":"6F1E2B3C-0000-4000-8000-00000000000A","title":"t","prompt":"p",
+        "firstRun":1769817600.5,"timeZoneID":"Asia/Tokyo","recurrence":null,"isPaused":true})"));
+    ASSERT_TRUE(std::holds_alternative<ScheduleRecord>(decoded));
+    const auto& s = std::get<ScheduleRecord>(decoded);
+    EXPECT_EQ(s.id, "6f1e2b3c-0000-4000-8000-00000000000a");
+    EXPECT_EQ(s.firstRun, 1769817600.5);
+    EXPECT_FALSE(s.recurrence);
+    EXPECT_TRUE(s.isPaused);
+    for (const char* bad : {R"({"id":"../../etc/passwd","title":"t","prompt":"p","firstRun":1,"timeZoneID":"UTC","isPaused":false})",
+                            R"({"id":"6f1e2b3c-0000-4000-8000-00000000000a","title":5,"prompt":"p","firstRun":1,"timeZoneID":"UTC","isPaused":false})",
+                            R"({"id":"6f1e2b3c-0000-4000-8000-00000000000a","title":"t","prompt":"p","firstRun":"soon","timeZoneID":"UTC","isPaused":false})",
+                            R"({"id":"6f1e2b3c-0000-4000-8000-00000000000a","title":"t","prompt":"p","firstRun":1,"timeZoneID":"UTC"})",
+                            R"({"id":"6f1e2b3c-0000-4000-8000-00000000000a","title":"t","prompt":"p","firstRun":1,"timeZoneID":"UTC","isPaused":false,"recurrence":7})"})
+        EXPECT_TRUE(std::holds_alternative<std::string>(decodeSchedule(parse(bad)))) << bad;
+}
+
+} // namespace
+} // namespace tavelo::cloud

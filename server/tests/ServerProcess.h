@@ -1,0 +1,124 @@
+#pragma once
+
+// Test helpers without Qt: the real tavelo-cloud process on a free loopback
+// port with its own XDG folders, a blocking HTTP client on raw sockets, and a
+// stand-in for an OpenAI-compatible provider.
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tavelo::cloud::testing {
+
+// A fresh directory below /tmp, removed at destruction.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+std::uint16_t freePort();
+
+struct HttpResult {
+    int status = 0; // 0: no reply (connection closed or timed out)
+    std::string body;
+    std::map<std::string, std::string> headers; // names in lower case
+};
+
+// One request on a new connection ("Connection: close").
+HttpResult httpRequest(std::uint16_t port, const std::string& method, const std::string& target,
+                       const std::string& body = {}, const std::vector<std::pair<std::string, std::string>>& headers = {},
+                       int timeoutMilliseconds = 10000);
+// Sends `raw` bytes as they are and reads the reply.
+HttpResult rawRequest(std::uint16_t port, const std::string& raw, int timeoutMilliseconds = 10000);
+
+class ServerProcess {
+public:
+    // `arguments` are added to "--listen 127.0.0.1:<port>". The data lives
+    // in `home` (a new temporary directory when empty).
+    explicit ServerProcess(std::vector<std::string> arguments = {}, std::string home = {});
+    ~ServerProcess();
+
+    void start();
+    // SIGTERM and wait; gives the exit status.
+    int stop();
+    void kill9();
+    // Sends `signal` without waiting.
+    void signal(int signal);
+    // Waits for the process to end; gives its exit status.
+    int wait();
+    bool running() const { return pid_ > 0; }
+
+    std::uint16_t port() const { return port_; }
+    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    const std::string& home() const { return home_; }
+    std::string ownerFile() const { return home_ + "/config/tavelo-cloud/owner.json"; }
+    std::string ownerKey() const;
+    std::string mailSpool() const { return home_ + "/data/tavelo-cloud/mail-spool.txt"; }
+    std::string log() const;
+
+    HttpResult get(const std::string& target, const std::string& token = {}) const;
+    HttpResult send(const std::string& method, const std::string& target, const std::string& body,
+                    const std::string& token = {}) const;
+
+private:
+    std::vector<std::string> arguments_;
+    std::optional<TemporaryDirectory> ownedHome_;
+    std::string home_;
+    std::uint16_t port_ = 0;
+    pid_t pid_ = -1;
+};
+
+// An OpenAI-compatible chat-completions stand-in on 127.0.0.1. Each request
+// gets `reply(body)` = (status, body, delay in milliseconds).
+class FakeProvider {
+public:
+    struct Reply {
+        int status = 200;
+        std::string body;
+        int delayMilliseconds = 0;
+    };
+    using Handler = std::function<Reply(const std::string& body)>;
+
+    explicit FakeProvider(Handler handler);
+    ~FakeProvider();
+    std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_) + "/v1"; }
+    int requestCount() const { return requests_; }
+    std::vector<std::string> bodies() const;
+
+    static Reply completion(const std::string& text);
+
+private:
+    void serve();
+    Handler handler_;
+    int listener_ = -1;
+    std::uint16_t port_ = 0;
+    std::atomic<int> requests_{0};
+    std::atomic<int> active_{0};
+    std::atomic<bool> stopping_{false};
+    mutable std::mutex mutex_;
+    std::vector<std::string> bodies_;
+    std::thread thread_;
+};
+
+// The PostgreSQL URL pattern of the test cluster ("{db}" stands for the
+// database name), when the tests run against one; see with-postgres.
+std::optional<std::string> testPostgresURL();
+// A new empty database in the test cluster; gives its URL.
+std::string createTestDatabase();
+
+// Polls `condition` every 20 ms for up to `milliseconds`.
+bool eventually(const std::function<bool()>& condition, int milliseconds = 10000);
+
+} // namespace tavelo::cloud::testing
