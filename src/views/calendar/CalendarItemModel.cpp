@@ -39,7 +39,7 @@ QHash<int, QByteArray> CalendarItemModel::roleNames() const {
         {EventIDRole, "eventId"},       {DayIndexRole, "dayIndex"},
         {DayCountRole, "dayCount"},     {LaneRole, "lane"},
         {LaneCountRole, "laneCount"},   {LaneSpanRole, "laneSpan"},
-        {TopRole, "top"},               {HeightRole, "itemHeight"},
+        {TopRole, "itemTop"},               {HeightRole, "itemHeight"},
         {TitleRole, "title"},           {TimeTextRole, "timeText"},
         {ColorRole, "colorHex"},        {SectionRole, "section"},
         {StartRole, "start"},           {EndRole, "end"},

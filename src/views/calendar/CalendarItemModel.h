@@ -41,7 +41,8 @@ struct CalendarItemRow {
     bool isAIOccurrence = false;
     bool isPast = false;
 
-    RowKey key() const { return {eventID, dayIndex}; }
+    // An AI schedule may run several times a day: its lane tells the runs apart.
+    RowKey key() const { return {eventID, dayIndex * 1024 + (isAIOccurrence ? lane : 0)}; }
     bool operator==(const CalendarItemRow&) const = default;
 };
 

@@ -45,6 +45,9 @@ QVariant ReportModel::data(const QModelIndex& index, int role) const {
     case MinutesTextRole: return durationText(row.minutes);
     case PreviousMinutesTextRole: return durationText(row.previousMinutes);
     case TargetTextRole: return row.targetMinutes < 0 ? QStringLiteral("—") : durationText(row.targetMinutes);
+    case ProgressTextRole:
+        return row.targetMinutes > 0 ? QStringLiteral("%1%").arg(std::lround(row.minutes * 100.0 / row.targetMinutes))
+                                     : QStringLiteral("—");
     default: return {};
     }
 }
@@ -59,7 +62,8 @@ QHash<int, QByteArray> ReportModel::roleNames() const {
             {IsOverTargetRole, "isOverTarget"},
             {MinutesTextRole, "minutesText"},
             {PreviousMinutesTextRole, "previousMinutesText"},
-            {TargetTextRole, "targetText"}};
+            {TargetTextRole, "targetText"},
+            {ProgressTextRole, "progressText"}};
 }
 
 QString ReportModel::durationText(int minutes) {

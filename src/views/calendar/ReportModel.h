@@ -43,6 +43,9 @@ class ReportModel : public RowListModel {
     Q_PROPERTY(int previousTotalMinutes READ previousTotalMinutes NOTIFY summaryChanged)
     Q_PROPERTY(int focusMinutes READ focusMinutes NOTIFY summaryChanged)
     Q_PROPERTY(QString changeText READ changeText NOTIFY summaryChanged)
+    Q_PROPERTY(QString totalText READ totalText NOTIFY summaryChanged)
+    Q_PROPERTY(QString previousTotalText READ previousTotalText NOTIFY summaryChanged)
+    Q_PROPERTY(QString focusText READ focusText NOTIFY summaryChanged)
     // The largest value a bar of the chart shows, for its scale.
     Q_PROPERTY(int scaleMinutes READ scaleMinutes NOTIFY summaryChanged)
 
@@ -58,6 +61,7 @@ public:
         MinutesTextRole,
         PreviousMinutesTextRole,
         TargetTextRole,
+        ProgressTextRole,
     };
 
     explicit ReportModel(QObject* parent = nullptr);
@@ -77,6 +81,9 @@ public:
     int previousTotalMinutes() const { return previousTotalMinutes_; }
     int focusMinutes() const { return focusMinutes_; }
     QString changeText() const { return changeText_; }
+    QString totalText() const { return durationText(totalMinutes_); }
+    QString previousTotalText() const { return durationText(previousTotalMinutes_); }
+    QString focusText() const { return durationText(focusMinutes_); }
     int scaleMinutes() const { return scaleMinutes_; }
     const std::vector<ReportRow>& rows() const { return rows_; }
 

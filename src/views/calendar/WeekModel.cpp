@@ -259,8 +259,8 @@ void WeekModel::rebuildAIItems() {
                 if (occurrence.date < grid->start || !(occurrence.date < grid->end)) continue;
                 CalendarItemRow row;
                 row.eventID = occurrence.schedule.id;
-                // One schedule may run several times a day.
-                row.dayIndex = static_cast<int>(d) * 1000 + ordinal++;
+                row.dayIndex = static_cast<int>(d);
+                row.lane = ordinal++;
                 row.top = occurrence.date.secondsSince(grid->start) / 60.0 * TimeGridMetrics::hourHeight / 60.0;
                 row.height = TimeGridMetrics::snapMinutes * TimeGridMetrics::hourHeight / 60.0;
                 row.title = occurrence.schedule.title;
