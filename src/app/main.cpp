@@ -1,71 +1,61 @@
-// Tavelo's entry point. The windows arrive with the screens; until then the
-// program starts the application root as it will run for real (restores the
-// cloud session, builds the workspace of the signed-in account, loads its
-// calendar) and reports what it found.
+// Tavelo's entry point: the application root, the window and the tray.
+//
+// The window shows the login view until a workspace exists; closing it keeps
+// Tavelo running in the tray. Quitting (Ctrl+Q or the tray) ends at once
+// without a workspace and otherwise once the save under way has landed.
 
 #include "ai/AICloudStore.h"
 #include "app/TaveloApp.h"
-#include "services/LocalCalendarService.h"
-#include "stores/AppStore.h"
-#include "support/Async.h"
+#include "views/shell/ShellAppearance.h"
+#include "views/shell/ShellRoot.h"
+#include "views/shell/TrayMenu.h"
 
 #include <QApplication>
-#include <QDir>
-#include <QTextStream>
+#include <QQmlApplicationEngine>
+#include <QQuickWindow>
+#include <QtQml/qqmlextensionplugin.h>
 
-#include <cstdio>
+Q_IMPORT_QML_PLUGIN(Tavelo_ShellPlugin)
+#ifdef TAVELO_HAS_CALENDAR_VIEWS
+Q_IMPORT_QML_PLUGIN(Tavelo_CalendarPlugin)
+#endif
 
 using namespace tavelo;
-
-namespace {
-
-QTextStream& out() {
-    static QTextStream stream(stdout);
-    return stream;
-}
-
-void describe(const QString& label, const AppStore& store) {
-    out() << label << "\n"
-          << "  アカウント: " << store.accounts().size() << "  カレンダー: " << store.calendars().size()
-          << "  予定: " << store.events().size() << "  タグ: " << store.tags().size() << "\n";
-    if (const auto& message = store.lastError()) out() << "  お知らせ: " << *message << "\n";
-    out().flush();
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Tavelo"));
+    QApplication::setApplicationDisplayName(QStringLiteral("Tavelo"));
     QApplication::setOrganizationDomain(QStringLiteral("tavelo.app"));
+    QApplication::setApplicationVersion(QStringLiteral(TAVELO_VERSION));
     QApplication::setQuitOnLastWindowClosed(false);
+    shell::applyAppearance();
+    QApplication::setWindowIcon(shell::applicationIcon());
 
     const QString root = TaveloApp::standardRootDirectory();
     AICloudStore::Dependencies dependencies;
     dependencies.cacheDirectory = root;
     TaveloApp app(root, std::make_unique<AICloudStore>(std::move(dependencies)));
+    shell::ShellRoot shellRoot(app);
 
-    out() << "Tavelo " << TAVELO_VERSION << "\n"
-          << "データの保存先: " << QDir::toNativeSeparators(root) << "\n";
-    out().flush();
+    QQmlApplicationEngine engine;
+    engine.addImportPath(QStringLiteral("qrc:/"));
+    engine.setInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&shellRoot)}});
+    engine.load(QUrl(QStringLiteral("qrc:/Tavelo/Shell/qml/Main.qml")));
+    if (engine.rootObjects().isEmpty()) return 1;
+    auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().constFirst());
+    shellRoot.setRevealWindow([window] {
+        if (!window) return;
+        window->show();
+        window->raise();
+        window->requestActivate();
+    });
 
-    syncWait(app.start());
-    if (auto workspace = app.currentWorkspace()) {
-        syncWait(workspace->store().load());
-        describe(QStringLiteral("ワークスペース %1 を読み込みました。").arg(workspace->id()), workspace->store());
-        return 0;
-    }
+    shell::TrayMenu tray(shellRoot);
+    tray.show();
+    QObject::connect(&shellRoot, &shell::ShellRoot::quitApproved, &application, &QApplication::quit,
+                     Qt::QueuedConnection);
 
-    out() << "AI Cloudにログインしていません。ログイン画面は今後の版で追加されます。\n";
-    // Calendars of earlier sign-ins stay on disk under their workspace id.
-    const QDir users(QDir(root).filePath(QStringLiteral("users")));
-    for (const QString& id : users.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
-        const QString statePath = QDir(users.filePath(id)).filePath(QStringLiteral("state.json"));
-        if (!QFile::exists(statePath)) continue;
-        AppStore store(std::make_shared<LocalCalendarService>(statePath), nullptr,
-                       QDir(users.filePath(id)).filePath(QStringLiteral("google-oauth.json")));
-        syncWait(store.load());
-        describe(QStringLiteral("保存済みのワークスペース %1:").arg(id), store);
-    }
-    return 0;
+    shellRoot.start();
+    return application.exec();
 }

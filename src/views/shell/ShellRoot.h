@@ -1,0 +1,82 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QtQml/qqmlregistration.h>
+
+#include <memory>
+
+namespace tavelo {
+class TaveloApp;
+class TaveloWorkspace;
+}
+
+namespace tavelo::shell {
+
+class LocalCloudServer;
+
+// What the window needs of the application root: the cloud, the current
+// workspace's store and scene (null while nobody is signed in), the server
+// on this computer, and the quitting rules. The workspace key changes with
+// every new workspace, so the window rebuilds its content for it.
+class ShellRoot : public QObject {
+    Q_OBJECT
+    QML_ELEMENT
+    QML_UNCREATABLE("Provided by the application")
+    Q_PROPERTY(QObject* cloud READ cloud CONSTANT)
+    Q_PROPERTY(QObject* localServer READ localServer CONSTANT)
+    Q_PROPERTY(QObject* store READ store NOTIFY workspaceChanged)
+    Q_PROPERTY(QObject* scene READ scene NOTIFY workspaceChanged)
+    Q_PROPERTY(bool hasWorkspace READ hasWorkspace NOTIFY workspaceChanged)
+    Q_PROPERTY(QString workspaceKey READ workspaceKey NOTIFY workspaceChanged)
+    Q_PROPERTY(bool isStarting READ isStarting NOTIFY isStartingChanged)
+
+public:
+    // `localServer` is taken over; null reads the standard owner file.
+    explicit ShellRoot(TaveloApp& app, LocalCloudServer* localServer = nullptr, QObject* parent = nullptr);
+    ~ShellRoot() override;
+
+    QObject* cloud() const;
+    QObject* localServer() const;
+    QObject* store() const;
+    QObject* scene() const;
+    bool hasWorkspace() const { return workspace_ != nullptr; }
+    QString workspaceKey() const;
+    bool isStarting() const { return isStarting_; }
+    bool isQuitting() const { return isQuitting_; }
+
+    // Restores the session and opens its workspace; the window shows the
+    // login view meanwhile.
+    void start();
+    // Called by the window so that commands from the tray can bring it up.
+    void setRevealWindow(std::function<void()> reveal);
+
+    // Quits: at once without a workspace; with one, after the save under way
+    // has landed. A second request while waiting starts nothing new.
+    Q_INVOKABLE void requestQuit();
+    // Tray and menu entries.
+    Q_INVOKABLE void openCalendar();
+    Q_INVOKABLE void openMeetings();
+    Q_INVOKABLE void openSettings();
+    Q_INVOKABLE void newEvent();
+
+signals:
+    void workspaceChanged();
+    void isStartingChanged();
+    // Asks the window to come to the front.
+    void revealRequested();
+    // The application may end now.
+    void quitApproved();
+
+private:
+    void adoptWorkspace();
+    void reveal();
+
+    TaveloApp& app_;
+    LocalCloudServer* localServer_;
+    std::shared_ptr<TaveloWorkspace> workspace_;
+    bool isStarting_ = false;
+    bool isQuitting_ = false;
+};
+
+} // namespace tavelo::shell

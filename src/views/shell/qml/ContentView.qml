@@ -1,0 +1,93 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Tavelo.Shell
+
+// The calendar window of a signed-in workspace: sidebar, toolbar, message
+// bar and the screen the navigation selects.
+Pane {
+    id: view
+    objectName: "contentView"
+    property QtObject store
+    property QtObject scene
+    property QtObject cloud
+    property alias controller: shell
+    property alias editor: editorDialog
+
+    padding: 0
+    background: Rectangle { color: palette.base }
+
+    ShellController {
+        id: shell
+        store: view.store
+        scene: view.scene
+        cloud: view.cloud
+    }
+
+    RowLayout {
+        anchors.fill: parent
+        spacing: 0
+
+        Sidebar {
+            id: sidebar
+            store: view.store
+            controller: shell
+            Layout.preferredWidth: 236
+            Layout.fillHeight: true
+        }
+
+        Rectangle { Layout.fillHeight: true; Layout.preferredWidth: 1; color: palette.mid; opacity: 0.5 }
+
+        ColumnLayout {
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            spacing: 0
+
+            Toolbar {
+                controller: shell
+                Layout.fillWidth: true
+            }
+            MessageBar {
+                objectName: "storeMessageBar"
+                text: shell.storeMessage
+                canRetry: shell.canRetry
+                onRetry: shell.retry()
+                onDismissed: shell.dismissStoreMessage()
+                Layout.fillWidth: true
+            }
+            MessageBar {
+                objectName: "cloudMessageBar"
+                text: shell.cloudMessage
+                onDismissed: shell.dismissCloudMessage()
+                Layout.fillWidth: true
+            }
+
+            StackLayout {
+                id: pages
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                currentIndex: ["week", "month", "search", "report", "meetings", "settings"].indexOf(shell.navigation)
+
+                CalendarHost { typeName: "WeekView"; store: view.store; scene: view.scene; active: pages.currentIndex === 0 }
+                CalendarHost { typeName: "MonthView"; store: view.store; scene: view.scene; active: pages.currentIndex === 1 }
+                CalendarHost { typeName: "SearchView"; store: view.store; scene: view.scene; active: pages.currentIndex === 2 }
+                CalendarHost { typeName: "ReportView"; store: view.store; scene: view.scene; active: pages.currentIndex === 3 }
+                PlaceholderPage {
+                    title: "会議ノート"
+                    message: "会議の文字起こしとノートはこの場所に表示されます。"
+                }
+                SettingsView {
+                    store: view.store
+                    scene: view.scene
+                    cloud: view.cloud
+                }
+            }
+        }
+    }
+
+    EventEditorDialog {
+        id: editorDialog
+        store: view.store
+        scene: view.scene
+    }
+}
