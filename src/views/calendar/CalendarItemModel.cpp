@@ -1,5 +1,7 @@
 #include "views/calendar/CalendarItemModel.h"
 
+#include "views/calendar/CalendarViewSupport.h"
+
 namespace tavelo {
 
 int CalendarItemModel::rowCount(const QModelIndex& parent) const {
@@ -20,9 +22,15 @@ QVariant CalendarItemModel::data(const QModelIndex& index, int role) const {
     case LaneSpanRole: return row.laneSpan;
     case TopRole: return row.top;
     case HeightRole: return row.height;
-    case TimeTextRole: return row.timeText;
+    case TimeTextRole:
+        if (row.timeText.isEmpty() && textCalendar_)
+            return CalendarViewSupport::timeRangeText(row.start, row.end, row.isAllDay, *textCalendar_);
+        return row.timeText;
     case ColorRole: return row.colorHex;
-    case SectionRole: return row.section;
+    case SectionRole:
+        if (row.section.isEmpty() && textCalendar_)
+            return CalendarViewSupport::longDateText(textCalendar_->startOfDay(row.start), *textCalendar_);
+        return row.section;
     case StartRole: return row.start.unixSeconds();
     case EndRole: return row.end.unixSeconds();
     case CalendarCountRole: return row.calendarCount;

@@ -3,11 +3,13 @@
 #include "views/calendar/RowListModel.h"
 
 #include "support/Date.h"
+#include "support/DateCalendar.h"
 #include "support/UUID.h"
 
 #include <QString>
 #include <qqmlintegration.h>
 
+#include <optional>
 #include <vector>
 
 namespace tavelo {
@@ -31,7 +33,8 @@ struct CalendarItemRow {
     QString title;
     QString timeText;
     QString colorHex;
-    // Search: the day heading the entry is grouped under.
+    // Search: the day heading the entry is grouped under. Rows left without
+    // these texts get them from the model's calendar when a view asks.
     QString section;
     Date start;
     Date end;
@@ -82,9 +85,13 @@ public:
     const std::vector<CalendarItemRow>& rows() const { return rows_; }
     void setRows(std::vector<CalendarItemRow> rows);
     const CalendarItemRow* find(const UUID& eventID) const;
+    // With a calendar, the time text and the section are formed only for the
+    // rows a view shows, so that long result lists stay cheap to replace.
+    void setTextCalendar(std::optional<DateCalendar> calendar) { textCalendar_ = std::move(calendar); }
 
 private:
     std::vector<CalendarItemRow> rows_;
+    std::optional<DateCalendar> textCalendar_;
 };
 
 } // namespace tavelo

@@ -36,8 +36,12 @@ QString clockText(Date date, const DateCalendar& calendar) {
 }
 
 QString timeRangeText(const CalendarEvent& event, const DateCalendar& calendar) {
-    if (event.isAllDay) return QStringLiteral("終日");
-    return clockText(event.start, calendar) + QStringLiteral(" – ") + clockText(event.end, calendar);
+    return timeRangeText(event.start, event.end, event.isAllDay, calendar);
+}
+
+QString timeRangeText(Date start, Date end, bool isAllDay, const DateCalendar& calendar) {
+    if (isAllDay) return QStringLiteral("終日");
+    return clockText(start, calendar) + QStringLiteral(" – ") + clockText(end, calendar);
 }
 
 QString weekdayText(int weekday) {

@@ -40,6 +40,7 @@ std::unordered_map<UUID, QString> calendarColors(const AppStore& store);
 QString clockText(Date date, const DateCalendar& calendar);
 // "09:30 – 10:00", or "終日" for all-day entries.
 QString timeRangeText(const CalendarEvent& event, const DateCalendar& calendar);
+QString timeRangeText(Date start, Date end, bool isAllDay, const DateCalendar& calendar);
 // "日" ... "土" for 1 = Sunday ... 7 = Saturday.
 QString weekdayText(int weekday);
 // "2026年3月2日 (月)".

@@ -43,6 +43,8 @@ signals:
     void countChanged();
 
 protected:
+    static constexpr int kMaxScatteredRuns = 48;
+
     // `keyOf(row)` must give each row a distinct, hashable key.
     template <class Row, class KeyOf>
     void replaceRows(std::vector<Row>& rows, std::vector<Row> next, KeyOf keyOf);
@@ -69,6 +71,32 @@ void RowListModel::replaceRows(std::vector<Row>& rows, std::vector<Row> next, Ke
             lastKept = found->second;
         }
     }
+    // A change scattered over many places (a new search term) would cost a
+    // vector shift per place; past a few dozen, all rows leave at once and
+    // the new ones arrive at once.
+    std::unordered_map<Key, char> kept;
+    int runs = 0;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        if (keep[i]) kept.emplace(keyOf(rows[i]), 1);
+        else if (i == 0 || keep[i - 1]) ++runs;
+    }
+    for (std::size_t i = 0; i < next.size(); ++i)
+        if (!kept.contains(keyOf(next[i])) && (i == 0 || kept.contains(keyOf(next[i - 1])))) ++runs;
+    if (runs > kMaxScatteredRuns) {
+        if (!rows.empty()) {
+            beginRemoveRows(QModelIndex(), 0, static_cast<int>(rows.size()) - 1);
+            rows.clear();
+            endRemoveRows();
+        }
+        if (!next.empty()) {
+            beginInsertRows(QModelIndex(), 0, static_cast<int>(next.size()) - 1);
+            rows = std::move(next);
+            endInsertRows();
+        }
+        if (static_cast<int>(rows.size()) != countBefore) emit countChanged();
+        return;
+    }
+
     for (int i = static_cast<int>(rows.size()) - 1; i >= 0;) {
         if (keep[static_cast<std::size_t>(i)]) {
             --i;

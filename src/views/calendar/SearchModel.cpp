@@ -32,6 +32,7 @@ void SearchModel::setStore(QObject* object) {
         }));
     }
     snapshot_.reset();
+    results_->setTextCalendar(store ? std::optional<DateCalendar>(store->dateCalendar()) : std::nullopt);
     emit storeChanged();
     emit includePastChanged();
     refresh();
@@ -68,27 +69,17 @@ void SearchModel::refresh() {
     QString summary;
     if (store_ && !query_.trimmed().isEmpty()) {
         if (!snapshot_) snapshot_ = store_->snapshot();
-        const DateCalendar& calendar = store_->dateCalendar();
         const Date now = Date::now();
         const auto colors = Support::calendarColors(*store_);
         const std::vector<DisplayedEvent> found = EventDerivations::search(query_, std::nullopt, now, *snapshot_);
         rows.reserve(found.size());
-        std::optional<Date> sectionDay;
-        QString section;
         for (const DisplayedEvent& entry : found) {
             const CalendarEvent& event = entry.primary;
-            const Date day = calendar.startOfDay(event.start);
-            if (day != sectionDay) {
-                sectionDay = day;
-                section = Support::longDateText(day, calendar);
-            }
             CalendarItemRow row;
             row.eventID = entry.id();
             row.title = event.title;
-            row.timeText = Support::timeRangeText(event, calendar);
             const auto color = colors.find(event.calendarID);
             if (color != colors.end()) row.colorHex = color->second;
-            row.section = section;
             row.start = event.start;
             row.end = event.end;
             row.calendarCount = static_cast<int>(std::max<std::size_t>(1, entry.calendarIDs.size()));

@@ -152,21 +152,30 @@ TEST_F(CalendarModelsTest, RowDiffKeepsOrderThroughShufflesInsertionsAndRemovals
     Watched watched(&model);
     std::mt19937 random(7);
     std::vector<CalendarItemRow> pool;
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 160; ++i) {
         CalendarItemRow row;
         row.eventID = uuid(i);
         row.dayIndex = i % 3;
         row.title = QString::number(i);
         pool.push_back(row);
     }
-    for (int round = 0; round < 200; ++round) {
-        std::vector<CalendarItemRow> next;
-        for (const auto& row : pool)
-            if (random() % 3 != 0) next.push_back(row);
-        std::shuffle(next.begin(), next.end(), random);
-        next.resize(next.size() - std::min<std::size_t>(next.size(), random() % 5));
-        for (auto& row : next)
-            if (random() % 4 == 0) row.top = static_cast<double>(random() % 100);
+    std::vector<CalendarItemRow> next;
+    for (int round = 0; round < 300; ++round) {
+        if (round % 3 == 0) {
+            // Large churn: a random subset in random order.
+            next.clear();
+            for (const auto& row : pool)
+                if (random() % 3 != 0) next.push_back(row);
+            std::shuffle(next.begin(), next.end(), random);
+        } else {
+            // Small edits: a row leaves, one arrives, one moves, one changes.
+            if (!next.empty()) next.erase(next.begin() + static_cast<std::ptrdiff_t>(random() % next.size()));
+            const auto& arriving = pool[random() % pool.size()];
+            if (std::none_of(next.begin(), next.end(), [&](const auto& row) { return row.key() == arriving.key(); }))
+                next.insert(next.begin() + static_cast<std::ptrdiff_t>(random() % (next.size() + 1)), arriving);
+            if (next.size() > 2) std::swap(next[random() % next.size()], next[random() % next.size()]);
+            if (!next.empty()) next[random() % next.size()].top = static_cast<double>(random() % 100);
+        }
         model.setRows(next);
         ASSERT_EQ(model.rows(), next) << "round " << round;
         ASSERT_EQ(model.rowCount(), static_cast<int>(next.size()));
@@ -328,9 +337,10 @@ TEST_F(CalendarModelsTest, SearchNarrowsAsYouTypeAndIncludesThePastOnRequest) {
     search.setQuery(QStringLiteral("設計"));
     ASSERT_EQ(search.results()->rowCount(), 2);
     EXPECT_EQ(search.results()->rows()[0].eventID, uuid(20));
-    EXPECT_EQ(search.results()->rows()[0].section, QStringLiteral("%1").arg(
-        CalendarViewSupport::longDateText(fromToday(1, 0), tokyo())));
-    EXPECT_NE(search.results()->rows()[0].section, search.results()->rows()[1].section);
+    const auto text = [&](int row, int role) { return search.results()->index(row).data(role).toString(); };
+    EXPECT_EQ(text(0, CalendarItemModel::SectionRole), CalendarViewSupport::longDateText(fromToday(1, 0), tokyo()));
+    EXPECT_NE(text(0, CalendarItemModel::SectionRole), text(1, CalendarItemModel::SectionRole));
+    EXPECT_EQ(text(1, CalendarItemModel::TimeTextRole), QStringLiteral("15:00 – 16:00"));
     EXPECT_EQ(search.summaryText(), QStringLiteral("2 件"));
 
     QSignalSpy removed(search.results(), &QAbstractItemModel::rowsRemoved);
