@@ -54,6 +54,7 @@ Pane {
         }
     }
 
+    Rectangle { y: weekdayRow.height - 1; width: parent.width; height: 1; color: root.lineColor }
     Grid {
         y: weekdayRow.height
         columns: 7
@@ -73,8 +74,8 @@ Pane {
                 width: root.width / 7
                 height: root.cellHeight
                 color: isSelected ? Qt.rgba(root.palette.highlight.r, root.palette.highlight.g, root.palette.highlight.b, 0.10) : "transparent"
-                border.color: root.lineColor
-                border.width: 0.5
+                Rectangle { anchors.right: parent.right; width: 1; height: parent.height; color: root.lineColor }
+                Rectangle { anchors.bottom: parent.bottom; width: parent.width; height: 1; color: root.lineColor }
                 Accessible.role: Accessible.Cell
                 Accessible.name: accessibleText + (itemCount > 0 ? " 予定 " + itemCount + " 件" : "")
 

@@ -37,9 +37,9 @@ Pane {
                 TabButton { text: "週"; width: 64; onClicked: report.period = "week"; Accessible.name: "週ごと" }
                 TabButton { text: "月"; width: 64; onClicked: report.period = "month"; Accessible.name: "月ごと" }
             }
-            Button { text: "‹"; onClicked: report.movePeriod(-1); Accessible.name: "前の期間" }
+            ToolButton { text: "‹"; onClicked: report.movePeriod(-1); Accessible.name: "前の期間" }
             Button { text: report.period === "month" ? "今月" : "今週"; onClicked: report.showCurrentPeriod(); Accessible.name: "現在の期間" }
-            Button { text: "›"; onClicked: report.movePeriod(1); Accessible.name: "次の期間" }
+            ToolButton { text: "›"; onClicked: report.movePeriod(1); Accessible.name: "次の期間" }
             Label { text: report.rangeText; font.bold: true; Layout.leftMargin: 8 }
             Item { Layout.fillWidth: true }
         }
@@ -136,6 +136,7 @@ Pane {
         // The table.
         GridLayout {
             Layout.fillWidth: true
+            Layout.maximumWidth: 720
             columns: 5
             columnSpacing: 16
             rowSpacing: 6

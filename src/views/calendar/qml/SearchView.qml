@@ -59,6 +59,7 @@ Pane {
             clip: true
             model: search.results
             keyNavigationEnabled: true
+            currentIndex: -1
             section.property: "section"
             section.delegate: Label {
                 required property string section
@@ -79,7 +80,7 @@ Pane {
                 required property bool isPast
                 required property int calendarCount
                 width: ListView.view.width
-                highlighted: ListView.isCurrentItem
+                highlighted: ListView.isCurrentItem && ListView.view.activeFocus
                 opacity: isPast ? 0.7 : 1
                 Accessible.name: title + " " + timeText
                 contentItem: RowLayout {

@@ -176,8 +176,9 @@ Pane {
             ScrollBar.horizontal.policy: ScrollBar.AlwaysOff
 
             Component.onCompleted: Qt.callLater(function () {
+                // A little above the hour, so that its label shows whole.
                 scroller.contentItem.contentY = Math.max(0, Math.min(
-                    (week.initialScrollHour - week.firstHour) * week.hourHeight,
+                    (week.initialScrollHour - week.firstHour) * week.hourHeight - 10,
                     scroller.contentHeight - scroller.height))
             })
 
