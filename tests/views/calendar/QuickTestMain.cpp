@@ -27,6 +27,14 @@ public:
     QObject* store() const { return workspace_.store.get(); }
     QObject* scene() const { return workspace_.scene.get(); }
 
+    // Each test starts on Wednesday 4 March with no editor and no detail.
+    Q_INVOKABLE void resetScene() {
+        SceneState& scene = *workspace_.scene;
+        scene.setSelectedDate(CalendarWorkspace::march(4, 12));
+        scene.setEditorPresentation(std::nullopt);
+        scene.setPendingEventDraft(std::nullopt);
+        scene.closeEventDetail();
+    }
     Q_INVOKABLE double march(int day, int hour, int minute) const {
         return CalendarWorkspace::march(day, hour, minute).unixSeconds();
     }

@@ -71,6 +71,7 @@ Pane {
                 required property string overflowText
                 required property string accessibleText
                 required property int itemCount
+                objectName: "day:" + index
                 width: root.width / 7
                 height: root.cellHeight
                 color: isSelected ? Qt.rgba(root.palette.highlight.r, root.palette.highlight.g, root.palette.highlight.b, 0.10) : "transparent"

@@ -19,6 +19,8 @@ Item {
         name: "WeekView"
         when: windowShown
 
+        function init() { workspace.resetScene() }
+
         function gridPoint(dayIndex, minutes) {
             return { x: view.model.gutterWidth + (dayIndex + 0.5) * view.model.dayWidth,
                      y: (minutes / 60 - view.model.firstHour) * view.model.hourHeight }
