@@ -247,33 +247,37 @@ void WeekModel::rebuildTimedAndAllDay(const std::vector<DisplayedEvent>& entries
     timedItems_->setRows(std::move(timed));
 }
 
-void WeekModel::rebuildAIItems() {
+std::vector<CalendarItemRow> WeekModel::aiRows(const AICloudState& state, const std::vector<Date>& days,
+                                               TimeGridHours hours, const DateCalendar& calendar) {
     std::vector<CalendarItemRow> rows;
-    if (cloud_ && store_) {
-        const DateCalendar& calendar = store_->dateCalendar();
-        for (std::size_t d = 0; d < weekDays_.size(); ++d) {
-            const auto grid = hours_.interval(weekDays_[d], calendar);
-            if (!grid) continue;
-            int ordinal = 0;
-            for (const AIOccurrence& occurrence : cloud_->state().occurrences(weekDays_[d], calendar)) {
-                if (occurrence.date < grid->start || !(occurrence.date < grid->end)) continue;
-                CalendarItemRow row;
-                row.eventID = occurrence.schedule.id;
-                row.dayIndex = static_cast<int>(d);
-                row.lane = ordinal++;
-                row.top = occurrence.date.secondsSince(grid->start) / 60.0 * TimeGridMetrics::hourHeight / 60.0;
-                row.height = TimeGridMetrics::snapMinutes * TimeGridMetrics::hourHeight / 60.0;
-                row.title = occurrence.schedule.title;
-                row.timeText = Support::clockText(occurrence.date, calendar);
-                row.start = occurrence.date;
-                row.end = occurrence.date;
-                row.isAIOccurrence = true;
-                row.isPast = occurrence.schedule.isPaused;
-                rows.push_back(std::move(row));
-            }
+    for (std::size_t d = 0; d < days.size(); ++d) {
+        const auto grid = hours.interval(days[d], calendar);
+        if (!grid) continue;
+        int ordinal = 0;
+        for (const AIOccurrence& occurrence : state.occurrences(days[d], calendar)) {
+            if (occurrence.date < grid->start || !(occurrence.date < grid->end)) continue;
+            CalendarItemRow row;
+            row.eventID = occurrence.schedule.id;
+            row.dayIndex = static_cast<int>(d);
+            row.lane = ordinal++;
+            row.top = occurrence.date.secondsSince(grid->start) / 60.0 * TimeGridMetrics::hourHeight / 60.0;
+            row.height = TimeGridMetrics::snapMinutes * TimeGridMetrics::hourHeight / 60.0;
+            row.title = occurrence.schedule.title;
+            row.timeText = Support::clockText(occurrence.date, calendar);
+            row.start = occurrence.date;
+            row.end = occurrence.date;
+            row.isAIOccurrence = true;
+            // A paused schedule shows faded.
+            row.isPast = occurrence.schedule.isPaused;
+            rows.push_back(std::move(row));
         }
     }
-    aiItems_->setRows(std::move(rows));
+    return rows;
+}
+
+void WeekModel::rebuildAIItems() {
+    if (cloud_ && store_) aiItems_->setRows(aiRows(cloud_->state(), weekDays_, hours_, store_->dateCalendar()));
+    else aiItems_->setRows({});
 }
 
 void WeekModel::refreshNow() {

@@ -16,6 +16,7 @@ namespace tavelo {
 class AppStore;
 class SceneState;
 class AICloudStore;
+struct AICloudState;
 
 // The week on screen: its days, all-day bars, timed entries in lanes, AI
 // schedule runs, the current-time line, and the drags that create, move and
@@ -89,6 +90,11 @@ public:
     QString dragTimeText() const { return preview_.timeText; }
     const std::optional<TimeGridDrag>& drag() const { return drag_.drag(); }
     const std::vector<Date>& weekDays() const { return weekDays_; }
+
+    // The runs of AI schedules on `days` within the shown hours, marked as
+    // such; a schedule running several times a day gets one lane per run.
+    static std::vector<CalendarItemRow> aiRows(const AICloudState& state, const std::vector<Date>& days,
+                                               TimeGridHours hours, const DateCalendar& calendar);
 
     // The time under a grid point; for tests and hit testing.
     std::optional<Date> slotDate(double x, double y) const;

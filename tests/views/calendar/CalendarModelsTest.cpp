@@ -1,5 +1,6 @@
 #include "CalendarFixture.h"
 
+#include "ai/AISchedule.h"
 #include "views/calendar/CalendarViewSupport.h"
 #include "views/calendar/EventDetailModel.h"
 #include "views/calendar/MonthModel.h"
@@ -14,6 +15,7 @@
 
 #include <algorithm>
 #include <random>
+#include <unordered_set>
 
 using namespace tavelo;
 using namespace tavelo::test;
@@ -403,4 +405,33 @@ TEST_F(CalendarModelsTest, ReportComparesTagsWithTargetsAndThePreviousPeriod) {
     EXPECT_EQ(report.rows()[0].targetMinutes, 531); // 120 * 31 / 7 = 531.4
     EXPECT_EQ(report.previousRangeText(), QStringLiteral("2026/2/1 – 2026/2/28"));
     EXPECT_EQ(rows.resets(), 0);
+}
+
+TEST_F(CalendarModelsTest, AIScheduleRunsStandInTheGridWithinTheShownHours) {
+    AICloudState state;
+    state.schedules = {AISchedule{.id = uuid(0x51), .title = "朝のまとめ", .prompt = "今日の予定を要約",
+                                  .firstRun = march(2, 7, 30), .timeZoneID = "Asia/Tokyo",
+                                  .recurrence = EventRecurrence::daily},
+                       AISchedule{.id = uuid(0x52), .title = "週報", .prompt = "週報を作成",
+                                  .firstRun = march(6, 7, 30), .timeZoneID = "Asia/Tokyo", .isPaused = true}};
+    std::vector<Date> days;
+    for (int day = 1; day <= 7; ++day) days.push_back(march(day));
+
+    const auto rows = WeekModel::aiRows(state, days, TimeGridHours{0, 24}, tokyo());
+    // Daily from Monday: six runs; the paused one once, on Friday, beside it.
+    ASSERT_EQ(rows.size(), 7u);
+    EXPECT_EQ(rows.front().dayIndex, 1);
+    EXPECT_DOUBLE_EQ(rows.front().top, 7.5 * 60);
+    EXPECT_TRUE(std::all_of(rows.begin(), rows.end(), [](const auto& row) { return row.isAIOccurrence; }));
+    const auto friday = std::count_if(rows.begin(), rows.end(), [](const auto& row) { return row.dayIndex == 5; });
+    EXPECT_EQ(friday, 2);
+    std::unordered_set<RowKey> keys;
+    for (const auto& row : rows) keys.insert(row.key());
+    EXPECT_EQ(keys.size(), rows.size());
+    const auto paused = std::find_if(rows.begin(), rows.end(), [](const auto& row) { return row.title == QStringLiteral("週報"); });
+    ASSERT_NE(paused, rows.end());
+    EXPECT_TRUE(paused->isPast);
+
+    // Starting the day at 8:00 leaves the 7:30 runs out.
+    EXPECT_TRUE(WeekModel::aiRows(state, days, TimeGridHours{8, 20}, tokyo()).empty());
 }
