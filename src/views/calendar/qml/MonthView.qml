@@ -115,6 +115,15 @@ Pane {
                                                             : Qt.rgba(Qt.color(modelData.colorHex || "#888888").r, Qt.color(modelData.colorHex || "#888888").g, Qt.color(modelData.colorHex || "#888888").b, 0.28))
                                    : "transparent"
                             opacity: cell.isInMonth ? 1 : 0.6
+                            border.color: root.palette.highlight
+                            border.width: activeFocus ? 2 : 0
+                            activeFocusOnTab: true
+                            function openDetail() {
+                                month.openDetail(modelData.eventId, cell.index)
+                                detailPopover.openAt(entry)
+                            }
+                            Keys.onReturnPressed: openDetail()
+                            Keys.onSpacePressed: openDetail()
                             Accessible.role: Accessible.Button
                             Accessible.name: modelData.title
                             Row {
@@ -138,10 +147,7 @@ Pane {
                             }
                             MouseArea {
                                 anchors.fill: parent
-                                onClicked: {
-                                    month.openDetail(entry.modelData.eventId, cell.index)
-                                    detailPopover.openAt(entry)
-                                }
+                                onClicked: entry.openDetail()
                             }
                         }
                     }

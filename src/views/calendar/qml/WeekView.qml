@@ -141,8 +141,15 @@ Pane {
                     height: root.allDayRowHeight - 3
                     radius: 4
                     color: root.eventColor(colorHex, isBusyBlock)
-                    border.color: colorHex !== "" ? colorHex : root.lineColor
-                    border.width: 1
+                    border.color: activeFocus ? root.palette.highlight : (colorHex !== "" ? colorHex : root.lineColor)
+                    border.width: activeFocus ? 2 : 1
+                    activeFocusOnTab: true
+                    function openDetail() {
+                        week.openDetail(eventId, "weekAllDay", dayIndex, lane)
+                        detailPopover.openAt(bar)
+                    }
+                    Keys.onReturnPressed: openDetail()
+                    Keys.onSpacePressed: openDetail()
                     Accessible.role: Accessible.Button
                     Accessible.name: "終日 " + title
                     Label {
@@ -156,10 +163,7 @@ Pane {
                     }
                     MouseArea {
                         anchors.fill: parent
-                        onClicked: {
-                            week.openDetail(bar.eventId, "weekAllDay", bar.dayIndex, bar.lane)
-                            detailPopover.openAt(bar)
-                        }
+                        onClicked: bar.openDetail()
                     }
                 }
             }
@@ -263,8 +267,17 @@ Pane {
                         radius: 4
                         opacity: dragged ? 0.35 : (isPast ? 0.75 : 1)
                         color: root.eventColor(colorHex, isBusyBlock)
-                        border.color: isBusyBlock ? Qt.rgba(root.palette.text.r, root.palette.text.g, root.palette.text.b, 0.35) : "transparent"
-                        border.width: isBusyBlock ? 1 : 0
+                        border.color: activeFocus ? root.palette.highlight
+                                                  : (isBusyBlock ? Qt.rgba(root.palette.text.r, root.palette.text.g, root.palette.text.b, 0.35) : "transparent")
+                        border.width: activeFocus ? 2 : (isBusyBlock ? 1 : 0)
+                        // Tab reaches each entry; Enter or Space opens its detail.
+                        activeFocusOnTab: true
+                        function openDetail() {
+                            week.openDetail(eventId, "weekTimed", dayIndex, lane)
+                            detailPopover.openAt(item)
+                        }
+                        Keys.onReturnPressed: openDetail()
+                        Keys.onSpacePressed: openDetail()
                         clip: true
                         Accessible.role: Accessible.Button
                         Accessible.name: title + " " + timeText + (isBusyBlock ? " 予定あり" : "")
@@ -327,8 +340,7 @@ Pane {
                                     moving = false
                                     week.finishDrag()
                                 } else {
-                                    week.openDetail(item.eventId, "weekTimed", item.dayIndex, item.lane)
-                                    detailPopover.openAt(item)
+                                    item.openDetail()
                                 }
                             }
                             onCanceled: { moving = false; week.cancelDrag() }
