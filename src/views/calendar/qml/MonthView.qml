@@ -13,6 +13,15 @@ Pane {
     readonly property alias model: month
     readonly property alias popover: detailPopover
 
+    // The window's palette, also where the items between do not hand it on
+    // (a view created inside a plain item before the window was known).
+    Binding {
+        target: root
+        property: "palette"
+        when: root.ApplicationWindow.window !== null
+        value: root.ApplicationWindow.window ? root.ApplicationWindow.window.palette : null
+    }
+
     padding: 0
     focus: true
     Accessible.role: Accessible.Table

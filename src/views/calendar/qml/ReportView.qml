@@ -12,6 +12,15 @@ Pane {
 
     readonly property alias model: report
 
+    // The window's palette, also where the items between do not hand it on
+    // (a view created inside a plain item before the window was known).
+    Binding {
+        target: root
+        property: "palette"
+        when: root.ApplicationWindow.window !== null
+        value: root.ApplicationWindow.window ? root.ApplicationWindow.window.palette : null
+    }
+
     padding: 16
     Accessible.role: Accessible.Pane
     Accessible.name: "レポート " + report.rangeText
@@ -83,7 +92,7 @@ Pane {
                 required property bool isOverTarget
                 required property string minutesText
                 readonly property real labelWidth: 120
-                readonly property real scale: (width - labelWidth - 90) / Math.max(1, report.scaleMinutes)
+                readonly property real scale: (width - labelWidth - 130) / Math.max(1, report.scaleMinutes)
                 width: chart.width
                 height: 30
                 Label {

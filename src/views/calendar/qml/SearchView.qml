@@ -12,6 +12,15 @@ Pane {
     readonly property alias model: search
     readonly property alias queryField: field
 
+    // The window's palette, also where the items between do not hand it on
+    // (a view created inside a plain item before the window was known).
+    Binding {
+        target: root
+        property: "palette"
+        when: root.ApplicationWindow.window !== null
+        value: root.ApplicationWindow.window ? root.ApplicationWindow.window.palette : null
+    }
+
     padding: 16
     Accessible.role: Accessible.Pane
     Accessible.name: "検索"

@@ -16,6 +16,15 @@ Pane {
     readonly property alias gridArea: gridContent
     readonly property alias popover: detailPopover
 
+    // The window's palette, also where the items between do not hand it on
+    // (a view created inside a plain item before the window was known).
+    Binding {
+        target: root
+        property: "palette"
+        when: root.ApplicationWindow.window !== null
+        value: root.ApplicationWindow.window ? root.ApplicationWindow.window.palette : null
+    }
+
     padding: 0
     focus: true
     Accessible.role: Accessible.Pane
@@ -23,6 +32,18 @@ Pane {
 
     readonly property real allDayRowHeight: 22
     readonly property color lineColor: Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.12)
+
+    FontMetrics {
+        id: titleMetrics
+        font.pointSize: root.font.pointSize - 1
+        font.family: root.font.family
+        font.bold: true
+    }
+    FontMetrics {
+        id: timeMetrics
+        font.pointSize: root.font.pointSize - 2
+        font.family: root.font.family
+    }
 
     WeekModel {
         id: week
@@ -289,6 +310,10 @@ Pane {
                             radius: 1.5
                             color: item.colorHex !== "" ? item.colorHex : root.palette.highlight
                         }
+                        // Only whole lines: the time shows when a title line
+                        // and it fit, the title takes what is left.
+                        readonly property real room: height - 4
+                        readonly property bool showsTime: room >= titleMetrics.height + timeMetrics.height
                         Column {
                             x: 7
                             y: 2
@@ -296,15 +321,16 @@ Pane {
                             Label {
                                 width: parent.width
                                 text: item.title + (item.calendarCount > 1 ? "  ×" + item.calendarCount : "")
-                                font.pointSize: root.font.pointSize - 1
-                                font.italic: item.isBusyBlock
+                                font.family: titleMetrics.font.family
+                                font.pointSize: titleMetrics.font.pointSize
                                 font.bold: !item.isBusyBlock
+                                font.italic: item.isBusyBlock
                                 elide: Text.ElideRight
-                                maximumLineCount: item.height > 44 ? 2 : 1
+                                maximumLineCount: Math.max(1, Math.floor((item.room - (item.showsTime ? timeMetrics.height : 0)) / titleMetrics.height))
                                 wrapMode: Text.Wrap
                             }
                             Label {
-                                visible: item.height > 34
+                                visible: item.showsTime
                                 width: parent.width
                                 text: item.timeText
                                 font.pointSize: root.font.pointSize - 2
