@@ -7,6 +7,7 @@
 #include "ai/AICloudStore.h"
 #include "app/TaveloApp.h"
 #include "views/shell/ShellAppearance.h"
+#include "views/shell/ShellEngine.h"
 #include "views/shell/ShellRoot.h"
 #include "views/shell/TrayMenu.h"
 
@@ -39,9 +40,9 @@ int main(int argc, char** argv) {
     shell::ShellRoot shellRoot(app);
 
     QQmlApplicationEngine engine;
-    engine.addImportPath(QStringLiteral("qrc:/"));
+    shell::addModuleImportPaths(engine);
     engine.setInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&shellRoot)}});
-    engine.load(QUrl(QStringLiteral("qrc:/Tavelo/Shell/qml/Main.qml")));
+    engine.load(shell::mainWindowUrl());
     if (engine.rootObjects().isEmpty()) return 1;
     auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().constFirst());
     shellRoot.setRevealWindow([window] {

@@ -35,7 +35,7 @@ std::vector<CalendarListModel::Row> CalendarListModel::rowsFor(const AppStore& s
                                                  [&](const Account& a) { return a.id == *calendar.accountID; });
     };
     for (const CalendarSource& calendar : store.calendars())
-        if (!hasAccount(calendar)) rows.push_back(rowOf(calendar, QStringLiteral("Tavelo")));
+        if (!hasAccount(calendar)) rows.push_back(rowOf(calendar, QStringLiteral("このコンピューター")));
     for (const Account& account : accounts) {
         const QString title = account.email.isEmpty() ? account.name : account.email;
         for (const CalendarSource& calendar : store.calendars())

@@ -13,7 +13,7 @@ class AppStore;
 namespace tavelo::shell {
 
 // The sidebar's calendars, grouped by account (calendars without an account
-// first, under "Tavelo"), each with its visibility toggle.
+// first, under "このコンピューター"), each with its visibility toggle.
 class CalendarListModel : public QAbstractListModel {
     Q_OBJECT
     QML_ELEMENT

@@ -185,7 +185,7 @@ void SettingsModel::unlinkChatGPT() {
 }
 
 void SettingsModel::refreshSchedules() {
-    if (cloud_) launch(cloud_->refresh(), this);
+    if (cloud_ && cloud_->hasSession()) launch(cloud_->refresh(), this);
 }
 
 void SettingsModel::refreshScheduleRows() {

@@ -73,7 +73,12 @@ bool systemPrefersDark() {
 }
 
 void applyAppearance(std::optional<bool> dark) {
-    QQuickStyle::setStyle(QStringLiteral("Fusion"));
+    // The style can be chosen once, before the first window.
+    static const bool styled = [] {
+        QQuickStyle::setStyle(QStringLiteral("Fusion"));
+        return true;
+    }();
+    Q_UNUSED(styled);
     QFont font = QGuiApplication::font();
     const QString family = QStringLiteral("Noto Sans CJK JP");
     if (QFontDatabase::families().contains(family)) font.setFamilies({family});

@@ -8,6 +8,9 @@
 #include "views/shell/LocalCloudServer.h"
 #include "views/shell/ShellTasks.h"
 
+#include <QGuiApplication>
+#include <QPalette>
+
 namespace tavelo::shell {
 
 namespace {
@@ -23,26 +26,61 @@ QCoro::Task<void> drainSaves(QPointer<AppStore> store) {
 } // namespace
 
 ShellRoot::ShellRoot(TaveloApp& app, LocalCloudServer* localServer, QObject* parent)
-    : QObject(parent), app_(app), localServer_(localServer ? localServer : new LocalCloudServer()) {
+    : QObject(parent), app_(&app), cloud_(&app.aiCloud()),
+      localServer_(localServer ? localServer : new LocalCloudServer()) {
     localServer_->setParent(this);
-    connect(&app_, &TaveloApp::workspaceChanged, this, &ShellRoot::adoptWorkspace);
+    connect(app_, &TaveloApp::workspaceChanged, this, &ShellRoot::adoptWorkspace);
     adoptWorkspace();
+}
+
+ShellRoot::ShellRoot(AICloudStore& cloud, AppStore* store, SceneState* scene, LocalCloudServer* localServer,
+                     QObject* parent)
+    : QObject(parent), cloud_(&cloud), localServer_(localServer ? localServer : new LocalCloudServer()),
+      store_(store), scene_(scene) {
+    localServer_->setParent(this);
+    if (scene_)
+        scene_->setRevealMainWindow([self = QPointer<ShellRoot>(this)] {
+            if (self) self->reveal();
+        });
 }
 
 ShellRoot::~ShellRoot() = default;
 
-QObject* ShellRoot::cloud() const { return &app_.aiCloud(); }
+QVariantMap ShellRoot::colors() const {
+    const QPalette palette = QGuiApplication::palette();
+    const std::pair<const char*, QPalette::ColorRole> roles[] = {
+        {"window", QPalette::Window},       {"windowText", QPalette::WindowText},
+        {"base", QPalette::Base},           {"alternateBase", QPalette::AlternateBase},
+        {"text", QPalette::Text},           {"button", QPalette::Button},
+        {"buttonText", QPalette::ButtonText}, {"highlight", QPalette::Highlight},
+        {"highlightedText", QPalette::HighlightedText}, {"mid", QPalette::Mid},
+        {"dark", QPalette::Dark},           {"light", QPalette::Light},
+        {"midlight", QPalette::Midlight},   {"shadow", QPalette::Shadow},
+        {"placeholderText", QPalette::PlaceholderText}, {"toolTipBase", QPalette::ToolTipBase},
+        {"toolTipText", QPalette::ToolTipText}, {"link", QPalette::Link},
+    };
+    QVariantMap map;
+    for (const auto& [name, role] : roles) map.insert(QString::fromLatin1(name), palette.color(QPalette::Active, role));
+    map.insert(QStringLiteral("disabledText"), palette.color(QPalette::Disabled, QPalette::Text));
+    map.insert(QStringLiteral("isDark"), palette.color(QPalette::Window).lightness() < 128);
+    return map;
+}
+
+bool ShellRoot::hasWorkspace() const { return !store_.isNull(); }
+QObject* ShellRoot::cloud() const { return cloud_; }
 QObject* ShellRoot::localServer() const { return localServer_; }
-QObject* ShellRoot::store() const { return workspace_ ? &workspace_->store() : nullptr; }
-QObject* ShellRoot::scene() const { return workspace_ ? &workspace_->sceneState() : nullptr; }
+QObject* ShellRoot::store() const { return store_.data(); }
+QObject* ShellRoot::scene() const { return scene_.data(); }
 QString ShellRoot::workspaceKey() const {
-    return workspace_ ? workspace_->id() + QLatin1Char('/') + workspace_->connectionID() : QString();
+    if (workspace_) return workspace_->id() + QLatin1Char('/') + workspace_->connectionID();
+    return store_ ? QStringLiteral("fixed") : QString();
 }
 
 void ShellRoot::start() {
+    if (!app_) return;
     isStarting_ = true;
     emit isStartingChanged();
-    launch(app_.start(), this, [this] {
+    launch(app_->start(), this, [this] {
         isStarting_ = false;
         emit isStartingChanged();
         adoptWorkspace();
@@ -53,9 +91,11 @@ void ShellRoot::start() {
 }
 
 void ShellRoot::adoptWorkspace() {
-    auto current = app_.currentWorkspace();
+    auto current = app_->currentWorkspace();
     if (current == workspace_) return;
     workspace_ = std::move(current);
+    store_ = workspace_ ? &workspace_->store() : nullptr;
+    scene_ = workspace_ ? &workspace_->sceneState() : nullptr;
     if (workspace_) {
         workspace_->sceneState().setRevealMainWindow([self = QPointer<ShellRoot>(this)] {
             if (self) self->reveal();
@@ -72,40 +112,38 @@ void ShellRoot::setRevealWindow(std::function<void()> reveal) {
 }
 
 void ShellRoot::requestQuit() {
-    if (!workspace_) {
+    if (!store_) {
         emit quitApproved();
         return;
     }
     if (isQuitting_) return;
     isQuitting_ = true;
-    launch(drainSaves(QPointer<AppStore>(&workspace_->store())), this, [this] { emit quitApproved(); },
+    launch(drainSaves(store_), this, [this] { emit quitApproved(); },
            [this](std::exception_ptr) { emit quitApproved(); });
 }
 
 void ShellRoot::openCalendar() {
-    if (!workspace_) return;
-    SceneState& scene = workspace_->sceneState();
-    scene.selectNavigation(scene.calendarNavigation());
+    if (!scene_) return;
+    scene_->selectNavigation(scene_->calendarNavigation());
     reveal();
 }
 
 void ShellRoot::openMeetings() {
-    if (!workspace_) return;
-    workspace_->sceneState().selectNavigation(NavigationItem::meetings);
+    if (!scene_) return;
+    scene_->selectNavigation(NavigationItem::meetings);
     reveal();
 }
 
 void ShellRoot::openSettings() {
-    if (!workspace_) return;
-    workspace_->sceneState().selectNavigation(NavigationItem::settings);
+    if (!scene_) return;
+    scene_->selectNavigation(NavigationItem::settings);
     reveal();
 }
 
 void ShellRoot::newEvent() {
-    if (!workspace_) return;
-    SceneState& scene = workspace_->sceneState();
-    scene.setPendingEventDraft(std::nullopt);
-    scene.setEditorPresentation(EditorPresentation::create());
+    if (!scene_) return;
+    scene_->setPendingEventDraft(std::nullopt);
+    scene_->setEditorPresentation(EditorPresentation::create());
     reveal();
 }
 

@@ -2,11 +2,15 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QVariantMap>
 #include <QtQml/qqmlregistration.h>
 
 #include <memory>
 
 namespace tavelo {
+class AICloudStore;
+class AppStore;
+class SceneState;
 class TaveloApp;
 class TaveloWorkspace;
 }
@@ -30,20 +34,28 @@ class ShellRoot : public QObject {
     Q_PROPERTY(bool hasWorkspace READ hasWorkspace NOTIFY workspaceChanged)
     Q_PROPERTY(QString workspaceKey READ workspaceKey NOTIFY workspaceChanged)
     Q_PROPERTY(bool isStarting READ isStarting NOTIFY isStartingChanged)
+    // The application palette by role name ("window", "windowText", ...),
+    // which the window hands on to every control.
+    Q_PROPERTY(QVariantMap colors READ colors CONSTANT)
 
 public:
     // `localServer` is taken over; null reads the standard owner file.
     explicit ShellRoot(TaveloApp& app, LocalCloudServer* localServer = nullptr, QObject* parent = nullptr);
+    // One fixed workspace (or none, with a null store) outside an
+    // application root: for rendering the screens from a prepared store.
+    ShellRoot(AICloudStore& cloud, AppStore* store, SceneState* scene, LocalCloudServer* localServer = nullptr,
+              QObject* parent = nullptr);
     ~ShellRoot() override;
 
     QObject* cloud() const;
     QObject* localServer() const;
     QObject* store() const;
     QObject* scene() const;
-    bool hasWorkspace() const { return workspace_ != nullptr; }
+    bool hasWorkspace() const;
     QString workspaceKey() const;
     bool isStarting() const { return isStarting_; }
     bool isQuitting() const { return isQuitting_; }
+    QVariantMap colors() const;
 
     // Restores the session and opens its workspace; the window shows the
     // login view meanwhile.
@@ -72,9 +84,12 @@ private:
     void adoptWorkspace();
     void reveal();
 
-    TaveloApp& app_;
+    TaveloApp* app_ = nullptr;
+    AICloudStore* cloud_;
     LocalCloudServer* localServer_;
     std::shared_ptr<TaveloWorkspace> workspace_;
+    QPointer<AppStore> store_;
+    QPointer<SceneState> scene_;
     bool isStarting_ = false;
     bool isQuitting_ = false;
 };

@@ -41,7 +41,7 @@ TEST_F(ShellModelsTest, CalendarListGroupsByAccountAndFollowsTheStoreByRows) {
     model.setStoreObject(w.store.get());
     EXPECT_EQ(column(model, CalendarListModel::NameRole), (QStringList{"メモ", "業務", "自宅"}));
     EXPECT_EQ(column(model, CalendarListModel::AccountNameRole),
-              (QStringList{"Tavelo", "me@work.example", "家族"}));
+              (QStringList{"このコンピューター", "me@work.example", "家族"}));
 
     // Hiding a calendar changes its row only, and reaches the file.
     QSignalSpy reset(&model, &QAbstractItemModel::modelReset);

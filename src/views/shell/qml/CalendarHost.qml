@@ -9,6 +9,7 @@ Item {
     property string typeName
     property QtObject store
     property QtObject scene
+    property QtObject cloud
     property bool active: false
     property Item view: null
     property string failure: ""
@@ -21,14 +22,19 @@ Item {
                                       "CalendarHost/" + typeName)
             view.store = Qt.binding(() => host.store)
             if (needsScene) view.scene = Qt.binding(() => host.scene)
+            if ("cloud" in view) view.cloud = Qt.binding(() => host.cloud)
         } catch (error) {
             failure = "この画面を表示できませんでした。"
             console.warn("Tavelo.Calendar." + typeName + ": " + error)
         }
     }
 
-    onActiveChanged: if (active) build()
-    Component.onCompleted: if (active) build()
+    // Built once the host has its size, so that the view lays out for it.
+    function buildWhenReady() { if (active && width > 0 && height > 0) build() }
+    onActiveChanged: buildWhenReady()
+    onWidthChanged: buildWhenReady()
+    onHeightChanged: buildWhenReady()
+    Component.onCompleted: buildWhenReady()
 
     Label {
         anchors.centerIn: parent

@@ -68,10 +68,10 @@ Pane {
                 Layout.fillHeight: true
                 currentIndex: ["week", "month", "search", "report", "meetings", "settings"].indexOf(shell.navigation)
 
-                CalendarHost { typeName: "WeekView"; store: view.store; scene: view.scene; active: pages.currentIndex === 0 }
-                CalendarHost { typeName: "MonthView"; store: view.store; scene: view.scene; active: pages.currentIndex === 1 }
-                CalendarHost { typeName: "SearchView"; store: view.store; scene: view.scene; active: pages.currentIndex === 2 }
-                CalendarHost { typeName: "ReportView"; store: view.store; scene: view.scene; active: pages.currentIndex === 3 }
+                CalendarHost { typeName: "WeekView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "week" }
+                CalendarHost { typeName: "MonthView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "month" }
+                CalendarHost { typeName: "SearchView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "search" }
+                CalendarHost { typeName: "ReportView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "report" }
                 PlaceholderPage {
                     title: "会議ノート"
                     message: "会議の文字起こしとノートはこの場所に表示されます。"

@@ -16,6 +16,29 @@ ApplicationWindow {
     visible: true
     color: palette.window
 
+    // The application palette, handed on to every control of the window.
+    palette.window: root.colors.window
+    palette.windowText: root.colors.windowText
+    palette.base: root.colors.base
+    palette.alternateBase: root.colors.alternateBase
+    palette.text: root.colors.text
+    palette.button: root.colors.button
+    palette.buttonText: root.colors.buttonText
+    palette.highlight: root.colors.highlight
+    palette.highlightedText: root.colors.highlightedText
+    palette.mid: root.colors.mid
+    palette.dark: root.colors.dark
+    palette.light: root.colors.light
+    palette.midlight: root.colors.midlight
+    palette.shadow: root.colors.shadow
+    palette.placeholderText: root.colors.placeholderText
+    palette.toolTipBase: root.colors.toolTipBase
+    palette.toolTipText: root.colors.toolTipText
+    palette.link: root.colors.link
+    palette.disabled.text: root.colors.disabledText
+    palette.disabled.windowText: root.colors.disabledText
+    palette.disabled.buttonText: root.colors.disabledText
+
     readonly property bool hasScene: root.scene !== null
 
     menuBar: MenuBar {

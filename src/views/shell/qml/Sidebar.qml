@@ -29,12 +29,31 @@ Pane {
         Repeater {
             model: sidebar.items
             delegate: ItemDelegate {
+                id: navItem
                 required property var modelData
                 Layout.fillWidth: true
-                height: 34
+                Layout.preferredHeight: 34
                 highlighted: sidebar.controller.navigation === modelData.key
-                text: modelData.glyph + "   " + modelData.title
                 Accessible.name: modelData.title
+                background: Rectangle {
+                    radius: 6
+                    color: navItem.highlighted ? palette.highlight
+                         : navItem.hovered ? Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.06) : "transparent"
+                }
+                contentItem: RowLayout {
+                    spacing: 10
+                    Label {
+                        text: navItem.modelData.glyph
+                        color: navItem.highlighted ? palette.highlightedText : palette.windowText
+                        horizontalAlignment: Text.AlignHCenter
+                        Layout.preferredWidth: 18
+                    }
+                    Label {
+                        text: navItem.modelData.title
+                        color: navItem.highlighted ? palette.highlightedText : palette.windowText
+                        Layout.fillWidth: true
+                    }
+                }
                 onClicked: sidebar.controller.navigate(modelData.key)
             }
         }
@@ -78,13 +97,26 @@ Pane {
                 checked: isVisible
                 text: name
                 Accessible.name: name + " を表示"
+                background: Rectangle {
+                    radius: 6
+                    color: row.hovered ? Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.06) : "transparent"
+                }
                 contentItem: RowLayout {
                     spacing: 8
                     Rectangle {
                         Layout.preferredWidth: 10; Layout.preferredHeight: 10; radius: 5
+                        Layout.alignment: Qt.AlignVCenter
                         color: row.calendarColor.length > 0 ? row.calendarColor : palette.highlight
+                        opacity: row.checked ? 1 : 0.35
                     }
-                    Label { text: row.name; elide: Text.ElideRight; Layout.fillWidth: true; Layout.rightMargin: 28 }
+                    Label {
+                        text: row.name
+                        elide: Text.ElideRight
+                        verticalAlignment: Text.AlignVCenter
+                        opacity: row.checked ? 1 : 0.55
+                        Layout.fillWidth: true
+                        Layout.rightMargin: 28
+                    }
                 }
                 onClicked: calendarList.model.toggleVisibility(index)
             }
