@@ -193,7 +193,7 @@ void EventEditorModel::refreshChoices() {
     std::vector<EditorCalendarChoices::Row> rows;
     if (store_) {
         for (const CalendarSource& calendar : store_->calendars()) {
-            QString accountName = QStringLiteral("Tavelo");
+            QString accountName = QStringLiteral("このコンピューター");
             for (const Account& account : store_->accounts())
                 if (calendar.accountID == account.id) accountName = account.email.isEmpty() ? account.name : account.email;
             const bool selected = draft_ && std::find(draft_->calendarIDs.begin(), draft_->calendarIDs.end(),

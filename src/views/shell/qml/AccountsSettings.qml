@@ -14,7 +14,7 @@ ScrollView {
         x: 24
         spacing: 12
 
-        Label { text: "アカウント"; font.pointSize: 18; font.weight: Font.DemiBold; Layout.topMargin: 20 }
+        Label { text: "アカウント"; font.pointSize: 18; font.weight: Font.DemiBold; Layout.topMargin: 24 }
 
         GroupBox {
             title: "Tavelo AI Cloud"

@@ -9,7 +9,7 @@ Button {
     property string accessibleName
     signal picked(date day)
 
-    text: isNaN(day.getTime()) ? "—" : Qt.formatDate(day, "yyyy年M月d日（ddd）")
+    text: isNaN(day.getTime()) ? "—" : day.toLocaleDateString(Qt.locale("ja_JP"), "yyyy年M月d日（ddd）")
     Accessible.name: accessibleName
     onClicked: { grid.month = day.getMonth(); grid.year = day.getFullYear(); popup.open() }
 

@@ -57,7 +57,7 @@ Dialog {
         clip: true
 
         GridLayout {
-            width: scroll.availableWidth - 14
+            width: scroll.availableWidth - 18
             columns: 2
             columnSpacing: 14
             rowSpacing: 10
@@ -136,13 +136,16 @@ Dialog {
                 Repeater {
                     model: editor.calendars
                     delegate: CheckBox {
+                        Layout.fillWidth: true
+                        Layout.minimumWidth: 0
+                        Layout.preferredWidth: 10
                         required property int index
                         required property string name
                         required property string accountName
                         required property bool selected
                         required property bool receivesBusyBlocks
                         checked: selected
-                        text: name + "  ·  " + accountName + (receivesBusyBlocks ? "  （予定ありブロックを受け取る）" : "")
+                        text: name + "  ·  " + accountName + (receivesBusyBlocks ? "  ・予定ありブロックを受け取る" : "")
                         Accessible.name: name
                         onToggled: editor.toggleCalendar(index)
                     }

@@ -36,7 +36,7 @@ Pane {
         contentWidth: availableWidth
 
         ColumnLayout {
-            width: Math.min(420, parent.width - 48)
+            width: Math.min(520, parent.width - 48)
             x: (parent.width - width) / 2
             spacing: 14
 
@@ -81,7 +81,7 @@ Pane {
                 TabButton { text: "ログイン"; Accessible.name: "ログイン" }
                 TabButton { text: "新規登録"; Accessible.name: "新規登録" }
                 TabButton { text: "パスワード再設定"; Accessible.name: "パスワード再設定" }
-                TabButton { objectName: "serverTab"; text: "プライベートサーバー"; Accessible.name: "プライベートサーバー" }
+                TabButton { objectName: "serverTab"; text: "自分のサーバー"; Accessible.name: "プライベートサーバー" }
             }
 
             Label {

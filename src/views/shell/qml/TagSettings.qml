@@ -10,7 +10,7 @@ Pane {
     background: null
     padding: 24
 
-    readonly property var palette8: ["#4C8BF5", "#34A853", "#FBBC04", "#EA4335", "#A142F4", "#24C1E0", "#F439A0", "#7F8C8D"]
+    readonly property var palette8: ["#3B82F6", "#10B981", "#F59E0B", "#EF4444", "#8B5CF6", "#EC4899", "#14B8A6", "#6B7280"]
 
     TagListModel { id: tags; store: page.store }
 
@@ -66,7 +66,7 @@ Pane {
                             model: page.palette8
                             delegate: Rectangle {
                                 required property string modelData
-                                width: 16; height: 16; radius: 8
+                                implicitWidth: 18; implicitHeight: 18; radius: 9
                                 color: modelData
                                 border.width: card.tagColor.toUpperCase() === modelData.toUpperCase() ? 2 : 0
                                 border.color: palette.text
@@ -122,6 +122,7 @@ Pane {
                             textRole: "name"
                             valueRole: "calendarID"
                             displayText: "カレンダーのルール…"
+                            Layout.preferredWidth: 220
                             model: tags.calendarChoices
                             Accessible.name: "カレンダーのルールを追加"
                             onActivated: tags.addCalendarRule(card.index, currentValue)

@@ -17,14 +17,14 @@ ToolBar {
         Button {
             objectName: "todayButton"
             text: "今日"
-            enabled: bar.controller.pagingAvailable
+            visible: bar.controller.pagingAvailable
             Accessible.name: "今日"
             onClicked: bar.controller.goToToday()
         }
         ToolButton {
             text: "‹"
             font.pointSize: 16
-            enabled: bar.controller.pagingAvailable
+            visible: bar.controller.pagingAvailable
             Accessible.name: "前へ"
             ToolTip.visible: hovered
             ToolTip.text: "前へ"
@@ -33,7 +33,7 @@ ToolBar {
         ToolButton {
             text: "›"
             font.pointSize: 16
-            enabled: bar.controller.pagingAvailable
+            visible: bar.controller.pagingAvailable
             Accessible.name: "次へ"
             ToolTip.visible: hovered
             ToolTip.text: "次へ"
