@@ -41,11 +41,11 @@ QPalette darkPalette() {
     QPalette p;
     p.setColor(QPalette::Window, QColor(0x23, 0x24, 0x28));
     p.setColor(QPalette::WindowText, QColor(0xec, 0xec, 0xef));
-    p.setColor(QPalette::Base, QColor(0x1b, 0x1c, 0x1f));
-    p.setColor(QPalette::AlternateBase, QColor(0x2a, 0x2b, 0x30));
+    p.setColor(QPalette::Base, QColor(0x2b, 0x2c, 0x31));
+    p.setColor(QPalette::AlternateBase, QColor(0x33, 0x34, 0x3a));
     p.setColor(QPalette::Text, QColor(0xec, 0xec, 0xef));
     p.setColor(QPalette::PlaceholderText, QColor(0x8e, 0x8e, 0x96));
-    p.setColor(QPalette::Button, QColor(0x32, 0x33, 0x39));
+    p.setColor(QPalette::Button, QColor(0x3a, 0x3b, 0x42));
     p.setColor(QPalette::ButtonText, QColor(0xec, 0xec, 0xef));
     p.setColor(QPalette::Highlight, QColor(0x3d, 0x7f, 0xf5));
     p.setColor(QPalette::HighlightedText, Qt::white);

@@ -70,11 +70,14 @@ class ShellQuickTest : public CloudStoreTest {};
 TEST_F(ShellQuickTest, TheEditorRefusesAnInvalidDraftWithTheStoresMessage) {
     ShellWorkspace w;
     w.open();
-    Harness h("property alias dialog: editorDialog\nEventEditorDialog { id: editorDialog }", {});
+    Harness h("property alias dialog: editorDialog\nproperty alias model: editorModel\n"
+              "EventEditorModel { id: editorModel }\nEventEditorDialog { id: editorDialog; editor: editorModel }",
+              {});
     ASSERT_TRUE(h.root);
     QObject* dialog = h.root->property("dialog").value<QObject*>();
-    dialog->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
-    dialog->setProperty("scene", QVariant::fromValue<QObject*>(w.scene.get()));
+    QObject* model = h.root->property("model").value<QObject*>();
+    model->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    model->setProperty("scene", QVariant::fromValue<QObject*>(w.scene.get()));
 
     // A dragged interval on the Google calendar, not named yet.
     EventDraft draft;

@@ -12,7 +12,7 @@ Pane {
     property QtObject scene
     property QtObject cloud
     property alias controller: shell
-    property alias editor: editorDialog
+    property alias editor: editorModel
 
     padding: 0
     background: Rectangle { color: palette.base }
@@ -68,26 +68,48 @@ Pane {
                 Layout.fillHeight: true
                 currentIndex: ["week", "month", "search", "report", "meetings", "settings"].indexOf(shell.navigation)
 
+                // Arrow keys the calendar leaves unused move the selected day.
+                readonly property bool onCalendar: shell.navigation === "week" || shell.navigation === "month"
+                Keys.onLeftPressed: (event) => { event.accepted = onCalendar; if (onCalendar) shell.moveSelectedDay(-1) }
+                Keys.onRightPressed: (event) => { event.accepted = onCalendar; if (onCalendar) shell.moveSelectedDay(1) }
+                Keys.onUpPressed: (event) => { event.accepted = onCalendar; if (onCalendar) shell.moveSelectedDay(-7) }
+                Keys.onDownPressed: (event) => { event.accepted = onCalendar; if (onCalendar) shell.moveSelectedDay(7) }
+
                 CalendarHost { typeName: "WeekView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "week" }
                 CalendarHost { typeName: "MonthView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "month" }
                 CalendarHost { typeName: "SearchView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "search" }
                 CalendarHost { typeName: "ReportView"; store: view.store; scene: view.scene; cloud: view.cloud; active: shell.navigation === "report" }
-                PlaceholderPage {
-                    title: "会議ノート"
-                    message: "会議の文字起こしとノートはこの場所に表示されます。"
+                Loader {
+                    active: shell.navigation === "meetings"
+                    sourceComponent: PlaceholderPage {
+                        title: "会議ノート"
+                        message: "会議の文字起こしとノートはこの場所に表示されます。"
+                    }
                 }
-                SettingsView {
-                    store: view.store
-                    scene: view.scene
-                    cloud: view.cloud
+                // Built when first shown; the window starts faster without it.
+                Loader {
+                    active: shell.navigation === "settings"
+                    sourceComponent: SettingsView {
+                        store: view.store
+                        scene: view.scene
+                        cloud: view.cloud
+                    }
                 }
             }
         }
     }
 
-    EventEditorDialog {
-        id: editorDialog
+    // The editor follows the scene; its dialog is built the first time it
+    // opens and then kept (it shows and hides with the editor).
+    EventEditorModel {
+        id: editorModel
         store: view.store
         scene: view.scene
+        onIsOpenChanged: if (isOpen) editorLoader.active = true
+    }
+    Loader {
+        id: editorLoader
+        active: false
+        sourceComponent: EventEditorDialog { editor: editorModel }
     }
 }

@@ -7,11 +7,7 @@ import Tavelo.Shell
 Dialog {
     id: dialog
     objectName: "eventEditor"
-    property alias store: editor.store
-    property alias scene: editor.scene
-    property alias model: editor
-
-    EventEditorModel { id: editor }
+    required property EventEditorModel editor
 
     parent: Overlay.overlay
     modal: true
@@ -31,7 +27,16 @@ Dialog {
     Shortcut { sequences: ["Return", "Enter"]; enabled: dialog.visible && !notesArea.activeFocus; onActivated: dialog.trySave() }
     Shortcut { sequence: "Escape"; enabled: dialog.visible; onActivated: editor.cancel() }
 
+    header: Label {
+        text: dialog.title
+        font.pointSize: 15
+        font.weight: Font.DemiBold
+        padding: 18
+        bottomPadding: 4
+    }
+
     footer: DialogButtonBox {
+        padding: 14
         Button {
             objectName: "cancelButton"
             text: "キャンセル"
