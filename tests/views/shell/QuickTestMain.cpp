@@ -1,6 +1,6 @@
-// Entry point of the Qt Quick tests: a GUI application (offscreen in CI) so
+// Entry point of the Qt Quick tests: a widget application (offscreen in CI) so
 // that windows can be shown and driven with key and mouse events.
-#include <QGuiApplication>
+#include <QApplication>
 #include <QQuickWindow>
 #include <QtQml/qqmlextensionplugin.h>
 
@@ -10,7 +10,7 @@ Q_IMPORT_QML_PLUGIN(Tavelo_ShellPlugin)
 
 int main(int argc, char** argv) {
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
-    QGuiApplication app(argc, argv);
+    QApplication app(argc, argv); // the tray menu is a widget
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

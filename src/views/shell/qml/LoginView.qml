@@ -80,7 +80,7 @@ Pane {
                 }
                 TabButton { text: "ログイン"; Accessible.name: "ログイン" }
                 TabButton { text: "新規登録"; Accessible.name: "新規登録" }
-                TabButton { text: "パスワード再設定"; Accessible.name: "パスワード再設定" }
+                TabButton { text: "再設定"; Accessible.name: "パスワード再設定" }
                 TabButton { objectName: "serverTab"; text: "自分のサーバー"; Accessible.name: "プライベートサーバー" }
             }
 

@@ -7,6 +7,8 @@ ToolBar {
     id: bar
     property ShellController controller
     background: Rectangle { color: palette.window }
+    implicitHeight: 46
+    readonly property var pageTitles: ({ search: "検索", report: "レポート", meetings: "会議", settings: "設定" })
 
     RowLayout {
         anchors.fill: parent
@@ -41,7 +43,7 @@ ToolBar {
         }
         Label {
             objectName: "rangeLabel"
-            text: bar.controller.pagingAvailable ? bar.controller.rangeText : ""
+            text: bar.controller.pagingAvailable ? bar.controller.rangeText : (bar.pageTitles[bar.controller.navigation] || "")
             font.pointSize: 15
             font.weight: Font.DemiBold
             elide: Text.ElideRight
