@@ -14,6 +14,7 @@
 #include <QApplication>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
+#include <QSystemTrayIcon>
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Tavelo_ShellPlugin)
@@ -54,6 +55,12 @@ int main(int argc, char** argv) {
 
     shell::TrayMenu tray(shellRoot);
     tray.show();
+    // Without a status area there is nothing to come back to: closing the
+    // window then quits, by the same rules.
+    if (!QSystemTrayIcon::isSystemTrayAvailable())
+        QObject::connect(window, &QQuickWindow::visibleChanged, &shellRoot, [window, &shellRoot] {
+            if (!window->isVisible()) shellRoot.requestQuit();
+        });
     QObject::connect(&shellRoot, &shell::ShellRoot::quitApproved, &application, &QApplication::quit,
                      Qt::QueuedConnection);
 

@@ -30,7 +30,21 @@ ShellRoot::ShellRoot(TaveloApp& app, LocalCloudServer* localServer, QObject* par
       localServer_(localServer ? localServer : new LocalCloudServer()) {
     localServer_->setParent(this);
     connect(app_, &TaveloApp::workspaceChanged, this, &ShellRoot::adoptWorkspace);
+    connect(this, &ShellRoot::workspaceChanged, this, &ShellRoot::followWorkspace);
+    cloudRefresh_.setInterval(15000);
+    connect(&cloudRefresh_, &QTimer::timeout, this, [this] {
+        if (cloud_->hasSession() && !cloud_->isRefreshing()) launch(cloud_->refresh(), this);
+    });
     adoptWorkspace();
+}
+
+void ShellRoot::followWorkspace() {
+    if (!store_) {
+        cloudRefresh_.stop();
+        return;
+    }
+    cloudRefresh_.start();
+    if (cloud_->hasSession()) launch(cloud_->refresh(), this);
 }
 
 ShellRoot::ShellRoot(AICloudStore& cloud, AppStore* store, SceneState* scene, LocalCloudServer* localServer,

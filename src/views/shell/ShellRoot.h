@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
 #include <QVariantMap>
 #include <QtQml/qqmlregistration.h>
 
@@ -83,6 +84,7 @@ signals:
 private:
     void adoptWorkspace();
     void reveal();
+    void followWorkspace();
 
     TaveloApp* app_ = nullptr;
     AICloudStore* cloud_;
@@ -90,6 +92,9 @@ private:
     std::shared_ptr<TaveloWorkspace> workspace_;
     QPointer<AppStore> store_;
     QPointer<SceneState> scene_;
+    // Refreshes the cloud's schedules and runs every 15 seconds while a
+    // workspace is open.
+    QTimer cloudRefresh_;
     bool isStarting_ = false;
     bool isQuitting_ = false;
 };
