@@ -16,6 +16,7 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QQmlApplicationEngine>
+#include <QQmlComponent>
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QtQml/qqmlextensionplugin.h>
@@ -70,17 +71,23 @@ int main(int argc, char** argv) {
     SceneState scene(Date::now());
     shell::ShellRoot root(cloud, &store, &scene);
 
-    // As the application does: the window comes up while the store loads.
-    QCoro::Task<void> loading = store.load();
-    trace(sinceMain, "load started");
+    // The window's types load on the QML loader thread while the store
+    // loads here; the window is built once both are done.
     QQmlApplicationEngine engine;
     shell::addModuleImportPaths(engine);
-    engine.setInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&root)}});
-    engine.load(shell::mainWindowUrl());
-    if (engine.rootObjects().isEmpty()) return 1;
+    QQmlComponent component(&engine, shell::mainWindowUrl(), QQmlComponent::Asynchronous);
+    QCoro::Task<void> loading = store.load();
+    trace(sinceMain, "load started");
+    while (component.isLoading()) QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    if (!component.isReady()) {
+        std::fprintf(stderr, "%s\n", qPrintable(component.errorString()));
+        return 1;
+    }
+    QObject* created = component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&root)}});
+    auto* window = qobject_cast<QQuickWindow*>(created);
+    if (!window) return 1;
     trace(sinceMain, "window created");
     QObject::connect(&store, &AppStore::eventsChanged, [&] { trace(sinceMain, "events loaded"); });
-    auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().constFirst());
 
     bool armed = false;
     QObject::connect(window, &QQuickWindow::frameSwapped, window, [&] {

@@ -12,10 +12,14 @@
 #include "views/shell/TrayMenu.h"
 
 #include <QApplication>
-#include <QQmlApplicationEngine>
+#include <QQmlComponent>
+#include <QQmlEngine>
 #include <QQuickWindow>
 #include <QSystemTrayIcon>
 #include <QtQml/qqmlextensionplugin.h>
+
+#include <cstdio>
+#include <memory>
 
 Q_IMPORT_QML_PLUGIN(Tavelo_ShellPlugin)
 #ifdef TAVELO_HAS_CALENDAR_VIEWS
@@ -40,12 +44,20 @@ int main(int argc, char** argv) {
     TaveloApp app(root, std::make_unique<AICloudStore>(std::move(dependencies)));
     shell::ShellRoot shellRoot(app);
 
-    QQmlApplicationEngine engine;
+    // The window's QML loads on the engine's loader thread while the session
+    // is restored and the calendar loads here.
+    QQmlEngine engine;
     shell::addModuleImportPaths(engine);
-    engine.setInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&shellRoot)}});
-    engine.load(shell::mainWindowUrl());
-    if (engine.rootObjects().isEmpty()) return 1;
-    auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().constFirst());
+    QQmlComponent component(&engine, shell::mainWindowUrl(), QQmlComponent::Asynchronous);
+    shellRoot.start();
+    while (component.isLoading()) QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    std::unique_ptr<QObject> windowObject(
+        component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&shellRoot)}}));
+    auto* window = qobject_cast<QQuickWindow*>(windowObject.get());
+    if (!window) {
+        std::fprintf(stderr, "%s\n", qPrintable(component.errorString()));
+        return 1;
+    }
     shellRoot.setRevealWindow([window] {
         if (!window) return;
         window->show();
@@ -64,6 +76,5 @@ int main(int argc, char** argv) {
     QObject::connect(&shellRoot, &shell::ShellRoot::quitApproved, &application, &QApplication::quit,
                      Qt::QueuedConnection);
 
-    shellRoot.start();
     return application.exec();
 }
