@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 
 Q_IMPORT_QML_PLUGIN(Tavelo_ShellPlugin)
+#ifdef TAVELO_HAS_CALENDAR_VIEWS
+Q_IMPORT_QML_PLUGIN(Tavelo_CalendarPlugin)
+#endif
 
 int main(int argc, char** argv) {
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);

@@ -217,3 +217,45 @@ TEST_F(ShellQuickTest, QuittingWaitsForTheSaveUnderWayOnceAndTheTrayFollowsTheWo
     QTest::qWait(50);
     EXPECT_EQ(approved.count(), 1);
 }
+
+TEST_F(ShellQuickTest, TheWindowsCommandsDriveTheScene) {
+    auto cloud = makeStore();
+    ShellWorkspace w;
+    w.open(ShellWorkspace::march(4, 12));
+    shell::ShellRoot root(*cloud, w.store.get(), w.scene.get());
+    QQmlEngine engine;
+    shell::addModuleImportPaths(engine);
+    QQmlComponent component(&engine, shell::mainWindowUrl());
+    std::unique_ptr<QObject> object(
+        component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&root)}}));
+    ASSERT_TRUE(object) << component.errorString().toStdString();
+    auto* window = qobject_cast<QQuickWindow*>(object.get());
+    window->requestActivate();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
+
+    QTest::keyClick(window, Qt::Key_F, Qt::ControlModifier);
+    EXPECT_EQ(w.scene->navigation(), NavigationItem::search);
+    QTest::keyClick(window, Qt::Key_1, Qt::ControlModifier);
+    EXPECT_EQ(w.scene->navigation(), NavigationItem::week);
+    QTest::keyClick(window, Qt::Key_Comma, Qt::ControlModifier);
+    EXPECT_EQ(w.scene->navigation(), NavigationItem::settings);
+    QTest::keyClick(window, Qt::Key_1, Qt::ControlModifier);
+
+    // Today.
+    QTest::keyClick(window, Qt::Key_T, Qt::ControlModifier);
+    const auto today = tokyo().startOfDay(Date::now());
+    EXPECT_EQ(tokyo().startOfDay(w.scene->selectedDate()), today);
+
+    w.scene->setPendingEventDraft(EventDraft{});
+    QTest::keyClick(window, Qt::Key_N, Qt::ControlModifier);
+    ASSERT_TRUE(w.scene->editorPresentation());
+    EXPECT_TRUE(w.scene->editorPresentation()->isCreate());
+    EXPECT_FALSE(w.scene->pendingEventDraft()); // a new event starts empty
+    QObject* dialog = object->findChild<QObject*>(QStringLiteral("eventEditor"));
+    ASSERT_TRUE(waitUntil([&] {
+        dialog = object->findChild<QObject*>(QStringLiteral("eventEditor"));
+        return dialog && dialog->property("opened").toBool();
+    }));
+    QTest::keyClick(window, Qt::Key_Escape);
+    ASSERT_TRUE(waitUntil([&] { return !w.scene->editorPresentation(); }));
+}
