@@ -105,6 +105,7 @@ Pane {
                 Layout.fillWidth: true
                 Layout.preferredHeight: 110
                 Accessible.name: "AIへの指示"
+                background: Rectangle { color: palette.base; border.color: palette.mid; radius: 2 }
                 onTextChanged: if (text !== page.settings.schedulePrompt) page.settings.schedulePrompt = text
             }
             Label { text: "初回" }

@@ -272,6 +272,7 @@ Dialog {
                     wrapMode: TextEdit.Wrap
                     placeholderText: "メモを追加"
                     Accessible.name: "メモ"
+                    background: Rectangle { color: palette.base; border.color: palette.mid; radius: 2 }
                     KeyNavigation.priority: KeyNavigation.BeforeItem
                     onTextChanged: if (text !== editor.notes) editor.notes = text
                 }

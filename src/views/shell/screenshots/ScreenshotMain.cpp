@@ -15,6 +15,7 @@
 #include "views/shell/LocalCloudServer.h"
 #include "views/shell/ShellAppearance.h"
 #include "views/shell/ShellEngine.h"
+#include "views/shell/SettingsModel.h"
 #include "views/shell/ShellRoot.h"
 #include "views/shell/screenshots/SeededWorkspace.h"
 
@@ -233,6 +234,14 @@ int main(int argc, char** argv) {
             shooter.shoot(window, QStringLiteral("10-settings-tags"));
             scene.setSettingsSection(SettingsSection::aiCloud);
             shooter.shoot(window, QStringLiteral("11-settings-ai"));
+            if (auto* settings = window->findChild<SettingsModel*>()) {
+                settings->newSchedule();
+                settings->setScheduleTitle(QStringLiteral("月次の振り返りメモ"));
+                settings->setSchedulePrompt(QStringLiteral("先月のカレンダーから、時間の使い方を3行でまとめてください。"));
+                settings->setScheduleRecurrence(QStringLiteral("monthly"));
+                shooter.shoot(window, QStringLiteral("13-settings-ai-editor"));
+                settings->cancelScheduleEdit();
+            }
             store.recordMessage(QStringLiteral("カレンダーを保存できませんでした。ディスクの空き容量を確認してください。"));
             scene.selectNavigation(NavigationItem::week);
             shooter.shoot(window, QStringLiteral("12-week-message"));
