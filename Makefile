@@ -30,3 +30,9 @@ bench: build
 
 clean:
 	rm -rf $(BUILD_DIR)
+
+# Every screen, offscreen, light and dark, from a seeded workspace.
+.PHONY: screenshots
+screenshots: configure
+	cmake --build $(BUILD_DIR) --target tavelo-screenshots -j $(JOBS)
+	QT_QPA_PLATFORM=offscreen $(BUILD_DIR)/src/views/shell/tavelo-screenshots $(BUILD_DIR)/screenshots

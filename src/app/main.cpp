@@ -1,71 +1,80 @@
-// Tavelo's entry point. The windows arrive with the screens; until then the
-// program starts the application root as it will run for real (restores the
-// cloud session, builds the workspace of the signed-in account, loads its
-// calendar) and reports what it found.
+// Tavelo's entry point: the application root, the window and the tray.
+//
+// The window shows the login view until a workspace exists; closing it keeps
+// Tavelo running in the tray. Quitting (Ctrl+Q or the tray) ends at once
+// without a workspace and otherwise once the save under way has landed.
 
 #include "ai/AICloudStore.h"
 #include "app/TaveloApp.h"
-#include "services/LocalCalendarService.h"
-#include "stores/AppStore.h"
-#include "support/Async.h"
+#include "views/shell/ShellAppearance.h"
+#include "views/shell/ShellEngine.h"
+#include "views/shell/ShellRoot.h"
+#include "views/shell/TrayMenu.h"
 
 #include <QApplication>
-#include <QDir>
-#include <QTextStream>
+#include <QQmlComponent>
+#include <QQmlEngine>
+#include <QQuickWindow>
+#include <QSystemTrayIcon>
+#include <QtQml/qqmlextensionplugin.h>
 
 #include <cstdio>
+#include <memory>
+
+Q_IMPORT_QML_PLUGIN(Tavelo_ShellPlugin)
+#ifdef TAVELO_HAS_CALENDAR_VIEWS
+Q_IMPORT_QML_PLUGIN(Tavelo_CalendarPlugin)
+#endif
 
 using namespace tavelo;
-
-namespace {
-
-QTextStream& out() {
-    static QTextStream stream(stdout);
-    return stream;
-}
-
-void describe(const QString& label, const AppStore& store) {
-    out() << label << "\n"
-          << "  アカウント: " << store.accounts().size() << "  カレンダー: " << store.calendars().size()
-          << "  予定: " << store.events().size() << "  タグ: " << store.tags().size() << "\n";
-    if (const auto& message = store.lastError()) out() << "  お知らせ: " << *message << "\n";
-    out().flush();
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Tavelo"));
+    QApplication::setApplicationDisplayName(QStringLiteral("Tavelo"));
     QApplication::setOrganizationDomain(QStringLiteral("tavelo.app"));
+    QApplication::setApplicationVersion(QStringLiteral(TAVELO_VERSION));
     QApplication::setQuitOnLastWindowClosed(false);
+    shell::applyAppearance();
+    QApplication::setWindowIcon(shell::applicationIcon());
 
     const QString root = TaveloApp::standardRootDirectory();
     AICloudStore::Dependencies dependencies;
     dependencies.cacheDirectory = root;
     TaveloApp app(root, std::make_unique<AICloudStore>(std::move(dependencies)));
+    shell::ShellRoot shellRoot(app);
 
-    out() << "Tavelo " << TAVELO_VERSION << "\n"
-          << "データの保存先: " << QDir::toNativeSeparators(root) << "\n";
-    out().flush();
-
-    syncWait(app.start());
-    if (auto workspace = app.currentWorkspace()) {
-        syncWait(workspace->store().load());
-        describe(QStringLiteral("ワークスペース %1 を読み込みました。").arg(workspace->id()), workspace->store());
-        return 0;
+    // The window's QML loads on the engine's loader thread while the session
+    // is restored and the calendar loads here.
+    QQmlEngine engine;
+    shell::addModuleImportPaths(engine);
+    QQmlComponent component(&engine, shell::mainWindowUrl(), QQmlComponent::Asynchronous);
+    shellRoot.start();
+    while (component.isLoading()) QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    std::unique_ptr<QObject> windowObject(
+        component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&shellRoot)}}));
+    auto* window = qobject_cast<QQuickWindow*>(windowObject.get());
+    if (!window) {
+        std::fprintf(stderr, "%s\n", qPrintable(component.errorString()));
+        return 1;
     }
+    shellRoot.setRevealWindow([window] {
+        if (!window) return;
+        window->show();
+        window->raise();
+        window->requestActivate();
+    });
 
-    out() << "AI Cloudにログインしていません。ログイン画面は今後の版で追加されます。\n";
-    // Calendars of earlier sign-ins stay on disk under their workspace id.
-    const QDir users(QDir(root).filePath(QStringLiteral("users")));
-    for (const QString& id : users.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
-        const QString statePath = QDir(users.filePath(id)).filePath(QStringLiteral("state.json"));
-        if (!QFile::exists(statePath)) continue;
-        AppStore store(std::make_shared<LocalCalendarService>(statePath), nullptr,
-                       QDir(users.filePath(id)).filePath(QStringLiteral("google-oauth.json")));
-        syncWait(store.load());
-        describe(QStringLiteral("保存済みのワークスペース %1:").arg(id), store);
-    }
-    return 0;
+    shell::TrayMenu tray(shellRoot);
+    tray.show();
+    // Without a status area there is nothing to come back to: closing the
+    // window then quits, by the same rules.
+    if (!QSystemTrayIcon::isSystemTrayAvailable())
+        QObject::connect(window, &QQuickWindow::visibleChanged, &shellRoot, [window, &shellRoot] {
+            if (!window->isVisible()) shellRoot.requestQuit();
+        });
+    QObject::connect(&shellRoot, &shell::ShellRoot::quitApproved, &application, &QApplication::quit,
+                     Qt::QueuedConnection);
+
+    return application.exec();
 }

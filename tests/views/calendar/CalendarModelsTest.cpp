@@ -1,0 +1,437 @@
+#include "CalendarFixture.h"
+
+#include "ai/AISchedule.h"
+#include "views/calendar/CalendarViewSupport.h"
+#include "views/calendar/EventDetailModel.h"
+#include "views/calendar/MonthModel.h"
+#include "views/calendar/ReportModel.h"
+#include "views/calendar/SearchModel.h"
+#include "views/calendar/WeekModel.h"
+
+#include <QAbstractItemModelTester>
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <unordered_set>
+
+using namespace tavelo;
+using namespace tavelo::test;
+
+namespace {
+
+// Every list model under test is watched for inconsistent signals and must
+// never reset.
+class Watched {
+public:
+    explicit Watched(QAbstractItemModel* model)
+        : tester_(model, QAbstractItemModelTester::FailureReportingMode::Fatal), resets_(model, &QAbstractItemModel::modelReset) {}
+    int resets() const { return static_cast<int>(resets_.count()); }
+
+private:
+    QAbstractItemModelTester tester_;
+    QSignalSpy resets_;
+};
+
+const CalendarItemRow* rowOf(const CalendarItemModel& model, int n, int day = -1) {
+    for (const auto& row : model.rows())
+        if (row.eventID == uuid(n) && (day < 0 || row.dayIndex == day)) return &row;
+    return nullptr;
+}
+
+class CalendarModelsTest : public ::testing::Test, public CalendarWorkspace {};
+
+} // namespace
+
+TEST_F(CalendarModelsTest, WeekShowsLanesAllDayBarsMergedCopiesAndBusyBlocks) {
+    open();
+    WeekModel week;
+    Watched days(week.days()), allDay(week.allDayItems()), timed(week.timedItems());
+    week.setStore(store.get());
+    week.setScene(scene.get());
+
+    ASSERT_EQ(week.days()->rows().size(), 7u);
+    EXPECT_EQ(week.days()->rows().front().date, march(1));
+    EXPECT_TRUE(week.days()->rows()[3].isSelected);
+    EXPECT_EQ(week.days()->rows()[3].accessibleText, QStringLiteral("2026年3月4日 (水)"));
+    EXPECT_EQ(week.rangeText(), QStringLiteral("2026年3月1日 – 7日"));
+
+    // Wednesday: review in lane 0, 1on1 and lunch share lane 1.
+    const auto* review = rowOf(*week.timedItems(), 1);
+    const auto* oneOnOne = rowOf(*week.timedItems(), 2);
+    const auto* lunch = rowOf(*week.timedItems(), 3);
+    ASSERT_TRUE(review && oneOnOne && lunch);
+    EXPECT_EQ(std::tuple(review->dayIndex, review->lane, review->laneCount), std::tuple(3, 0, 2));
+    EXPECT_EQ(std::tuple(oneOnOne->lane, lunch->lane, lunch->laneCount), std::tuple(1, 1, 2));
+    EXPECT_DOUBLE_EQ(review->top, 9 * 60.0);
+    EXPECT_DOUBLE_EQ(review->height, 120.0);
+    EXPECT_EQ(review->timeText, QStringLiteral("09:00 – 11:00"));
+    EXPECT_EQ(review->colorHex, QStringLiteral("#3B82F6"));
+
+    // The stand-up on two calendars stands once.
+    const auto standups = std::count_if(week.timedItems()->rows().begin(), week.timedItems()->rows().end(),
+                                        [](const CalendarItemRow& row) { return row.title == QStringLiteral("朝会"); });
+    EXPECT_EQ(standups, 1);
+    const auto* standup = rowOf(*week.timedItems(), 4);
+    ASSERT_TRUE(standup);
+    EXPECT_EQ(standup->calendarCount, 2);
+
+    // The block shows, flagged; its hidden source and hidden events do not.
+    const auto* block = rowOf(*week.timedItems(), 6);
+    ASSERT_TRUE(block);
+    EXPECT_TRUE(block->isBusyBlock);
+    EXPECT_FALSE(rowOf(*week.timedItems(), 7));
+    EXPECT_FALSE(rowOf(*week.timedItems(), 10));
+
+    // The night shift is cut at midnight into two pieces.
+    const auto* friday = rowOf(*week.timedItems(), 9, 5);
+    const auto* saturday = rowOf(*week.timedItems(), 9, 6);
+    ASSERT_TRUE(friday && saturday);
+    EXPECT_DOUBLE_EQ(friday->top, 22 * 60.0);
+    EXPECT_DOUBLE_EQ(friday->height, 120.0);
+    EXPECT_DOUBLE_EQ(saturday->top, 0.0);
+    EXPECT_DOUBLE_EQ(saturday->height, 120.0);
+
+    // The trip is one bar from Tuesday over three days, not a timed entry.
+    ASSERT_EQ(week.allDayItems()->rowCount(), 1);
+    const auto& trip = week.allDayItems()->rows().front();
+    EXPECT_EQ(std::tuple(trip.dayIndex, trip.dayCount, trip.lane), std::tuple(2, 3, 0));
+    EXPECT_EQ(week.allDayRowCount(), 1);
+    EXPECT_FALSE(rowOf(*week.timedItems(), 8));
+
+    // Narrower hours clip and drop entries outside them.
+    week.setFirstHour(8);
+    week.setLastHour(20);
+    EXPECT_DOUBLE_EQ(rowOf(*week.timedItems(), 1)->top, 60.0);
+    EXPECT_FALSE(rowOf(*week.timedItems(), 9));
+    EXPECT_EQ(timed.resets() + days.resets() + allDay.resets(), 0);
+}
+
+TEST_F(CalendarModelsTest, WeekUpdatesOnlyTheRowsThatChanged) {
+    open();
+    WeekModel week;
+    Watched timed(week.timedItems()), days(week.days());
+    week.setStore(store.get());
+    week.setScene(scene.get());
+    QSignalSpy inserted(week.timedItems(), &QAbstractItemModel::rowsInserted);
+    QSignalSpy removed(week.timedItems(), &QAbstractItemModel::rowsRemoved);
+    QSignalSpy changed(week.timedItems(), &QAbstractItemModel::dataChanged);
+
+    // A new event on Monday: one row arrives, nothing else is touched.
+    EventDraft draft{.title = "新しい予定", .start = march(2, 15), .end = march(2, 16), .calendarIDs = {work}};
+    ASSERT_TRUE(syncWait(store->saveEvent(draft, std::nullopt)));
+    EXPECT_EQ(inserted.count(), 1);
+    EXPECT_EQ(removed.count(), 0);
+    EXPECT_EQ(changed.count(), 0);
+
+    // Lunch moves away from the review: the 1on1 and the review change lanes
+    // (they no longer share with lunch), lunch itself changes, no row moves.
+    inserted.clear();
+    ASSERT_TRUE(syncWait(store->moveEvent(uuid(3), {march(4, 14), march(4, 15)})));
+    EXPECT_EQ(rowOf(*week.timedItems(), 3)->lane, 0);
+    EXPECT_EQ(rowOf(*week.timedItems(), 3)->laneCount, 1);
+    EXPECT_EQ(inserted.count() + removed.count(), 0);
+    EXPECT_GE(changed.count(), 1);
+
+    // Selecting another day of the week changes two day rows only.
+    QSignalSpy dayChanges(week.days(), &QAbstractItemModel::dataChanged);
+    week.moveSelection(1);
+    EXPECT_EQ(scene->selectedDate(), march(5, 12));
+    EXPECT_EQ(dayChanges.count(), 2);
+    EXPECT_TRUE(week.days()->rows()[4].isSelected);
+
+    // Paging replaces every row of the week without a reset.
+    scene->moveSelectedDate(1, tokyo());
+    EXPECT_EQ(week.days()->rows().front().date, march(8));
+    EXPECT_FALSE(rowOf(*week.timedItems(), 1));
+    EXPECT_EQ(timed.resets() + days.resets(), 0);
+}
+
+TEST_F(CalendarModelsTest, RowDiffKeepsOrderThroughShufflesInsertionsAndRemovals) {
+    CalendarItemModel model;
+    Watched watched(&model);
+    std::mt19937 random(7);
+    std::vector<CalendarItemRow> pool;
+    for (int i = 0; i < 160; ++i) {
+        CalendarItemRow row;
+        row.eventID = uuid(i);
+        row.dayIndex = i % 3;
+        row.title = QString::number(i);
+        pool.push_back(row);
+    }
+    std::vector<CalendarItemRow> next;
+    for (int round = 0; round < 300; ++round) {
+        if (round % 3 == 0) {
+            // Large churn: a random subset in random order.
+            next.clear();
+            for (const auto& row : pool)
+                if (random() % 3 != 0) next.push_back(row);
+            std::shuffle(next.begin(), next.end(), random);
+        } else {
+            // Small edits: a row leaves, one arrives, one moves, one changes.
+            if (!next.empty()) next.erase(next.begin() + static_cast<std::ptrdiff_t>(random() % next.size()));
+            const auto& arriving = pool[random() % pool.size()];
+            if (std::none_of(next.begin(), next.end(), [&](const auto& row) { return row.key() == arriving.key(); }))
+                next.insert(next.begin() + static_cast<std::ptrdiff_t>(random() % (next.size() + 1)), arriving);
+            if (next.size() > 2) std::swap(next[random() % next.size()], next[random() % next.size()]);
+            if (!next.empty()) next[random() % next.size()].top = static_cast<double>(random() % 100);
+        }
+        model.setRows(next);
+        ASSERT_EQ(model.rows(), next) << "round " << round;
+        ASSERT_EQ(model.rowCount(), static_cast<int>(next.size()));
+    }
+    EXPECT_EQ(watched.resets(), 0);
+}
+
+TEST_F(CalendarModelsTest, DragsCreateDraftsAndSaveMovesAndResizesToTheFile) {
+    open();
+    WeekModel week;
+    week.setStore(store.get());
+    week.setScene(scene.get());
+    week.setDayWidth(100);
+
+    // Drag on empty Monday space from 13:10 down to 14:20.
+    week.beginCreate(60 + 150, 13 * 60 + 10);
+    week.updateCreate(60 + 120, 14 * 60 + 20);
+    EXPECT_TRUE(week.dragActive());
+    EXPECT_EQ(week.dragKind(), QStringLiteral("create"));
+    EXPECT_EQ(week.dragDayIndex(), 1);
+    EXPECT_DOUBLE_EQ(week.dragTop(), 13 * 60.0);
+    EXPECT_DOUBLE_EQ(week.dragHeight(), 90.0);
+    EXPECT_TRUE(week.finishCreate());
+    EXPECT_FALSE(week.dragActive());
+    ASSERT_TRUE(scene->pendingEventDraft());
+    EXPECT_EQ(scene->pendingEventDraft()->start, march(2, 13));
+    EXPECT_EQ(scene->pendingEventDraft()->end, march(2, 14, 30));
+    EXPECT_EQ(scene->pendingEventDraft()->calendarIDs, std::vector<UUID>{work});
+    EXPECT_EQ(scene->editorPresentation(), EditorPresentation::create());
+
+    // Move the 1on1 one day right and 38 points down: Thursday 9:45.
+    QSignalSpy saved(&week, &WeekModel::dragSaved);
+    ASSERT_TRUE(week.beginMove(uuid(2).toString()));
+    week.updateMove(90, 38); // 2.53 steps: the nearest is three
+    EXPECT_EQ(week.dragDayIndex(), 4);
+    EXPECT_DOUBLE_EQ(week.dragTop(), 9 * 60.0 + 45);
+    EXPECT_TRUE(week.finishDrag());
+    ASSERT_TRUE(saved.count() || saved.wait(5000));
+    EXPECT_TRUE(saved.takeFirst().at(0).toBool());
+    const auto* moved = storedEvent(stored(), 2);
+    ASSERT_TRUE(moved);
+    EXPECT_EQ(moved->start, march(5, 9, 45));
+    EXPECT_EQ(moved->end, march(5, 10, 45));
+    EXPECT_EQ(rowOf(*week.timedItems(), 2)->dayIndex, 4);
+
+    // Resize the review: a small pull does nothing; 31 points is 30 minutes.
+    ASSERT_TRUE(week.beginResize(uuid(1).toString()));
+    week.updateResize(14);
+    EXPECT_FALSE(week.finishDrag());
+    ASSERT_TRUE(week.beginResize(uuid(1).toString()));
+    week.updateResize(31);
+    EXPECT_DOUBLE_EQ(week.dragHeight(), 150.0);
+    EXPECT_TRUE(week.finishDrag());
+    ASSERT_TRUE(saved.count() || saved.wait(5000));
+    EXPECT_EQ(storedEvent(stored(), 1)->end, march(4, 11, 30));
+    EXPECT_EQ(storedEvent(stored(), 1)->start, march(4, 9));
+
+    // Blocks and all-day bars do not drag.
+    EXPECT_FALSE(week.beginMove(uuid(6).toString()));
+    EXPECT_FALSE(week.beginResize(uuid(8).toString()));
+    EXPECT_FALSE(week.beginMove(QStringLiteral("not an id")));
+}
+
+TEST_F(CalendarModelsTest, DetailResolvesBlocksAndDeletesTheWholeGroup) {
+    open();
+    WeekModel week;
+    EventDetailModel detail;
+    week.setStore(store.get());
+    week.setScene(scene.get());
+    detail.setStore(store.get());
+    detail.setScene(scene.get());
+
+    // A click on the block opens the visit it mirrors, anchored on the block.
+    const auto* block = rowOf(*week.timedItems(), 6);
+    ASSERT_TRUE(block);
+    week.openDetail(uuid(6).toString(), "weekTimed", block->dayIndex, block->lane);
+    EXPECT_EQ(scene->selectedEventID(), uuid(7));
+    EXPECT_TRUE(week.isDetailPresented(uuid(6).toString(), "weekTimed", block->dayIndex, block->lane));
+    EXPECT_FALSE(week.isDetailPresented(uuid(6).toString(), "weekAllDay", block->dayIndex, block->lane));
+    EXPECT_EQ(detail.title(), QStringLiteral("顧客訪問"));
+    EXPECT_TRUE(detail.hasEvent());
+
+    // The stand-up stands on two calendars; delete asks about both.
+    week.openDetail(uuid(4).toString(), "weekTimed", 4, 0);
+    EXPECT_EQ(detail.copyCount(), 2);
+    EXPECT_EQ(detail.calendarNames(), (QStringList{"業務", "自宅"}));
+    EXPECT_TRUE(detail.deleteQuestion().contains(QStringLiteral("2 つのカレンダー")));
+    detail.edit();
+    EXPECT_EQ(scene->editorPresentation(), EditorPresentation::edit(uuid(4)));
+    EXPECT_FALSE(scene->selectedEventID());
+
+    week.openDetail(uuid(4).toString(), "weekTimed", 4, 0);
+    QSignalSpy deleted(&detail, &EventDetailModel::deleted);
+    detail.deleteEvent();
+    ASSERT_TRUE(deleted.count() || deleted.wait(5000));
+    EXPECT_TRUE(deleted.takeFirst().at(0).toBool());
+    const AppSnapshot after = stored();
+    EXPECT_FALSE(storedEvent(after, 4) || storedEvent(after, 5));
+    EXPECT_FALSE(rowOf(*week.timedItems(), 4));
+    EXPECT_FALSE(detail.hasEvent());
+}
+
+TEST_F(CalendarModelsTest, MonthCellsOverflowAndCreateOnDoubleClick) {
+    // Four more events on Wednesday: seven entries with the trip.
+    for (int i = 0; i < 4; ++i) seed.events.push_back(event(30 + i, march(4, 14 + i), march(4, 15 + i), work));
+    open();
+    MonthModel month;
+    Watched days(month.days());
+    month.setStore(store.get());
+    month.setScene(scene.get());
+
+    ASSERT_EQ(month.days()->rowCount(), 42);
+    EXPECT_EQ(month.titleText(), QStringLiteral("2026年3月"));
+    const auto& rows = month.days()->rows();
+    EXPECT_EQ(rows.front().date, march(1));
+    EXPECT_FALSE(rows.back().isInMonth); // 11 April
+    const DayRow& wednesday = rows[3];
+    EXPECT_EQ(wednesday.itemCount, 8);
+    ASSERT_EQ(wednesday.items.size(), 3u);
+    EXPECT_EQ(wednesday.items.front().title, QStringLiteral("大阪出張")); // all-day first
+    EXPECT_EQ(wednesday.overflowText, QStringLiteral("他 5 件"));
+    EXPECT_TRUE(rows[5].overflowText.isEmpty());
+    EXPECT_EQ(rows[5].items.size(), 2u); // Friday: block and night shift; the trip ended
+    // The night shift reaches into Saturday.
+    EXPECT_EQ(rows[6].items.size(), 1u);
+    EXPECT_EQ(rows[6].items.front().timeText, QStringLiteral("00:00"));
+
+    month.setMaxItemsPerDay(8);
+    EXPECT_TRUE(month.days()->rows()[3].overflowText.isEmpty());
+
+    month.openDetail(uuid(1).toString(), 3);
+    EXPECT_TRUE(month.isDetailPresented(uuid(1).toString(), 3));
+    EXPECT_FALSE(month.isDetailPresented(uuid(1).toString(), 4));
+
+    month.createOnDay(9);
+    ASSERT_TRUE(scene->pendingEventDraft());
+    EXPECT_TRUE(scene->pendingEventDraft()->isAllDay);
+    EXPECT_EQ(scene->pendingEventDraft()->start, march(10));
+    EXPECT_EQ(scene->pendingEventDraft()->end, march(10));
+
+    // Arrow keys: a week down crosses rows; paging a month redraws.
+    month.moveSelection(7);
+    EXPECT_TRUE(month.days()->rows()[10].isSelected);
+    scene->selectNavigation(NavigationItem::month);
+    scene->moveSelectedDate(1, tokyo());
+    EXPECT_EQ(month.titleText(), QStringLiteral("2026年4月"));
+    EXPECT_EQ(days.resets(), 0);
+}
+
+TEST_F(CalendarModelsTest, SearchNarrowsAsYouTypeAndIncludesThePastOnRequest) {
+    open();
+    SearchModel search;
+    Watched results(search.results());
+    search.setStore(store.get());
+    search.setScene(scene.get());
+
+    EXPECT_EQ(search.results()->rowCount(), 0);
+    search.setQuery(QStringLiteral("設"));
+    search.setQuery(QStringLiteral("設計"));
+    ASSERT_EQ(search.results()->rowCount(), 2);
+    EXPECT_EQ(search.results()->rows()[0].eventID, uuid(20));
+    const auto text = [&](int row, int role) { return search.results()->index(row).data(role).toString(); };
+    EXPECT_EQ(text(0, CalendarItemModel::SectionRole), CalendarViewSupport::longDateText(fromToday(1, 0), tokyo()));
+    EXPECT_NE(text(0, CalendarItemModel::SectionRole), text(1, CalendarItemModel::SectionRole));
+    EXPECT_EQ(text(1, CalendarItemModel::TimeTextRole), QStringLiteral("15:00 – 16:00"));
+    EXPECT_EQ(search.summaryText(), QStringLiteral("2 件"));
+
+    QSignalSpy removed(search.results(), &QAbstractItemModel::rowsRemoved);
+    search.setQuery(QStringLiteral("設計メモ"));
+    ASSERT_EQ(search.results()->rowCount(), 1);
+    EXPECT_EQ(removed.count(), 1);
+    search.setQuery(QStringLiteral("存在しない言葉"));
+    EXPECT_EQ(search.summaryText(), QStringLiteral("一致する予定はありません"));
+
+    // Past results come with the preference, which is saved.
+    search.setQuery(QStringLiteral("設計"));
+    QSignalSpy toggled(&search, &SearchModel::includePastChanged);
+    search.setIncludePast(true);
+    ASSERT_TRUE(toggled.count() || toggled.wait(5000));
+    EXPECT_TRUE(search.includePast());
+    EXPECT_EQ(search.results()->rowCount(), 5); // + the review, its preparation and the look back
+    EXPECT_TRUE(search.results()->rows().front().isPast);
+    EXPECT_TRUE(stored().preferences.includePastSearchResults);
+
+    // A new matching event arrives without retyping.
+    EventDraft draft{.title = "設計合宿", .start = fromToday(5, 9), .end = fromToday(5, 17), .calendarIDs = {work}};
+    ASSERT_TRUE(syncWait(store->saveEvent(draft, std::nullopt)));
+    EXPECT_EQ(search.results()->rowCount(), 6);
+
+    search.openDetail(uuid(20).toString());
+    EXPECT_TRUE(scene->isEventDetailPresented({uuid(20), EventPopoverAnchor::Search{}}));
+    EXPECT_EQ(results.resets(), 0);
+}
+
+TEST_F(CalendarModelsTest, ReportComparesTagsWithTargetsAndThePreviousPeriod) {
+    open();
+    ReportModel report;
+    Watched rows(&report);
+    report.setReferenceDate(march(4, 12));
+    report.setStore(store.get());
+
+    ASSERT_EQ(report.rowCount(), 3);
+    const auto& develop = report.rows()[0];
+    EXPECT_EQ(develop.name, QStringLiteral("開発"));
+    EXPECT_EQ(std::tuple(develop.minutes, develop.previousMinutes, develop.targetMinutes), std::tuple(120, 60, 120));
+    EXPECT_FALSE(develop.isOverTarget);
+    const auto& meeting = report.rows()[1];
+    EXPECT_EQ(std::tuple(meeting.minutes, meeting.previousMinutes, meeting.targetMinutes), std::tuple(60, 0, 60));
+    // Lunch, the stand-up once, and the night shift; no block, no trip.
+    const auto& untagged = report.rows()[2];
+    EXPECT_EQ(untagged.id, QStringLiteral("untagged"));
+    EXPECT_EQ(untagged.minutes, 60 + 30 + 240);
+    EXPECT_EQ(report.totalMinutes(), 120 + 60 + 330);
+    EXPECT_EQ(report.previousTotalMinutes(), 60);
+    EXPECT_EQ(report.rangeText(), QStringLiteral("2026/3/1 – 2026/3/7"));
+    EXPECT_EQ(report.previousRangeText(), QStringLiteral("2026/2/22 – 2026/2/28"));
+    EXPECT_EQ(ReportModel::durationText(330), QStringLiteral("5時間30分"));
+
+    // Going over the target shows.
+    ASSERT_TRUE(syncWait(store->moveEvent(uuid(2), {march(4, 12), march(4, 14)})));
+    EXPECT_TRUE(report.rows()[1].isOverTarget);
+
+    // A month scales the weekly target to its 31 days.
+    report.setPeriod(QStringLiteral("month"));
+    EXPECT_EQ(report.rows()[0].targetMinutes, 531); // 120 * 31 / 7 = 531.4
+    EXPECT_EQ(report.previousRangeText(), QStringLiteral("2026/2/1 – 2026/2/28"));
+    EXPECT_EQ(rows.resets(), 0);
+}
+
+TEST_F(CalendarModelsTest, AIScheduleRunsStandInTheGridWithinTheShownHours) {
+    AICloudState state;
+    state.schedules = {AISchedule{.id = uuid(0x51), .title = "朝のまとめ", .prompt = "今日の予定を要約",
+                                  .firstRun = march(2, 7, 30), .timeZoneID = "Asia/Tokyo",
+                                  .recurrence = EventRecurrence::daily},
+                       AISchedule{.id = uuid(0x52), .title = "週報", .prompt = "週報を作成",
+                                  .firstRun = march(6, 7, 30), .timeZoneID = "Asia/Tokyo", .isPaused = true}};
+    std::vector<Date> days;
+    for (int day = 1; day <= 7; ++day) days.push_back(march(day));
+
+    const auto rows = WeekModel::aiRows(state, days, TimeGridHours{0, 24}, tokyo());
+    // Daily from Monday: six runs; the paused one once, on Friday, beside it.
+    ASSERT_EQ(rows.size(), 7u);
+    EXPECT_EQ(rows.front().dayIndex, 1);
+    EXPECT_DOUBLE_EQ(rows.front().top, 7.5 * 60);
+    EXPECT_TRUE(std::all_of(rows.begin(), rows.end(), [](const auto& row) { return row.isAIOccurrence; }));
+    const auto friday = std::count_if(rows.begin(), rows.end(), [](const auto& row) { return row.dayIndex == 5; });
+    EXPECT_EQ(friday, 2);
+    std::unordered_set<RowKey> keys;
+    for (const auto& row : rows) keys.insert(row.key());
+    EXPECT_EQ(keys.size(), rows.size());
+    const auto paused = std::find_if(rows.begin(), rows.end(), [](const auto& row) { return row.title == QStringLiteral("週報"); });
+    ASSERT_NE(paused, rows.end());
+    EXPECT_TRUE(paused->isPast);
+
+    // Starting the day at 8:00 leaves the 7:30 runs out.
+    EXPECT_TRUE(WeekModel::aiRows(state, days, TimeGridHours{8, 20}, tokyo()).empty());
+}

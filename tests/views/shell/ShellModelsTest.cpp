@@ -1,0 +1,295 @@
+// The shell's C++ models over a real SQLite-backed store: the calendar list,
+// the toolbar, the event editor and the tag settings.
+
+#include "views/shell/CalendarListModel.h"
+#include "views/shell/EventEditorModel.h"
+#include "views/shell/SettingsModel.h"
+#include "views/shell/ShellController.h"
+#include "views/shell/ShellWorkspace.h"
+#include "views/shell/TagListModel.h"
+
+#include <QAbstractItemModelTester>
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+using namespace tavelo;
+using namespace tavelo::shell;
+using namespace tavelo::test;
+
+namespace {
+
+class ShellModelsTest : public ::testing::Test {
+protected:
+    ShellModelsTest() { w.open(); }
+    ShellWorkspace w;
+
+    QStringList column(const QAbstractItemModel& model, int role) const {
+        QStringList values;
+        for (int row = 0; row < model.rowCount(); ++row) values.push_back(model.index(row, 0).data(role).toString());
+        return values;
+    }
+};
+
+} // namespace
+
+// --- calendar list -------------------------------------------------------------------
+
+TEST_F(ShellModelsTest, CalendarListGroupsByAccountAndFollowsTheStoreByRows) {
+    CalendarListModel model;
+    QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    model.setStoreObject(w.store.get());
+    EXPECT_EQ(column(model, CalendarListModel::NameRole), (QStringList{"メモ", "業務", "自宅"}));
+    EXPECT_EQ(column(model, CalendarListModel::AccountNameRole),
+              (QStringList{"このコンピューター", "me@work.example", "家族"}));
+
+    // Hiding a calendar changes its row only, and reaches the file.
+    QSignalSpy reset(&model, &QAbstractItemModel::modelReset);
+    QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+    model.toggleVisibility(1);
+    ASSERT_TRUE(waitUntil([&] { return !model.index(1, 0).data(CalendarListModel::VisibleRole).toBool(); }));
+    EXPECT_EQ(changed.count(), 1);
+    EXPECT_EQ(reset.count(), 0);
+    ASSERT_TRUE(waitUntil([&] { return !w.store->isPersistenceTransactionActive(); }));
+    const auto stored = w.stored();
+    const auto work = std::find_if(stored.calendars.begin(), stored.calendars.end(),
+                                   [&](const CalendarSource& c) { return c.id == w.work; });
+    ASSERT_NE(work, stored.calendars.end());
+    EXPECT_FALSE(work->isVisible);
+
+    // Calendars that arrive, leave and move are inserted, removed and moved.
+    AppSnapshot next = w.store->snapshot();
+    next.calendars.erase(next.calendars.begin());                 // 業務 goes
+    next.calendars.push_back(CalendarSource{.id = uuid(0xC4), .accountID = w.workAccount, .name = "採用"});
+    next.accounts = {next.accounts[1], next.accounts[0]};         // 家族 first
+    QSignalSpy removed(&model, &QAbstractItemModel::rowsRemoved);
+    QSignalSpy inserted(&model, &QAbstractItemModel::rowsInserted);
+    w.store->apply(next);
+    EXPECT_EQ(column(model, CalendarListModel::NameRole), (QStringList{"メモ", "自宅", "採用"}));
+    EXPECT_EQ(removed.count(), 1);
+    EXPECT_EQ(inserted.count(), 1);
+    EXPECT_EQ(reset.count(), 0);
+    EXPECT_EQ(model.rowsFor(*w.store).size(), 3u);
+}
+
+// --- toolbar -----------------------------------------------------------------------
+
+TEST_F(ShellModelsTest, ToolbarShowsTheRangeAndPagesByWeekOrMonth) {
+    ShellController shell;
+    shell.setStoreObject(w.store.get());
+    shell.setSceneObject(w.scene.get());
+    EXPECT_EQ(shell.rangeText(), "2026年3月1日（日） 〜 7日（土）");
+    QSignalSpy range(&shell, &ShellController::rangeTextChanged);
+    shell.page(4);
+    EXPECT_EQ(shell.rangeText(), "2026年3月29日（日） 〜 4月4日（土）");
+    EXPECT_EQ(range.count(), 1);
+    shell.navigate("month");
+    EXPECT_EQ(shell.rangeText(), "2026年4月");
+    shell.page(-1);
+    EXPECT_EQ(shell.rangeText(), "2026年3月");
+    w.scene->setSelectedDate(ShellWorkspace::march(4, 12));
+    shell.moveSelectedDay(-20);
+    EXPECT_EQ(w.scene->selectedDate(), on(tokyo(), 2, 12, 12));
+    EXPECT_EQ(shell.rangeText(), "2026年2月");
+    EXPECT_TRUE(shell.pagingAvailable());
+    shell.navigate("search");
+    EXPECT_FALSE(shell.pagingAvailable());
+    shell.navigate("calendar");
+    EXPECT_EQ(shell.navigation(), "month");
+
+    // Across a year, the end names its year.
+    w.scene->setSelectedDate(on(tokyo(), 12, 31, 12));
+    shell.navigate("week");
+    EXPECT_EQ(shell.rangeText(), "2026年12月27日（日） 〜 2027年1月2日（土）");
+}
+
+// --- the event editor ----------------------------------------------------------------
+
+TEST_F(ShellModelsTest, EditorOpensWithThePendingDraftAndRefusesWhatTheStoreRefuses) {
+    EventEditorModel editor;
+    QAbstractItemModelTester tester(qobject_cast<QAbstractItemModel*>(editor.calendars()),
+                                    QAbstractItemModelTester::FailureReportingMode::Fatal);
+    editor.setStoreObject(w.store.get());
+    editor.setSceneObject(w.scene.get());
+    EXPECT_FALSE(editor.isOpen());
+
+    EventDraft dragged;
+    dragged.start = ShellWorkspace::march(5, 13);
+    dragged.end = ShellWorkspace::march(5, 14, 30);
+    dragged.calendarIDs = {w.work};
+    w.scene->setPendingEventDraft(dragged);
+    w.scene->setEditorPresentation(EditorPresentation::create());
+    ASSERT_TRUE(editor.isOpen());
+    EXPECT_TRUE(editor.isCreate());
+    EXPECT_EQ(editor.startDay(), QDate(2026, 3, 5));
+    EXPECT_EQ(editor.startTime(), "13:00");
+    EXPECT_EQ(editor.endTime(), "14:30");
+
+    // A blank title on a Google calendar: the store's own words, no save.
+    const QString expected = *w.store->eventValidationMessage(*editor.draft());
+    EXPECT_EQ(editor.validationMessage(), expected);
+    EXPECT_FALSE(editor.canSave());
+    editor.save();
+    EXPECT_FALSE(editor.isSaving());
+
+    // Moving the start keeps the length; an end before the start is refused.
+    editor.setTitle("採用面接");
+    EXPECT_TRUE(editor.canSave());
+    editor.setStartTime("16:15");
+    EXPECT_EQ(editor.endTime(), "17:45");
+    editor.setEndTime("15:00");
+    EXPECT_EQ(editor.validationMessage(), *w.store->eventValidationMessage(*editor.draft()));
+    EXPECT_FALSE(editor.canSave());
+    editor.setEndTime("17:00");
+    editor.setStartTime("25:00"); // not a time: ignored
+    EXPECT_EQ(editor.startTime(), "16:15");
+
+    // No calendar is refused too; the choices follow the draft.
+    editor.toggleCalendar(0); // 業務 off
+    EXPECT_FALSE(editor.canSave());
+    const auto* choices = qobject_cast<QAbstractItemModel*>(editor.calendars());
+    EXPECT_FALSE(choices->index(0, 0).data(EditorCalendarChoices::SelectedRole).toBool());
+    editor.toggleCalendar(0);
+    editor.toggleCalendar(1); // and 自宅
+    EXPECT_TRUE(choices->index(1, 0).data(EditorCalendarChoices::SelectedRole).toBool());
+    EXPECT_TRUE(editor.offersMeet());
+
+    EXPECT_FALSE(editor.addGuest("not an address"));
+    EXPECT_FALSE(editor.guestError().isEmpty());
+    EXPECT_TRUE(editor.addGuest(" sato@example.jp "));
+    EXPECT_FALSE(editor.addGuest("SATO@example.jp"));
+    editor.addNotification(10);
+    editor.addNotification(10);
+    EXPECT_EQ(editor.notifications(), (QVariantList{10}));
+
+    // Saving reaches the file, closes the editor and clears the scene.
+    QSignalSpy finished(&editor, &EventEditorModel::saveFinished);
+    editor.save();
+    ASSERT_TRUE(waitUntil([&] { return finished.count() == 1; }));
+    EXPECT_TRUE(finished.at(0).at(0).toBool());
+    EXPECT_FALSE(editor.isOpen());
+    EXPECT_FALSE(w.scene->editorPresentation());
+    EXPECT_FALSE(w.scene->pendingEventDraft());
+    const auto stored = w.stored();
+    int copies = 0;
+    for (const CalendarEvent& e : stored.events) {
+        if (e.title != "採用面接") continue;
+        ++copies;
+        EXPECT_EQ(e.start, ShellWorkspace::march(5, 16, 15));
+        EXPECT_EQ(e.end, ShellWorkspace::march(5, 17));
+        ASSERT_EQ(e.guests.size(), 1u);
+        EXPECT_EQ(e.guests[0].email, "sato@example.jp");
+        EXPECT_EQ(e.notifications, std::vector<int>{10});
+    }
+    EXPECT_EQ(copies, 2);
+}
+
+TEST_F(ShellModelsTest, EditorEditsAWholeGroupAndAnAllDayEventKeepsItsDays) {
+    EventEditorModel editor;
+    editor.setStoreObject(w.store.get());
+    editor.setSceneObject(w.scene.get());
+    w.scene->setEditorPresentation(EditorPresentation::edit(uuid(2)));
+    ASSERT_TRUE(editor.isOpen());
+    EXPECT_FALSE(editor.isCreate());
+    EXPECT_EQ(editor.title(), "設計レビュー");
+    const auto* choices = qobject_cast<QAbstractItemModel*>(editor.calendars());
+    QStringList selected;
+    for (int row = 0; row < choices->rowCount(); ++row)
+        if (choices->index(row, 0).data(EditorCalendarChoices::SelectedRole).toBool())
+            selected.push_back(choices->index(row, 0).data(EditorCalendarChoices::NameRole).toString());
+    EXPECT_EQ(selected, (QStringList{"業務", "自宅"}));
+
+    // The availability question is answered for the draft's accounts.
+    ASSERT_TRUE(waitUntil([&] { return !editor.availabilityLoading(); }));
+    EXPECT_FALSE(editor.availabilityText().isEmpty());
+    EXPECT_FALSE(editor.availabilityRows().isEmpty());
+
+    // All day over two days, then moved by a week: the last day moves along.
+    editor.setAllDay(true);
+    editor.setEndDay(QDate(2026, 3, 5));
+    editor.setStartDay(QDate(2026, 3, 11));
+    EXPECT_EQ(editor.startDay(), QDate(2026, 3, 11));
+    EXPECT_EQ(editor.endDay(), QDate(2026, 3, 12));
+    editor.setStartDay(QDate(2026, 3, 29)); // across the change of month
+    EXPECT_EQ(editor.endDay(), QDate(2026, 3, 30));
+    editor.setStartDay(QDate(2026, 3, 11));
+
+    QSignalSpy finished(&editor, &EventEditorModel::saveFinished);
+    editor.save();
+    ASSERT_TRUE(waitUntil([&] { return finished.count() == 1; }));
+    const auto stored = w.stored();
+    for (const CalendarEvent& e : stored.events) {
+        if (e.groupID != uuid(0x1001)) continue;
+        EXPECT_TRUE(e.isAllDay);
+        EXPECT_EQ(e.start, ShellWorkspace::march(11));
+        EXPECT_EQ(e.end, ShellWorkspace::march(13)); // exclusive end, stored
+    }
+
+    // Escape: nothing of an edit is kept.
+    w.scene->setEditorPresentation(EditorPresentation::edit(uuid(1)));
+    editor.setTitle("変更");
+    editor.cancel();
+    EXPECT_FALSE(editor.isOpen());
+    EXPECT_EQ(w.stored().events.front().title, "設計レビュー");
+}
+
+// --- tags ----------------------------------------------------------------------------
+
+TEST_F(ShellModelsTest, TagSettingsChangeTheStoredTagsByRows) {
+    TagListModel tags;
+    QAbstractItemModelTester tester(&tags, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    tags.setStoreObject(w.store.get());
+    EXPECT_EQ(column(tags, TagListModel::NameRole), (QStringList{"開発", "会議"}));
+
+    EXPECT_FALSE(tags.addTag("会議", "#000000"));
+    EXPECT_EQ(tags.nameError(), *w.store->validatedTagName("会議", std::nullopt));
+    EXPECT_TRUE(tags.addTag("  採用  ", "#EA4335"));
+    ASSERT_TRUE(waitUntil([&] { return tags.rowCount() == 3; }));
+    EXPECT_TRUE(tags.nameError().isEmpty());
+
+    QSignalSpy reset(&tags, &QAbstractItemModel::modelReset);
+    tags.moveTag(2, 0);
+    ASSERT_TRUE(waitUntil([&] { return column(tags, TagListModel::NameRole).front() == "採用"; }));
+    EXPECT_EQ(column(tags, TagListModel::NameRole), (QStringList{"採用", "開発", "会議"}));
+    tags.setWeeklyTarget(1, 2.5, true);
+    tags.addTitleRule(1, "  レビュー ");
+    tags.addCalendarRule(1, w.work.toString());
+    ASSERT_TRUE(waitUntil([&] { return tags.index(1, 0).data(TagListModel::RulesRole).toStringList().size() == 2; }));
+    EXPECT_EQ(tags.index(1, 0).data(TagListModel::RulesRole).toStringList(),
+              (QStringList{"タイトルに「レビュー」を含む", "カレンダーが「業務」"}));
+    EXPECT_FALSE(tags.renameTag(2, "開発"));
+    EXPECT_EQ(reset.count(), 0);
+    tags.deleteTag(2);
+    ASSERT_TRUE(waitUntil([&] { return tags.rowCount() == 2 && !w.store->isPersistenceTransactionActive(); }));
+
+    const auto stored = w.stored();
+    ASSERT_EQ(stored.tags.size(), 2u);
+    EXPECT_EQ(stored.tags[0].name, "採用");
+    EXPECT_EQ(stored.tags[1].name, "開発");
+    EXPECT_EQ(stored.tags[1].weeklyTargetMinutes, 150);
+    EXPECT_TRUE(stored.tags[1].warnsWhenExceeded);
+    EXPECT_EQ(stored.tags[1].rules.size(), 2u);
+}
+
+// --- AI schedule editor ------------------------------------------------------------------
+
+TEST_F(ShellModelsTest, ScheduleEditorValidatesAndListsTheNextRuns) {
+    SettingsModel settings;
+    settings.newSchedule();
+    ASSERT_TRUE(settings.isEditingSchedule());
+    EXPECT_EQ(settings.scheduleValidationMessage(), "タイトルを入力してください");
+    settings.setScheduleTitle("朝の要約");
+    settings.setSchedulePrompt("昨日の会議を要約して");
+    // Valid, but nobody is connected.
+    EXPECT_EQ(settings.scheduleValidationMessage(), QString::fromUtf8(AIScheduleTexts::saveNeedsConnection));
+    settings.setScheduleTime("7:30");
+    EXPECT_EQ(settings.scheduleTime(), "07:30");
+    settings.setScheduleRecurrence("weekly");
+    const QStringList next = settings.scheduleNextOccurrences();
+    ASSERT_EQ(next.size(), 5);
+    for (const QString& run : next) EXPECT_TRUE(run.endsWith(" 7:30")) << run.toStdString();
+    settings.setScheduleRecurrence("");
+    EXPECT_EQ(settings.scheduleNextOccurrences().size(), 1);
+    settings.cancelScheduleEdit();
+    EXPECT_FALSE(settings.isEditingSchedule());
+}

@@ -1,0 +1,75 @@
+#pragma once
+
+// A workspace for the shell tests: a real SQLite-backed store in a temporary
+// directory, in Tokyo, with a local calendar, a Google work account and a
+// family account, and two tags.
+
+#include "services/LocalCalendarService.h"
+#include "stores/AppStore.h"
+#include "stores/SceneState.h"
+#include "stores/StoreTestSupport.h"
+#include "support/Async.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QTemporaryDir>
+
+#include <functional>
+#include <memory>
+
+namespace tavelo::test {
+
+struct ShellWorkspace {
+    QTemporaryDir dir;
+    const UUID workAccount = uuid(0xA1), familyAccount = uuid(0xA2);
+    const UUID local = uuid(0xC0), work = uuid(0xC1), family = uuid(0xC2);
+    const UUID develop = uuid(0x71), meetings = uuid(0x72);
+    AppSnapshot seed;
+    std::unique_ptr<AppStore> store;
+    std::unique_ptr<SceneState> scene;
+
+    static Date march(int day, int hour = 0, int minute = 0) { return on(tokyo(), 3, day, hour, minute); }
+
+    ShellWorkspace() {
+        seed.accounts = {Account{.id = workAccount, .name = "仕事", .email = "me@work.example", .isConnected = true,
+                                 .googleSubject = QStringLiteral("sub-1")},
+                         Account{.id = familyAccount, .name = "家族", .kind = AccountKind::family}};
+        seed.calendars = {
+            CalendarSource{.id = work, .accountID = workAccount, .name = "業務", .colorHex = "#3B82F6",
+                           .googleCalendarID = QStringLiteral("work@group.calendar.google.com")},
+            CalendarSource{.id = family, .accountID = familyAccount, .name = "自宅", .colorHex = "#10B981",
+                           .receivesBusyBlocks = true},
+            CalendarSource{.id = local, .name = "メモ", .colorHex = "#999999"},
+        };
+        seed.tags = {Tag{.id = develop, .name = "開発", .colorHex = "#F59E0B", .sortOrder = 0},
+                     Tag{.id = meetings, .name = "会議", .colorHex = "#8B5CF6", .sortOrder = 1}};
+        CalendarEvent review = event(1, march(4, 9), march(4, 11), work, 1);
+        review.title = "設計レビュー";
+        CalendarEvent copy = event(2, march(4, 9), march(4, 11), family, 1);
+        copy.title = "設計レビュー";
+        seed.events = {review, copy};
+    }
+
+    QString path() const { return dir.filePath("state.sqlite"); }
+    AppSnapshot stored() const { return syncWait(LocalCalendarService(path()).load()).snapshot; }
+
+    void open(Date selected = march(4, 12)) {
+        auto service = std::make_shared<LocalCalendarService>(path(), [this] { return seed; });
+        store = std::make_unique<AppStore>(service, nullptr, dir.filePath("google-oauth.json"), tokyo());
+        syncWait(store->load());
+        scene = std::make_unique<SceneState>(selected);
+    }
+};
+
+// Runs the event loop until `done` holds or five seconds pass.
+inline bool waitUntil(const std::function<bool()>& done, int milliseconds = 5000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > milliseconds) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
+
+} // namespace tavelo::test
