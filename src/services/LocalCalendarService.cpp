@@ -10,12 +10,16 @@
 
 #include "services/LocalCalendarService.h"
 
+#include "services/StoreFiles.h"
+#include "services/StoreWorker.h"
+
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLoggingCategory>
 #include <QUrl>
 
 #include <sqlite3.h>
@@ -43,6 +47,8 @@
 
 namespace tavelo {
 
+Q_LOGGING_CATEGORY(lcStore, "tavelo.store")
+
 namespace {
 
 using Kind = SQLitePersistenceError::Kind;
@@ -51,7 +57,8 @@ constexpr const char* kSchema =
     "CREATE TABLE metadata (\n    id INTEGER PRIMARY KEY CHECK (id = 1),\n    payload BLOB NOT NULL\n);\n"
     "CREATE TABLE events (\n    id TEXT PRIMARY KEY,\n    payload BLOB NOT NULL\n);";
 constexpr const char* kReadMetadata = "SELECT payload FROM metadata WHERE id = 1";
-constexpr const char* kReadEvents = "SELECT payload FROM events";
+// The key comes along so that a row filed under the wrong id is caught here.
+constexpr const char* kReadEvents = "SELECT id, payload FROM events";
 constexpr const char* kWriteMetadata =
     "INSERT INTO metadata(id, payload) VALUES(1, ?) ON CONFLICT(id) DO UPDATE SET payload = excluded.payload";
 constexpr const char* kWriteEvent =
@@ -122,70 +129,28 @@ struct SnapshotVersion {
 
 QByteArray nativePath(const QString& path) { return QFile::encodeName(path); }
 
-// True when the file starts with the 16 bytes "SQLite format 3\0". A shorter
-// file is not a database; a file that cannot be opened is an error.
-bool isSQLiteDatabase(const QString& path) {
-    static constexpr char kMagic[16] = {'S', 'Q', 'L', 'i', 't', 'e', ' ', 'f',
-                                        'o', 'r', 'm', 'a', 't', ' ', '3', '\0'};
-    const int fd = ::open(nativePath(path).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw FileSystemError(FileSystemError::Operation::open, path, errno);
-    char header[16];
-    std::size_t filled = 0;
-    int readError = 0;
-    while (filled < sizeof header) {
-        const auto n = ::read(fd, header + filled, sizeof header - filled);
-        if (n > 0) {
-            filled += static_cast<std::size_t>(n);
-        } else if (n == 0) {
-            break;
-        } else if (errno != EINTR) {
-            readError = errno;
-            break;
-        }
-    }
-    ::close(fd);
-    if (readError) throw FileSystemError(FileSystemError::Operation::read, path, readError);
-    return filled == sizeof header && std::memcmp(header, kMagic, sizeof header) == 0;
-}
-
-QByteArray readWholeFile(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) throw FileSystemError(FileSystemError::Operation::open, path, errno);
-    QByteArray bytes = file.readAll();
-    if (file.error() != QFileDevice::NoError) throw FileSystemError(FileSystemError::Operation::read, path, errno);
-    return bytes;
-}
-
-// Moves a file to a name that must not exist yet.
-void moveItem(const QString& from, const QString& to) {
-    const auto source = nativePath(from);
-    const auto target = nativePath(to);
-    if (::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0) return;
-    int error = errno;
-    if (error == EINVAL || error == ENOSYS) {
-        // The file system cannot refuse to replace; check by hand.
-        if (::access(target.constData(), F_OK) == 0) throw FileSystemError(FileSystemError::Operation::move, to, EEXIST);
-        if (::rename(source.constData(), target.constData()) == 0) return;
-        error = errno;
-    }
-    throw FileSystemError(FileSystemError::Operation::move, to, error);
-}
-
-// Atomically puts `replacement` in the place of `target`.
-void replaceItem(const QString& target, const QString& replacement) {
-    if (::rename(nativePath(replacement).constData(), nativePath(target).constData()) != 0)
-        throw FileSystemError(FileSystemError::Operation::replace, target, errno);
-}
-
-void copyItem(const QString& from, const QString& to) {
-    if (!QFile::copy(from, to)) throw FileSystemError(FileSystemError::Operation::copy, to);
-}
-
 // --- SQLite handles -------------------------------------------------------------
 
+// Failures that say nothing about the content: the file is locked, cannot be
+// got at right now, or the machine is short of something. A read that meets
+// one fails; it never declares the content corrupt.
 bool isTransient(int resultCode) {
-    const int primary = resultCode & 0xFF;
-    return primary == SQLITE_BUSY || primary == SQLITE_LOCKED || primary == SQLITE_NOMEM;
+    switch (resultCode & 0xFF) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_NOMEM:
+    case SQLITE_READONLY:
+    case SQLITE_IOERR:
+    case SQLITE_CANTOPEN:
+    case SQLITE_FULL:
+    case SQLITE_PERM:
+    case SQLITE_AUTH:
+    case SQLITE_PROTOCOL:
+    case SQLITE_INTERRUPT:
+        return true;
+    default:
+        return false;
+    }
 }
 
 class Connection {
@@ -269,9 +234,9 @@ private:
 
 [[noreturn]] void corrupt(std::string what) { throw SQLitePersistenceError(Kind::corrupt, std::move(what)); }
 
-std::string_view columnBytes(sqlite3_stmt* stmt) {
-    const void* data = sqlite3_column_blob(stmt, 0);
-    const int size = sqlite3_column_bytes(stmt, 0);
+std::string_view columnBytes(sqlite3_stmt* stmt, int column = 0) {
+    const void* data = sqlite3_column_blob(stmt, column);
+    const int size = sqlite3_column_bytes(stmt, column);
     if (!data || size <= 0) return {};
     return {static_cast<const char*>(data), static_cast<std::size_t>(size)};
 }
@@ -371,12 +336,17 @@ private:
 // padding, so that each payload is parsed where it lies.
 class PayloadChunk {
 public:
+    static constexpr std::size_t kKeyLength = 36;
+
     void reset(std::size_t firstRow) {
         firstRow_ = firstRow;
         bytes_.clear();
         ends_.clear();
+        keys_.clear();
     }
-    void add(std::string_view payload) {
+    // `key` is the row's id column, exactly kKeyLength characters.
+    void add(std::string_view key, std::string_view payload) {
+        keys_.append(key);
         bytes_.append(payload);
         ends_.push_back(bytes_.size());
     }
@@ -389,11 +359,13 @@ public:
         const std::size_t begin = i == 0 ? 0 : ends_[i - 1];
         return std::string_view(bytes_).substr(begin, ends_[i] - begin);
     }
+    std::string_view key(std::size_t i) const { return std::string_view(keys_).substr(i * kKeyLength, kKeyLength); }
 
 private:
     std::size_t firstRow_ = 0;
     std::string bytes_;
     std::vector<std::size_t> ends_;
+    std::string keys_;
 };
 
 // Decodes event rows into their places among the events. Used by both
@@ -409,7 +381,7 @@ public:
             // Rows after a failed one are never looked at.
             if (row > failure_.row()) return;
             try {
-                decodeRow(row, chunk.payload(i), parser);
+                decodeRow(row, chunk.key(i), chunk.payload(i), parser);
             } catch (...) {
                 failure_.record(row, std::current_exception());
                 return;
@@ -418,13 +390,18 @@ public:
     }
 
 private:
-    void decodeRow(std::size_t row, std::string_view payload, JsonDocumentParser& parser) {
+    void decodeRow(std::size_t row, std::string_view key, std::string_view payload, JsonDocumentParser& parser) {
         CalendarEvent event;
         try {
             event = parser.decodeInPlace<CalendarEvent>(payload);
         } catch (const JsonDecodingError& error) {
             corrupt(std::string("event: ") + error.what());
         }
+        // A row filed under another id than its event's would be updated and
+        // deleted by the wrong key at the next edit.
+        char id[PayloadChunk::kKeyLength];
+        event.id.write(id);
+        if (key != std::string_view(id, sizeof id)) corrupt("row key differs from its event " + event.id.toStdString());
         const std::size_t position = positions_.find(event.id);
         if (position == EventPositions::kNone) corrupt("event not in the order " + event.id.toStdString());
         if (claim(position, row, event.id)) events_[position] = std::move(event);
@@ -571,12 +548,17 @@ std::size_t readEvents(Connection& db, const std::vector<UUID>& order, std::vect
         auto chunk = queue.spare(0);
         int rc;
         while ((rc = sqlite3_step(query.get())) == SQLITE_ROW) {
-            const auto payload = columnBytes(query.get());
+            const auto key = columnBytes(query.get(), 0);
+            const auto payload = columnBytes(query.get(), 1);
             if (payload.empty()) {
                 failure.record(rows, [] { corrupt("empty event payload"); });
                 break;
             }
-            chunk->add(payload);
+            if (key.size() != PayloadChunk::kKeyLength) {
+                failure.record(rows, [] { corrupt("malformed row key"); });
+                break;
+            }
+            chunk->add(key, payload);
             ++rows;
             if (chunk->size() < kRowsPerChunk) continue;
             chunk->seal();
@@ -602,9 +584,26 @@ std::size_t readEvents(Connection& db, const std::vector<UUID>& order, std::vect
     return rows;
 }
 
+// A process killed inside a write leaves a hot rollback journal beside the
+// file. A read-only connection cannot roll it back (SQLite answers
+// SQLITE_READONLY_ROLLBACK), so a connection that may write opens the file
+// first and lets SQLite restore the state before that write. A busy or
+// locked file fails the read as it would anyway.
+void rollBackHotJournal(const QString& path) {
+    if (!QFileInfo::exists(path + QStringLiteral("-journal"))) return;
+    Connection db(path, SQLITE_OPEN_READWRITE);
+    const int rc = sqlite3_exec(db.get(), "SELECT count(*) FROM sqlite_master", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK && isTransient(rc)) failRead(db, rc, "roll back the journal");
+    // Anything else is for the read below to judge.
+}
+
 AppSnapshot readDatabase(const QString& path) {
+    rollBackHotJournal(path);
     Connection db(path, SQLITE_OPEN_READONLY);
     JsonDocumentParser parser;
+    // Metadata and rows from one state of the file, even while another
+    // connection commits.
+    db.execute("BEGIN");
 
     SQLiteMetadata metadata;
     {
@@ -623,6 +622,7 @@ AppSnapshot readDatabase(const QString& path) {
 
     const std::size_t rows = readEvents(db, metadata.eventOrder, metadata.snapshot.events, parser);
     if (rows != metadata.eventOrder.size()) corrupt("event rows do not match the event order");
+    db.execute("COMMIT");
     return std::move(metadata.snapshot);
 }
 
@@ -876,6 +876,28 @@ private:
     std::thread thread_;
 };
 
+// --- integrity ----------------------------------------------------------------------
+
+namespace {
+
+// What SQLite's own structural check says of the file: true when it finds
+// nothing. Throws when the check cannot run (locked, out of memory).
+bool passesQuickCheck(const QString& path) {
+    Connection db(path, SQLITE_OPEN_READONLY);
+    Statement check(db, "PRAGMA quick_check", Kind::operation);
+    int rc = sqlite3_step(check.get());
+    if (rc == SQLITE_ROW) {
+        const auto first = columnBytes(check.get());
+        if (first != "ok") return false;
+        rc = sqlite3_step(check.get());
+    }
+    if (rc == SQLITE_DONE) return true;
+    if (isTransient(rc)) failRead(db, rc, "quick_check");
+    return false;
+}
+
+} // namespace
+
 // --- LocalCalendarService -----------------------------------------------------------
 
 struct LocalCalendarService::EventEdit {
@@ -892,9 +914,15 @@ LocalCalendarService::LocalCalendarService(QString fileURL, Seed seed, Now now)
       now_(now ? std::move(now) : Now(&Date::now)) {
     const QUrl url(fileURL_);
     path_ = url.isLocalFile() ? url.toLocalFile() : fileURL_;
+    lock_ = std::make_unique<StoreFileLock>(path_);
+    worker_ = std::make_unique<StoreWorker>();
 }
 
-LocalCalendarService::~LocalCalendarService() = default;
+LocalCalendarService::~LocalCalendarService() {
+    stopping_ = true;
+    // The jobs handed over so far finish while everything they use is alive.
+    worker_.reset();
+}
 
 QString LocalCalendarService::backupPath(const char* label) const {
     const QFileInfo info(path_);
@@ -905,6 +933,9 @@ QString LocalCalendarService::backupPath(const char* label) const {
 }
 
 CalendarLoadResult LocalCalendarService::recover(const char* label, std::optional<std::int64_t> unsupportedVersion) {
+    // Only the process that holds the file may move it aside; any other
+    // fails its load and leaves the file to its owner.
+    lock_->require();
     const QString backup = backupPath(label);
     moveItem(path_, backup);
     AppSnapshot seed = seed_();
@@ -917,6 +948,10 @@ CalendarLoadResult LocalCalendarService::recover(const char* label, std::optiona
 
 CalendarLoadResult LocalCalendarService::loadFromDisk() {
     if (cachedSnapshot_) return CalendarLoadResult{*cachedSnapshot_, std::nullopt};
+
+    // The holder of the lock is the only writer, so whatever temporary file
+    // lies beside the state file was left by an interrupted replacement.
+    if (lock_->tryAcquire()) removeLeftoverTemporaries(path_);
 
     if (!QFileInfo::exists(path_)) {
         cachedSnapshot_ = seed_();
@@ -937,6 +972,7 @@ CalendarLoadResult LocalCalendarService::loadFromDisk() {
         cachedSnapshot_ = snapshot;
         // The reader refuses an event listed twice.
         cachedIDsDistinct_ = true;
+        scheduleIntegrityCheck();
         return CalendarLoadResult{std::move(snapshot), std::nullopt};
     }
 
@@ -959,11 +995,35 @@ CalendarLoadResult LocalCalendarService::loadFromDisk() {
     return CalendarLoadResult{std::move(migrated), std::nullopt};
 }
 
+void LocalCalendarService::scheduleIntegrityCheck() {
+    // Queued behind the load, so the caller has its snapshot while the check
+    // runs; the next operation waits for it.
+    worker_->start([this] {
+        if (!stopping_) checkIntegrity();
+    });
+}
+
+void LocalCalendarService::checkIntegrity() {
+    if (!cachedSnapshot_ || !lock_->isHeld()) return;
+    try {
+        if (passesQuickCheck(path_)) return;
+        qCWarning(lcStore) << "the calendar file is damaged; rewriting it from what was read" << path_;
+        WriteStats stats;
+        replaceWithDatabase(*cachedSnapshot_, stats, "damaged");
+        ++repairCount_;
+    } catch (const std::exception& error) {
+        // The file stays as it is; the next load checks it again.
+        qCWarning(lcStore) << "integrity check failed:" << error.what();
+    }
+}
+
 bool LocalCalendarService::write(const AppSnapshot& snapshot, const AppSnapshot* previous, const EventEdit* edit,
                                  const std::function<void()>& meanwhile) {
     const QFileInfo info(path_);
     if (!QDir().mkpath(info.absolutePath()))
         throw FileSystemError(FileSystemError::Operation::createDirectory, info.absolutePath(), errno);
+    // No other process writes this file while this one has it open.
+    lock_->require();
 
     WriteStats stats;
     bool checked = true;
@@ -1000,18 +1060,17 @@ bool LocalCalendarService::write(const AppSnapshot& snapshot, const AppSnapshot*
             if (meanwhile) meanwhile();
         }
     } else {
-        replaceWithDatabase(snapshot, stats);
+        replaceWithDatabase(snapshot, stats, "legacy");
         if (meanwhile) meanwhile();
     }
     lastWriteStats_ = stats;
     return checked;
 }
 
-void LocalCalendarService::replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats) {
+void LocalCalendarService::replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats, const char* backupLabel) {
     const QFileInfo info(path_);
     const bool existed = info.exists();
-    const QString temporary =
-        info.dir().filePath(QStringLiteral(".%1.%2.tmp").arg(info.fileName(), UUID::random().toString()));
+    const QString temporary = temporaryDatabasePath(path_);
 
     std::optional<Connection> db;
     db.emplace(temporary, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE);
@@ -1022,7 +1081,7 @@ void LocalCalendarService::replaceWithDatabase(const AppSnapshot& snapshot, Writ
         if (!existed) {
             moveItem(temporary, path_);
         } else {
-            copyItem(path_, backupPath("legacy"));
+            copyItem(path_, backupPath(backupLabel));
             replaceItem(path_, temporary);
         }
     } catch (...) {
@@ -1035,28 +1094,33 @@ void LocalCalendarService::replaceWithDatabase(const AppSnapshot& snapshot, Writ
 }
 
 // --- operations -------------------------------------------------------------------
+//
+// Each operation is one job on the worker: the reads, the writes and the
+// copies of large lists happen there, and the caller's coroutine only hands
+// the job over and takes its answer.
 
-namespace {
-
-// QCoro's promise takes an lvalue given to `co_return` by forwarding
-// reference and moves from it, which would empty the cache. Returning a
-// temporary copy keeps the cache intact.
-template <class T>
-T copyOf(const T& value) {
-    return value;
+void LocalCalendarService::ensureLoaded() {
+    if (!cachedSnapshot_) loadFromDisk();
 }
 
-} // namespace
-
-QCoro::Task<CalendarLoadResult> LocalCalendarService::load() { co_return loadFromDisk(); }
-
-QCoro::Task<void> LocalCalendarService::save(AppSnapshot snapshot) {
+void LocalCalendarService::saveNow(AppSnapshot snapshot) {
     snapshot.version = AppSnapshot::kCurrentVersion;
     const bool checked = write(snapshot, cachedSnapshot_ ? &*cachedSnapshot_ : nullptr);
     // Compared with distinct ids, saved events have distinct ids too.
     cachedIDsDistinct_ = checked || (cachedSnapshot_ && cachedIDsDistinct_);
     cachedSnapshot_ = std::move(snapshot);
-    co_return;
+}
+
+QCoro::Task<CalendarLoadResult> LocalCalendarService::load() {
+    return worker_->run([this] { return loadFromDisk(); });
+}
+
+QCoro::Task<void> LocalCalendarService::save(AppSnapshot snapshot) {
+    return worker_->run([this, snapshot = std::move(snapshot)]() mutable { saveNow(std::move(snapshot)); });
+}
+
+QCoro::Task<void> LocalCalendarService::drain() {
+    return worker_->run([] {});
 }
 
 // Moving events neither allocates nor throws, so once the room is reserved
@@ -1129,17 +1193,21 @@ std::vector<CalendarEvent> LocalCalendarService::replaceGroupAndSave(const std::
 }
 
 QCoro::Task<std::vector<Account>> LocalCalendarService::fetchAccounts() {
-    if (!cachedSnapshot_) co_await load();
-    co_return copyOf(cachedSnapshot_->accounts);
+    return worker_->run([this] {
+        ensureLoaded();
+        return cachedSnapshot_->accounts;
+    });
 }
 
 QCoro::Task<std::vector<CalendarSource>> LocalCalendarService::fetchCalendars(std::optional<std::set<UUID>> accountIDs) {
-    if (!cachedSnapshot_) co_await load();
-    if (!accountIDs) co_return copyOf(cachedSnapshot_->calendars);
-    std::vector<CalendarSource> result;
-    for (const auto& calendar : cachedSnapshot_->calendars)
-        if (calendar.accountID && accountIDs->contains(*calendar.accountID)) result.push_back(calendar);
-    co_return result;
+    return worker_->run([this, accountIDs = std::move(accountIDs)] {
+        ensureLoaded();
+        if (!accountIDs) return cachedSnapshot_->calendars;
+        std::vector<CalendarSource> result;
+        for (const auto& calendar : cachedSnapshot_->calendars)
+            if (calendar.accountID && accountIDs->contains(*calendar.accountID)) result.push_back(calendar);
+        return result;
+    });
 }
 
 namespace {
@@ -1152,64 +1220,68 @@ bool matches(const CalendarEvent& event, const CalendarEventQuery& query) {
 
 } // namespace
 
-QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::fetchEvents(CalendarEventQuery query) {
-    if (!cachedSnapshot_) co_await load();
+std::vector<CalendarEvent> LocalCalendarService::matchingEvents(const CalendarEventQuery& query) {
+    ensureLoaded();
     std::vector<CalendarEvent> result;
     for (const auto& event : cachedSnapshot_->events)
         if (matches(event, query)) result.push_back(event);
-    co_return result;
+    return result;
+}
+
+QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::fetchEvents(CalendarEventQuery query) {
+    return worker_->run([this, query = std::move(query)] { return matchingEvents(query); });
 }
 
 QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::createEvents(std::vector<CalendarEvent> events) {
-    if (!cachedSnapshot_) co_await load();
-    co_return replaceGroupAndSave(std::nullopt, std::move(events));
+    return worker_->run([this, events = std::move(events)]() mutable {
+        ensureLoaded();
+        return replaceGroupAndSave(std::nullopt, std::move(events));
+    });
 }
 
 QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::updateEvents(UUID groupID, std::vector<CalendarEvent> events) {
-    if (!cachedSnapshot_) co_await load();
-    if (cachedIDsDistinct_) {
-        co_return replaceGroupAndSave(groupID, std::move(events));
-    }
-    // Events sharing an id pair up in ways only the full comparison follows.
-    AppSnapshot snapshot = *cachedSnapshot_;
-    auto& list = snapshot.events;
-    const auto inGroup = [&](const CalendarEvent& event) { return event.groupID == groupID; };
-    const auto index = static_cast<std::size_t>(std::find_if(list.begin(), list.end(), inGroup) - list.begin());
-    std::erase_if(list, inGroup);
-    const auto at = std::min(index, list.size());
-    list.insert(list.begin() + static_cast<std::ptrdiff_t>(at), std::make_move_iterator(events.begin()),
-                std::make_move_iterator(events.end()));
-    co_await save(std::move(snapshot));
-    co_return copyOf(cachedSnapshot_->events);
+    return worker_->run([this, groupID, events = std::move(events)]() mutable {
+        ensureLoaded();
+        if (cachedIDsDistinct_) return replaceGroupAndSave(groupID, std::move(events));
+        // Events sharing an id pair up in ways only the full comparison follows.
+        AppSnapshot snapshot = *cachedSnapshot_;
+        auto& list = snapshot.events;
+        const auto inGroup = [&](const CalendarEvent& event) { return event.groupID == groupID; };
+        const auto index = static_cast<std::size_t>(std::find_if(list.begin(), list.end(), inGroup) - list.begin());
+        std::erase_if(list, inGroup);
+        const auto at = std::min(index, list.size());
+        list.insert(list.begin() + static_cast<std::ptrdiff_t>(at), std::make_move_iterator(events.begin()),
+                    std::make_move_iterator(events.end()));
+        saveNow(std::move(snapshot));
+        return cachedSnapshot_->events;
+    });
 }
 
 QCoro::Task<std::vector<CalendarEvent>> LocalCalendarService::deleteEvents(UUID groupID) {
-    if (!cachedSnapshot_) co_await load();
-    if (cachedIDsDistinct_) {
-        std::vector<CalendarEvent> none;
-        co_return replaceGroupAndSave(groupID, std::move(none));
-    }
-    AppSnapshot snapshot = *cachedSnapshot_;
-    std::erase_if(snapshot.events, [&](const CalendarEvent& event) { return event.groupID == groupID; });
-    co_await save(std::move(snapshot));
-    co_return copyOf(cachedSnapshot_->events);
+    return worker_->run([this, groupID] {
+        ensureLoaded();
+        if (cachedIDsDistinct_) return replaceGroupAndSave(groupID, {});
+        AppSnapshot snapshot = *cachedSnapshot_;
+        std::erase_if(snapshot.events, [&](const CalendarEvent& event) { return event.groupID == groupID; });
+        saveNow(std::move(snapshot));
+        return cachedSnapshot_->events;
+    });
 }
 
 QCoro::Task<std::vector<CalendarBusyInterval>> LocalCalendarService::freeBusy(std::set<UUID> calendarIDs,
                                                                               DateInterval interval,
                                                                               std::optional<UUID> excludingGroupID) {
-    // A named query: g++ 12 destroys an aggregate temporary inside a
-    // co_await expression twice.
-    CalendarEventQuery query{
-        .calendarIDs = std::move(calendarIDs), .interval = interval, .includesGeneratedBusyBlocks = true};
-    const auto events = co_await fetchEvents(std::move(query));
-    std::vector<CalendarBusyInterval> result;
-    for (const auto& event : events) {
-        if (event.availability != Availability::busy) continue;
-        if (excludingGroupID && event.groupID == *excludingGroupID) continue;
-        result.push_back(CalendarBusyInterval{event.id, event.calendarID, DateInterval{event.start, event.end}});
-    }
-    co_return result;
+    return worker_->run([this, calendarIDs = std::move(calendarIDs), interval, excludingGroupID] {
+        const CalendarEventQuery query{
+            .calendarIDs = calendarIDs, .interval = interval, .includesGeneratedBusyBlocks = true};
+        std::vector<CalendarBusyInterval> result;
+        for (const auto& event : matchingEvents(query)) {
+            if (event.availability != Availability::busy) continue;
+            if (excludingGroupID && event.groupID == *excludingGroupID) continue;
+            result.push_back(CalendarBusyInterval{event.id, event.calendarID, DateInterval{event.start, event.end}});
+        }
+        return result;
+    });
 }
 
 } // namespace tavelo

@@ -358,8 +358,9 @@ TEST_F(LocalCalendarServiceTest, EventOperationsWriteWhatAFullSaveWritesAndUndoF
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const QString fastPath = dir.filePath(QString("fast-%1.json").arg(&c - cases.data()));
-        const QString fullPath = dir.filePath(QString("full-%1.json").arg(&c - cases.data()));
+        // Each store in a directory of its own: a store locks its directory.
+        const QString fastPath = dir.filePath(QString("fast-%1/state.json").arg(&c - cases.data()));
+        const QString fullPath = dir.filePath(QString("full-%1/state.json").arg(&c - cases.data()));
         auto fast = makeService(fastPath), full = makeService(fullPath);
         syncWait(fast->save(before));
         syncWait(full->save(before));
