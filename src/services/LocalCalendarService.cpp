@@ -967,6 +967,10 @@ CalendarLoadResult LocalCalendarService::loadFromDisk() {
             if (error.kind() != Kind::corrupt) throw;
             return recover("corrupt", std::nullopt);
         }
+        // The read would have failed on a hot journal, so a journal still
+        // here is one a killed writer began and never used: for the holder of
+        // the lock, nobody else's.
+        if (lock_->isHeld()) QFile::remove(path_ + QStringLiteral("-journal"));
         if (isUnsupported(snapshot.version)) return recover("unsupported", snapshot.version);
         snapshot.version = AppSnapshot::kCurrentVersion;
         cachedSnapshot_ = snapshot;
