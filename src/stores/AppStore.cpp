@@ -1,5 +1,9 @@
 #include "stores/AppStore.h"
 
+#include <QThreadPool>
+
+#include <QCoro/QCoroTimer>
+
 #include "support/Observable.h"
 
 #include "stores/EventAccessPolicy.h"
@@ -7,6 +11,7 @@
 #include "support/TextFolding.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -39,6 +44,19 @@ namespace {
 // Equality of events, as their == has it, but quick for the common case of a
 // list compared with a copy of itself: copied texts share their characters,
 // so those are not read, and ids compare as two words each.
+// Freeing a workspace's worth of events takes the GUI thread milliseconds;
+// a large list goes to a pool thread to be freed there. Its texts are shared
+// with copies on this thread only through atomic counts.
+void releaseInBackground(std::vector<CalendarEvent>&& events) {
+    constexpr std::size_t kLarge = 512;
+    if (events.size() < kLarge) {
+        std::vector<CalendarEvent>().swap(events);
+        return;
+    }
+    auto doomed = std::make_shared<std::vector<CalendarEvent>>(std::move(events));
+    QThreadPool::globalInstance()->start([doomed]() mutable { doomed.reset(); });
+}
+
 bool same(const UUID& a, const UUID& b) {
     std::uint64_t x[2], y[2];
     std::memcpy(x, a.bytes().data(), sizeof x);
@@ -100,6 +118,16 @@ bool same(const CalendarEvent& a, const CalendarEvent& b) {
 
 AppSnapshot AppStore::snapshot() const {
     return AppSnapshot(snapshotVersion_, accounts_, calendars_, events_, tags_, preferences_, googleSyncStates_);
+}
+
+void AppStore::apply(AppSnapshot&& snapshot) {
+    setSnapshotVersion(snapshot.version);
+    setAccounts(std::move(snapshot.accounts));
+    setCalendars(std::move(snapshot.calendars));
+    setEvents(std::move(snapshot.events));
+    setTags(std::move(snapshot.tags));
+    setPreferences(std::move(snapshot.preferences));
+    googleSyncStates_ = normalizedSyncStates(snapshot.googleSyncStates);
 }
 
 void AppStore::apply(const AppSnapshot& snapshot) {
@@ -166,6 +194,8 @@ QCoro::Task<std::optional<CalendarServiceWarning>> AppStore::reloadSnapshotFromS
     const AppSnapshot& base = loaded.snapshot;
     apply(AppSnapshot(base.version, std::move(accounts), std::move(calendars), std::move(events), base.tags,
                       base.preferences, base.googleSyncStates));
+    // The load's own copy of the events is not needed.
+    releaseInBackground(std::move(loaded.snapshot.events));
     co_return std::move(loaded.warning);
 }
 
@@ -560,12 +590,30 @@ QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> sto
                                                   GoogleMutationOperation operation, UUID groupID,
                                                   std::vector<CalendarEvent> desiredGroup,
                                                   std::function<void()> rollBack) {
+    QPointer<AppStore> self(this);
     if (!failure) {
-        setEvents(std::move(stored));
+        // The answer is the whole list, nearly always what the screen shows
+        // already. Comparing 50,000 events at once would hold the GUI thread
+        // for milliseconds, so the comparison gives the event loop a turn
+        // between slices; the transaction keeps other writers out meanwhile.
+        constexpr std::size_t kSlice = 4096;
+        bool unchanged = stored.size() == events_.size();
+        for (std::size_t from = 0; unchanged && from < stored.size(); from += kSlice) {
+            if (from > 0) {
+                co_await QCoro::sleepFor(std::chrono::milliseconds(0));
+                if (!self) co_return false;
+                if (stored.size() != events_.size()) break;
+            }
+            const std::size_t to = std::min(from + kSlice, stored.size());
+            for (std::size_t i = from; i < to && unchanged; ++i) unchanged = same(events_[i], stored[i]);
+        }
+        if (unchanged && stored.size() == events_.size())
+            releaseInBackground(std::move(stored));
+        else
+            setEvents(std::move(stored));
         clearPersistenceMessage();
         co_return true;
     }
-    QPointer<AppStore> self(this);
     // The screen goes back to the state before the change before anything
     // else looks at it.
     rollBack();
@@ -781,7 +829,8 @@ QCoro::Task<bool> AppStore::setTagOrder(std::vector<UUID> tagIDs) {
 
 QCoro::Task<bool> AppStore::commitTags(std::vector<Tag> tags) {
     normalizeTagOrder(tags);
-    if (tags == tags_) co_return true;
+    // Saved even when nothing changed: every tag operation saves, and its
+    // success clears an older message and its retry.
     AppSnapshot previous = snapshot();
     setTags(std::move(tags));
     co_return co_await persistOrRollBack(std::move(previous), std::nullopt);
@@ -891,8 +940,12 @@ void AppStore::setCalendars(std::vector<CalendarSource> value) {
 
 void AppStore::setEvents(std::vector<CalendarEvent> value) {
     // A service answers with the whole list, mostly equal to what is shown.
-    if (same(events_, value)) return;
-    events_ = std::move(value);
+    if (same(events_, value)) {
+        releaseInBackground(std::move(value));
+        return;
+    }
+    std::swap(events_, value);
+    releaseInBackground(std::move(value));
     emit eventsChanged();
 }
 

@@ -111,6 +111,7 @@ public:
     // The inverse of `snapshot`: assigns every field through its comparing
     // setter, so only what really changed is announced.
     void apply(const AppSnapshot& snapshot);
+    void apply(AppSnapshot&& snapshot);
 
     // --- Persistence transaction -------------------------------------------
     //
@@ -293,7 +294,7 @@ private:
                                                    UUID groupID, std::vector<CalendarEvent> completeDesiredEvents,
                                                    const AppSnapshot& previous);
     // The body of the tag operations: shows `tags` in their new order and
-    // saves, rolling back on a failure. Unchanged tags end it without a save.
+    // saves, rolling back on a failure. Unchanged tags are saved all the same.
     QCoro::Task<bool> commitTags(std::vector<Tag> tags);
 
     // Retry seams of the Google cases. They lead to the Google actions of the

@@ -506,6 +506,21 @@ TEST_F(AppStoreTest, TagsKeepTrimmedNamesAndTheirOrderAndDeletionClearsThemFromE
     EXPECT_EQ(stored(), store.snapshot());
 }
 
+TEST_F(AppStoreTest, ATagOperationThatChangesNothingStillSavesAndClearsTheMessage) {
+    auto& store = loaded();
+    {
+        ExclusiveDatabaseLock lock(path());
+        EXPECT_FALSE(syncWait(store.moveTags({1}, 1))) << "onto its own place, and still a save that fails";
+        EXPECT_TRUE(store.hasLastError());
+        EXPECT_FALSE(syncWait(store.toggleCalendarVisibility(work)));
+        EXPECT_TRUE(store.canRetry());
+    }
+    EXPECT_TRUE(syncWait(store.setTagOrder({})));
+    EXPECT_FALSE(store.hasLastError());
+    EXPECT_FALSE(store.canRetry());
+    EXPECT_EQ(stored(), initial);
+}
+
 // --- Standalone meetings ---------------------------------------------------
 
 TEST_F(AppStoreTest, StandaloneMeetingsLiveOnTheLocalCalendarAddedOnce) {
