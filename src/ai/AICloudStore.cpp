@@ -387,17 +387,28 @@ QCoro::Task<bool> AICloudStore::prepareReplacement(std::int64_t generation, std:
     if (!session_ || !beforeDisconnect_) co_return false;
     QPointer<AICloudStore> self(this);
     auto hook = beforeDisconnect_;
-    co_await hook();
-    ensureCurrent(self, generation, stop);
+    try {
+        co_await hook();
+        ensureCurrent(self, generation, stop);
+    } catch (...) {
+        // The hook ran (or began to): whatever ends the replacement here,
+        // the parts it stopped go on with the old session.
+        if (self && afterDisconnectFailure_) afterDisconnectFailure_();
+        throw;
+    }
     co_return true;
 }
 
-QCoro::Task<void> AICloudStore::saveReplacementToken(QString token, QString key, bool preparedReplacement) {
+QCoro::Task<void> AICloudStore::saveReplacementToken(QString token, QString key, bool preparedReplacement,
+                                                     std::int64_t generation, std::stop_token stop) {
     QPointer<AICloudStore> self(this);
     try {
         co_await saveToken(std::move(token), std::move(key));
+        ensureCurrent(self, generation, stop);
     } catch (...) {
-        // Let the parts stopped for the replacement go on with the old session.
+        // A failure, a cancellation or a newer sign-in: the replacement did
+        // not complete, so the parts stopped for it go on with the old
+        // session.
         if (self && preparedReplacement && afterDisconnectFailure_) afterDisconnectFailure_();
         throw;
     }
@@ -426,8 +437,7 @@ QCoro::Task<void> AICloudStore::signIn(QString email, QString password, std::sto
         throw CloudError(kSessionUnconfirmed);
 
     const bool prepared = co_await prepareReplacement(generation, stop);
-    co_await saveReplacementToken(*refreshToken, kIdentityKeyPrefix + hosted, prepared);
-    ensureCurrent(self, generation, stop);
+    co_await saveReplacementToken(*refreshToken, kIdentityKeyPrefix + hosted, prepared, generation, stop);
 
     identityToken_ = *idToken;
     identityExpiry_ = deps_.now().addingSeconds(kIdentityTokenLifetime);
@@ -462,8 +472,7 @@ QCoro::Task<void> AICloudStore::connectPrivateServer(QString endpoint, QString t
         throw CloudError(kNotOwnerServer);
 
     const bool prepared = co_await prepareReplacement(generation, stop);
-    co_await saveReplacementToken(token, trimmed, prepared);
-    ensureCurrent(self, generation, stop);
+    co_await saveReplacementToken(token, trimmed, prepared, generation, stop);
 
     identityToken_.reset();
     identityExpiry_ = kDistantPast;

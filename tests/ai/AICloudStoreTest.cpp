@@ -203,6 +203,29 @@ TEST_F(AICloudStoreTest, FailedReplacementLeavesThePreviousSessionUntouched) {
     EXPECT_EQ(makeStore()->endpoint(), privateServer.baseUrl()); // also for the next start
 }
 
+TEST_F(AICloudStoreTest, ACancelledReplacementGivesBackWhatItStopped) {
+    auto store = connectedStore();
+    LocalHttpServer other;
+    other.route("GET", "/v1/session", CannedResponse::json(200, R"({"userID":"owner","kind":"owner"})"));
+    const auto connection = store->connectionID();
+    int before = 0, after = 0;
+    std::stop_source stopper;
+    // Cancelled while the parts are being stopped, then while the key is saved.
+    store->setBeforeDisconnect([&]() -> QCoro::Task<void> {
+        if (++before == 1) stopper.request_stop();
+        co_return;
+    });
+    store->setAfterDisconnectFailure([&] { ++after; });
+    EXPECT_THROW(syncWait(store->connectPrivateServer(other.baseUrl(), kOwnerKey, stopper.get_token())), CancellationError);
+    EXPECT_EQ(std::pair(before, after), std::pair(1, 1));
+
+    std::stop_source second;
+    secrets->onSave = [&] { second.request_stop(); };
+    EXPECT_THROW(syncWait(store->connectPrivateServer(other.baseUrl(), kOwnerKey, second.get_token())), CancellationError);
+    EXPECT_EQ(std::pair(before, after), std::pair(2, 2));
+    EXPECT_EQ(store->connectionID(), connection);
+}
+
 TEST_F(AICloudStoreTest, SignOutNeedsTheRootsConsentThenStopsEveryRequestAtTheDoor) {
     auto store = connectedStore();
     privateServer.route("GET", "/v1/state", CannedResponse::json(200, kStateJSON));

@@ -7,6 +7,7 @@
 #include "support/Async.h"
 
 #include <QCoreApplication>
+#include <QThread>
 
 #include <cstdio>
 #include <cstdlib>
@@ -29,7 +30,19 @@ int main(int argc, char** argv) {
         std::printf("ready\n");
         std::fflush(stdout);
         AppSnapshot model = std::move(loaded.snapshot);
-        for (std::uint64_t n = std::strtoull(argv[2], nullptr, 10) + 1;; ++n) syncWait(crashloop::perform(service, model, n));
+        for (std::uint64_t n = std::strtoull(argv[2], nullptr, 10) + 1;; ++n) {
+            // A reader in another process can keep a write out for a moment
+            // (the database is busy); the same step is tried again.
+            for (int attempt = 0;; ++attempt) {
+                try {
+                    syncWait(crashloop::perform(service, model, n));
+                    break;
+                } catch (const SQLitePersistenceError& error) {
+                    if (error.kind() != SQLitePersistenceError::Kind::operation || attempt == 200) throw;
+                    QThread::msleep(10);
+                }
+            }
+        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "failed: %s\n", error.what());
         return 4;

@@ -1,6 +1,7 @@
 #include "stores/AppStore.h"
 
 #include "services/LocalCalendarService.h"
+#include "support/TestWait.h"
 #include "stores/EventAccessPolicy.h"
 #include "stores/EventMutationEngine.h"
 
@@ -217,8 +218,7 @@ TEST_F(AppStoreTest, CancelledLoadLeavesTheQueueWithoutATrace) {
     auto cancelled = store.load(cancel.get_token());
     ASSERT_EQ(store.persistenceTransactionWaiterCount(), 1u);
     cancel.request_stop();
-    for (int i = 0; i < 5; ++i) QCoreApplication::processEvents();
-    EXPECT_TRUE(cancelled.isReady());
+    EXPECT_TRUE(tavelo::testing::waitUntil([&] { return cancelled.isReady(); }));
     EXPECT_EQ(store.persistenceTransactionWaiterCount(), 0u);
     store.releasePersistenceTransaction();
     syncWait(store.load(cancel.get_token())); // stopped beforehand: does nothing
