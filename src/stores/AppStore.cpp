@@ -497,11 +497,10 @@ QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> edit
     }
     if (!self) co_return false;
     const auto operation = isCreation ? GoogleMutationOperation::create : GoogleMutationOperation::update;
-    const std::function<void()> rollBack = [&] {
-        if (shown) restoreGroup(groupID, before);
-    };
-    co_return co_await concludeEventMutation(std::move(stored), failure, operation, groupID, std::move(group),
-                                             rollBack);
+    // The screen goes back to the state before the change before anything
+    // else looks at it.
+    if (failure && shown) restoreGroup(groupID, before);
+    co_return co_await concludeEventMutation(std::move(stored), failure, operation, groupID, std::move(group));
 }
 
 QCoro::Task<bool> AppStore::moveEvent(UUID eventID, DateInterval interval) {
@@ -552,9 +551,9 @@ QCoro::Task<bool> AppStore::deleteEvent(UUID eventID) {
     if (!self) co_return false;
     // Nothing of the group is meant to remain.
     std::vector<CalendarEvent> desiredGroup;
-    const std::function<void()> rollBack = [&] { restoreGroup(groupID, before); };
+    if (failure) restoreGroup(groupID, before);
     co_return co_await concludeEventMutation(std::move(stored), failure, GoogleMutationOperation::remove, groupID,
-                                             std::move(desiredGroup), rollBack);
+                                             std::move(desiredGroup));
 }
 
 AppStore::GroupPlaces AppStore::groupPlaces(const UUID& groupID) const {
@@ -588,8 +587,7 @@ void AppStore::restoreGroup(const UUID& groupID, const GroupPlaces& before) {
 
 QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> stored, std::exception_ptr failure,
                                                   GoogleMutationOperation operation, UUID groupID,
-                                                  std::vector<CalendarEvent> desiredGroup,
-                                                  std::function<void()> rollBack) {
+                                                  std::vector<CalendarEvent> desiredGroup) {
     QPointer<AppStore> self(this);
     if (!failure) {
         // The answer is the whole list, nearly always what the screen shows
@@ -614,12 +612,9 @@ QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> sto
         clearPersistenceMessage();
         co_return true;
     }
-    // The screen goes back to the state before the change before anything
-    // else looks at it.
-    rollBack();
-    const AppSnapshot previous = snapshot();
+    AppSnapshot previous = snapshot();
     const bool recovered =
-        co_await recoverPartialGoogleMutation(failure, operation, groupID, std::move(desiredGroup), previous);
+        co_await recoverPartialGoogleMutation(failure, operation, groupID, std::move(desiredGroup), std::move(previous));
     if (!self || recovered) co_return false;
     recordMutationFailure(failure, std::nullopt);
     co_return false;
@@ -628,7 +623,7 @@ QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> sto
 // The Google service does not report partial mutations yet; every failure is
 // a whole one.
 QCoro::Task<bool> AppStore::recoverPartialGoogleMutation(std::exception_ptr, GoogleMutationOperation, UUID,
-                                                         std::vector<CalendarEvent>, const AppSnapshot&) {
+                                                         std::vector<CalendarEvent>, AppSnapshot) {
     co_return false;
 }
 
@@ -706,7 +701,7 @@ QCoro::Task<EventAvailabilityState> AppStore::eventAvailability(EventDraft draft
     context.accounts = accounts_;
     context.calendars = calendars_;
     context.preferences = preferences_;
-    auto state = co_await AvailabilityPolicy::eventAvailability(*service, draft, context, calendar, question.get_token());
+    auto state = co_await AvailabilityPolicy::eventAvailability(service, draft, context, calendar, question.get_token());
     // Asked again meanwhile: this answer is stale.
     if (question.stop_requested()) co_return EventAvailabilityState::loading();
     co_return state;

@@ -280,19 +280,19 @@ private:
     void restoreGroup(const UUID& groupID, const GroupPlaces& before);
     // The end of an event mutation whose service call has returned `stored`
     // or failed with `failure`: on success the stored events are shown and
-    // the message clears; on a failure `rollBack` restores the screen as it
-    // was before the change and the failure is reported without a retry. The
-    // caller holds the transaction.
+    // the message clears; on a failure (the caller has put the screen back as
+    // it was before the change) it is reported without a retry. The caller
+    // holds the transaction.
     QCoro::Task<bool> concludeEventMutation(std::vector<CalendarEvent> stored, std::exception_ptr failure,
                                             GoogleMutationOperation operation, UUID groupID,
-                                            std::vector<CalendarEvent> desiredGroup, std::function<void()> rollBack);
+                                            std::vector<CalendarEvent> desiredGroup);
     // Where a mutation that reached only some of its Google calendars is taken
     // over: it restores what the service really holds and offers the rest as
     // a targeted retry. Answers whether it took the failure; none is taken
     // until the Google service reports partial mutations.
     QCoro::Task<bool> recoverPartialGoogleMutation(std::exception_ptr failure, GoogleMutationOperation operation,
                                                    UUID groupID, std::vector<CalendarEvent> completeDesiredEvents,
-                                                   const AppSnapshot& previous);
+                                                   AppSnapshot previous);
     // The body of the tag operations: shows `tags` in their new order and
     // saves, rolling back on a failure. Unchanged tags are saved all the same.
     QCoro::Task<bool> commitTags(std::vector<Tag> tags);
