@@ -4,6 +4,7 @@
 // answers and the ChatGPT device-code login.
 
 #include "CloudTestSupport.h"
+#include "support/Golden.h"
 
 #include <QCryptographicHash>
 #include <QElapsedTimer>
@@ -134,6 +135,30 @@ TEST_F(AICloudStoreTest, CacheIsShownAtTheNextSignInUnlessUnreadableOrUnwritable
     EXPECT_EQ(store->errorMessage(), QString("AI Scheduleのキャッシュを保存できませんでした。"));
     EXPECT_EQ(store->state().schedules.size(), 1u);
     EXPECT_FALSE(store->isRefreshing());
+}
+
+// The cache file's bytes are a format of their own: what an older or newer
+// Tavelo finds on disk.
+TEST_F(AICloudStoreTest, CacheFileMatchesItsGoldenBytes) {
+    auto store = connectedStore();
+    const QByteArray state = R"({"schedules":[{"id":"6F1C2A9E-4B1D-4F0A-9C53-2E7D8B1A0C11","title":"朝の要約 \"daily\"",
+        "prompt":"要約して\n箇条書きで","firstRun":1767258000,"timeZoneID":"Asia/Tokyo","recurrence":"daily","isPaused":true}],
+        "runs":[{"id":"run-1","scheduleID":"6F1C2A9E-4B1D-4F0A-9C53-2E7D8B1A0C11","scheduledAt":1767258000,
+        "startedAt":1767258001,"endedAt":1767258030,"status":"failed","output":"","error":"時間切れ"},
+        {"id":"run-2","scheduleID":"6F1C2A9E-4B1D-4F0A-9C53-2E7D8B1A0C11","scheduledAt":1767344400,
+        "status":"queued","output":""}]})";
+    privateServer.route("GET", "/v1/state", CannedResponse::json(200, state));
+    syncWait(store->refresh());
+    ASSERT_EQ(store->errorMessage(), std::nullopt);
+    QFile file(*store->cacheFilePath());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    tavelo::testing::expectGolden("ai-cloud-cache.json", file.readAll());
+    // And the golden bytes read back as the same state.
+    file.close();
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(tavelo::testing::goldenBytes("ai-cloud-cache.json"));
+    file.close();
+    EXPECT_EQ(connectedStore()->state(), store->state());
 }
 
 TEST(NetworkHTTPTransportTest, HeldRepliesTimeOutAndClosedPortsFail) {
