@@ -146,6 +146,14 @@ QCoro::Task<bool> AppStore::acquirePersistenceTransaction(bool cancellationAware
     return persistenceTransaction_.acquire(cancellationAware, std::move(token));
 }
 
+QCoro::Task<std::unique_ptr<AppStore::TransactionHold>> AppStore::holdTransaction() {
+    QPointer<AppStore> self(this);
+    co_await acquirePersistenceTransaction(false);
+    std::unique_ptr<TransactionHold> hold;
+    if (self) hold = std::make_unique<TransactionHold>(this);
+    co_return hold;
+}
+
 void AppStore::releasePersistenceTransaction() {
     persistenceTransaction_.release();
 }
@@ -239,9 +247,8 @@ QCoro::Task<void> AppStore::refreshGoogleState() {
 QCoro::Task<void> AppStore::persist() {
     QPointer<AppStore> self(this);
     // Not cancellation-aware: this always ends up owning the transaction.
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return;
     co_await persistHoldingTransaction();
 }
 
@@ -320,9 +327,8 @@ void AppStore::recordFailure(const QString& message, std::optional<StoreRetryOpe
 QCoro::Task<bool> AppStore::setTaskCompletion(UUID eventID, bool isCompleted) {
     QPointer<AppStore> self(this);
     const auto service = service_;
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     const AppSnapshot previous = snapshot();
     const auto target = std::find_if(events_.begin(), events_.end(), [&](const CalendarEvent& e) { return e.id == eventID; });
@@ -368,9 +374,8 @@ QCoro::Task<bool> AppStore::toggleTaskCompletion(UUID eventID) {
 
 QCoro::Task<bool> AppStore::setCalendarVisibility(UUID calendarID, bool isVisible) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     const AppSnapshot previous = snapshot();
     auto calendars = calendars_;
@@ -390,9 +395,8 @@ QCoro::Task<bool> AppStore::toggleCalendarVisibility(UUID calendarID) {
 
 QCoro::Task<bool> AppStore::setPastSearchResultsIncluded(bool isIncluded) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (preferences_.includePastSearchResults == isIncluded) co_return true;
     const AppSnapshot previous = snapshot();
@@ -404,9 +408,8 @@ QCoro::Task<bool> AppStore::setPastSearchResultsIncluded(bool isIncluded) {
 
 QCoro::Task<bool> AppStore::updatePreferencesNow(AppPreferences preferences) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (preferences_ == preferences) co_return true;
     const AppSnapshot previous = snapshot();
@@ -444,9 +447,8 @@ std::optional<QString> AppStore::eventValidationMessage(const EventDraft& draft)
 QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> editingEventID) {
     QPointer<AppStore> self(this);
     const auto service = service_;
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (const auto message = eventValidationMessage(draft)) {
         recordMessage(*message);
@@ -523,9 +525,8 @@ QCoro::Task<bool> AppStore::moveEvent(UUID eventID, DateInterval interval) {
 QCoro::Task<bool> AppStore::deleteEvent(UUID eventID) {
     QPointer<AppStore> self(this);
     const auto service = service_;
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     const CalendarEvent* event = findEvent(events_, eventID);
     if (!event) {
@@ -631,9 +632,8 @@ QCoro::Task<bool> AppStore::recoverPartialGoogleMutation(std::exception_ptr, Goo
 
 QCoro::Task<std::optional<CalendarEvent>> AppStore::createStandaloneMeeting(QString title, Date start, Date end) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return std::nullopt;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return std::nullopt;
 
     const CalendarSource& local = CalendarSource::tavelo();
     AppSnapshot previous = snapshot();
@@ -666,9 +666,8 @@ QCoro::Task<std::optional<CalendarEvent>> AppStore::createStandaloneMeeting(QStr
 
 QCoro::Task<bool> AppStore::updateStandaloneMeeting(UUID eventID, QString title, Date start, Date end) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     const CalendarEvent* meeting = findEvent(events_, eventID);
     if (!meeting || meeting->isGeneratedBusyBlock || meeting->calendarID != CalendarSource::tavelo().id)
@@ -727,9 +726,8 @@ void AppStore::normalizeTagOrder(std::vector<Tag>& tags) {
 
 QCoro::Task<bool> AppStore::addTag(Tag tag) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (const auto message = validatedTagName(tag.name, tag.id)) {
         recordMessage(*message);
@@ -743,9 +741,8 @@ QCoro::Task<bool> AppStore::addTag(Tag tag) {
 
 QCoro::Task<bool> AppStore::updateTag(Tag tag) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (const auto message = validatedTagName(tag.name, tag.id)) {
         recordMessage(*message);
@@ -761,9 +758,8 @@ QCoro::Task<bool> AppStore::updateTag(Tag tag) {
 
 QCoro::Task<bool> AppStore::deleteTag(UUID tagID) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (std::none_of(tags_.begin(), tags_.end(), [&](const Tag& t) { return t.id == tagID; })) co_return false;
     AppSnapshot previous = snapshot();
@@ -780,9 +776,8 @@ QCoro::Task<bool> AppStore::deleteTag(UUID tagID) {
 
 QCoro::Task<bool> AppStore::moveTags(std::set<int> fromOffsets, int toOffset) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     std::vector<Tag> moved;
     std::vector<Tag> staying;
@@ -802,9 +797,8 @@ QCoro::Task<bool> AppStore::moveTags(std::set<int> fromOffsets, int toOffset) {
 
 QCoro::Task<bool> AppStore::setTagOrder(std::vector<UUID> tagIDs) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     std::vector<Tag> ordered;
     ordered.reserve(tags_.size());

@@ -252,6 +252,12 @@ private:
         bool held_ = true;
     };
 
+    // The prologue of every writer: waits for the transaction (not
+    // cancellation-aware) and holds it until the answer is destroyed. Empty
+    // when the store went away meanwhile; a CancellationError when the store
+    // was dropped while this waited in the queue.
+    QCoro::Task<std::unique_ptr<TransactionHold>> holdTransaction();
+
     // Reads everything back from the service and applies it. Returns the
     // load's warning. Used by `load` and, later, after Google actions.
     QCoro::Task<std::optional<CalendarServiceWarning>> reloadSnapshotFromService();

@@ -226,6 +226,18 @@ TEST_F(AppStoreTest, CancelledLoadLeavesTheQueueWithoutATrace) {
     EXPECT_TRUE(store.accounts().empty());
 }
 
+TEST_F(AppStoreTest, ADroppedStoreStrandsNoWriterWaitingForItsTransaction) {
+    auto& store = loaded();
+    ASSERT_TRUE(syncWait(store.acquirePersistenceTransaction(false)));
+    auto waiting = store.saveEvent(draft("Lunch", {work}), std::nullopt);
+    auto tags = store.moveTags({0}, 2);
+    ASSERT_EQ(store.persistenceTransactionWaiterCount(), 2u);
+    this->store.reset();
+    EXPECT_THROW(syncWait(waiting), CancellationError);
+    EXPECT_THROW(syncWait(tags), CancellationError);
+    EXPECT_EQ(stored(), initial);
+}
+
 // --- Saving, rollback and retry ------------------------------------------------------
 
 TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
