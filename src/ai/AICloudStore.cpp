@@ -7,6 +7,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QLoggingCategory>
 #include <QFileInfo>
 #include <QSaveFile>
 #include <QStandardPaths>
@@ -14,6 +15,8 @@
 #include <QTextBoundaryFinder>
 
 namespace tavelo {
+
+Q_LOGGING_CATEGORY(lcAICloud, "tavelo.aicloud")
 
 namespace {
 
@@ -719,7 +722,9 @@ std::optional<AICloudState> AICloudStore::readCache(const QString& workspaceID) 
     const QByteArray data = file.readAll();
     try {
         return AICloudState::fromCloudJson(std::string_view(data.constData(), static_cast<std::size_t>(data.size())));
-    } catch (const std::exception&) {
+    } catch (const std::exception& error) {
+        // The next refresh writes it anew; until then nothing is shown.
+        qCWarning(lcAICloud) << "unreadable AI cache" << file.fileName() << error.what();
         return std::nullopt;
     }
 }

@@ -1,5 +1,6 @@
 #include "stores/AppStore.h"
 
+#include <QLoggingCategory>
 #include <QThreadPool>
 
 #include <QCoro/QCoroTimer>
@@ -7,6 +8,7 @@
 #include "support/Observable.h"
 
 #include "stores/EventAccessPolicy.h"
+#include "stores/EventEquality.h"
 #include "stores/EventMutationEngine.h"
 #include "support/TextFolding.h"
 
@@ -20,6 +22,8 @@
 #include <utility>
 
 namespace tavelo {
+
+Q_LOGGING_CATEGORY(lcAppStore, "tavelo.appstore")
 
 AppStore::AppStore(std::shared_ptr<CalendarService> service, std::shared_ptr<GoogleAccountService> googleAccountService,
                    QString googleOAuthConfigurationPath, QObject* parent)
@@ -41,9 +45,6 @@ AppStore::~AppStore() {
 
 namespace {
 
-// Equality of events, as their == has it, but quick for the common case of a
-// list compared with a copy of itself: copied texts share their characters,
-// so those are not read, and ids compare as two words each.
 // Freeing a workspace's worth of events takes the GUI thread milliseconds;
 // a large list goes to a pool thread to be freed there. Its texts are shared
 // with copies on this thread only through atomic counts.
@@ -57,60 +58,6 @@ void releaseInBackground(std::vector<CalendarEvent>&& events) {
     QThreadPool::globalInstance()->start([doomed]() mutable { doomed.reset(); });
 }
 
-bool same(const UUID& a, const UUID& b) {
-    std::uint64_t x[2], y[2];
-    std::memcpy(x, a.bytes().data(), sizeof x);
-    std::memcpy(y, b.bytes().data(), sizeof y);
-    return x[0] == y[0] && x[1] == y[1];
-}
-bool same(const QString& a, const QString& b) {
-    return (a.size() == b.size() && a.constData() == b.constData()) || a == b;
-}
-bool same(const QUrl& a, const QUrl& b) {
-    // data_ptr() only reads the shared pointer; it detaches nothing.
-    return const_cast<QUrl&>(a).data_ptr() == const_cast<QUrl&>(b).data_ptr() || a == b;
-}
-bool same(const Guest& a, const Guest& b);
-bool same(const CalendarEvent& a, const CalendarEvent& b);
-template <class T>
-bool same(const T& a, const T& b) {
-    return a == b;
-}
-template <class T>
-bool same(const std::optional<T>& a, const std::optional<T>& b) {
-    return a.has_value() == b.has_value() && (!a || same(*a, *b));
-}
-bool same(const Guest& a, const Guest& b) {
-    // Bound field by field, so that a new field fails to compile here
-    // instead of being passed over.
-    const auto& [id, name, email, status] = a;
-    const auto& [otherID, otherName, otherEmail, otherStatus] = b;
-    return same(id, otherID) && same(name, otherName) && same(email, otherEmail) && same(status, otherStatus);
-}
-template <class T>
-bool same(const std::vector<T>& a, const std::vector<T>& b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](const T& x, const T& y) { return same(x, y); });
-}
-bool same(const CalendarEvent& a, const CalendarEvent& b) {
-    const auto& [id, groupID, sourceEventID, kind, title, start, end, isAllDay, recurrence, calendarID, tagID,
-                 location, notes, guests, notifications, meetURL, availability, visibility, isCompleted,
-                 isGeneratedBusyBlock, externalUID, googleEventID, googleETag, googleUpdatedAt] = a;
-    const auto& [otherID, otherGroupID, otherSourceEventID, otherKind, otherTitle, otherStart, otherEnd,
-                 otherIsAllDay, otherRecurrence, otherCalendarID, otherTagID, otherLocation, otherNotes, otherGuests,
-                 otherNotifications, otherMeetURL, otherAvailability, otherVisibility, otherIsCompleted,
-                 otherIsGeneratedBusyBlock, otherExternalUID, otherGoogleEventID, otherGoogleETag,
-                 otherGoogleUpdatedAt] = b;
-    return same(id, otherID) && same(groupID, otherGroupID) && same(sourceEventID, otherSourceEventID) &&
-           same(kind, otherKind) && same(title, otherTitle) && same(start, otherStart) && same(end, otherEnd) &&
-           same(isAllDay, otherIsAllDay) && same(recurrence, otherRecurrence) && same(calendarID, otherCalendarID) &&
-           same(tagID, otherTagID) && same(location, otherLocation) && same(notes, otherNotes) &&
-           same(guests, otherGuests) && same(notifications, otherNotifications) && same(meetURL, otherMeetURL) &&
-           same(availability, otherAvailability) && same(visibility, otherVisibility) &&
-           same(isCompleted, otherIsCompleted) && same(isGeneratedBusyBlock, otherIsGeneratedBusyBlock) &&
-           same(externalUID, otherExternalUID) && same(googleEventID, otherGoogleEventID) &&
-           same(googleETag, otherGoogleETag) && same(googleUpdatedAt, otherGoogleUpdatedAt);
-}
 
 } // namespace
 
@@ -565,7 +512,7 @@ AppStore::GroupPlaces AppStore::groupPlaces(const UUID& groupID) const {
 }
 
 bool AppStore::showGroup(const UUID& groupID, const std::vector<CalendarEvent>& group) {
-    const auto inGroup = [&](const CalendarEvent& event) { return same(event.groupID, groupID); };
+    const auto inGroup = [&](const CalendarEvent& event) { return event.groupID == groupID; };
     const auto first = std::find_if(events_.begin(), events_.end(), inGroup);
     const auto members = static_cast<std::size_t>(std::count_if(first, events_.end(), inGroup));
     // Equal members in a row from the first one: the group stands as wanted.
@@ -604,7 +551,7 @@ QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> sto
                 if (stored.size() != events_.size()) break;
             }
             const std::size_t to = std::min(from + kSlice, stored.size());
-            for (std::size_t i = from; i < to && unchanged; ++i) unchanged = same(events_[i], stored[i]);
+            for (std::size_t i = from; i < to && unchanged; ++i) unchanged = EventEquality::same(events_[i], stored[i]);
         }
         if (unchanged && stored.size() == events_.size())
             releaseInBackground(std::move(stored));
@@ -838,8 +785,9 @@ QCoro::Task<void> AppStore::retryLastOperation() {
     case Kind::persist:
         try {
             co_await persist();
-        } catch (...) {
+        } catch (const std::exception& error) {
             // Already on screen, with the same retry offer.
+            qCInfo(lcAppStore) << "retried save failed again:" << error.what();
         }
         break;
     case Kind::setCalendarVisibility: {
@@ -929,7 +877,7 @@ void AppStore::setCalendars(std::vector<CalendarSource> value) {
 
 void AppStore::setEvents(std::vector<CalendarEvent> value) {
     // A service answers with the whole list, mostly equal to what is shown.
-    if (same(events_, value)) {
+    if (EventEquality::same(events_, value)) {
         releaseInBackground(std::move(value));
         return;
     }
