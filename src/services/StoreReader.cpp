@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <system_error>
+#include <unordered_map>
 
 namespace tavelo::storedb {
 
@@ -69,41 +70,24 @@ private:
     std::exception_ptr error_;
 };
 
-// The index of each id in the event order, in an open-addressing table.
+// The index of each id in the event order.
 class EventPositions {
 public:
     static constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
 
-    explicit EventPositions(const std::vector<UUID>& order) : order_(order) {
-        int bits = 4;
-        while ((std::size_t{1} << bits) < 2 * order.size()) ++bits;
-        shift_ = 64 - bits;
-        mask_ = (std::size_t{1} << bits) - 1;
-        slots_.assign(mask_ + 1, kNone);
-        for (std::size_t i = 0; i < order.size(); ++i) {
-            std::size_t slot = home(order[i]);
-            for (; slots_[slot] != kNone; slot = (slot + 1) & mask_)
-                if (order[slots_[slot]] == order[i]) corrupt("event listed twice " + order[i].toStdString());
-            slots_[slot] = i;
-        }
+    explicit EventPositions(const std::vector<UUID>& order) {
+        index_.reserve(order.size());
+        for (std::size_t i = 0; i < order.size(); ++i)
+            if (!index_.try_emplace(order[i], i).second) corrupt("event listed twice " + order[i].toStdString());
     }
 
     std::size_t find(const UUID& id) const {
-        for (std::size_t slot = home(id);; slot = (slot + 1) & mask_) {
-            const std::size_t index = slots_[slot];
-            if (index == kNone || order_[index] == id) return index;
-        }
+        const auto found = index_.find(id);
+        return found == index_.end() ? kNone : found->second;
     }
 
 private:
-    std::size_t home(const UUID& id) const {
-        return static_cast<std::size_t>((std::hash<UUID>{}(id) * 0x9E3779B97F4A7C15ULL) >> shift_);
-    }
-
-    const std::vector<UUID>& order_;
-    std::vector<std::size_t> slots_;
-    std::size_t mask_ = 0;
-    int shift_ = 0;
+    std::unordered_map<UUID, std::size_t> index_;
 };
 
 // Consecutive event rows: their payloads back to back, then the parser's
