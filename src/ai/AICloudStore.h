@@ -233,9 +233,14 @@ private:
     // or the task was stopped.
     static void ensureCurrent(const QPointer<AICloudStore>& self, std::int64_t generation, const std::stop_token& stop);
     // Awaits `beforeDisconnect` when a session is about to be replaced;
-    // true when it ran.
+    // true when it ran. From then on, `afterDisconnectFailure` runs if the
+    // replacement does not complete, for whatever reason (failure,
+    // cancellation, a newer sign-in).
     QCoro::Task<bool> prepareReplacement(std::int64_t generation, std::stop_token stop);
-    QCoro::Task<void> saveReplacementToken(QString token, QString key, bool preparedReplacement);
+    // Saves the new session's secret and checks that the replacement is
+    // still wanted; the last step before the new session is activated.
+    QCoro::Task<void> saveReplacementToken(QString token, QString key, bool preparedReplacement,
+                                           std::int64_t generation, std::stop_token stop);
 
     QCoro::Task<QString> loadToken(QString key);
     QCoro::Task<void> saveToken(QString token, QString key);

@@ -5,6 +5,7 @@
 // without a workspace and otherwise once the save under way has landed.
 
 #include "ai/AICloudStore.h"
+#include "app/SingleInstance.h"
 #include "app/TaveloApp.h"
 #include "views/shell/ShellAppearance.h"
 #include "views/shell/ShellEngine.h"
@@ -35,6 +36,14 @@ int main(int argc, char** argv) {
     QApplication::setOrganizationDomain(QStringLiteral("tavelo.app"));
     QApplication::setApplicationVersion(QStringLiteral(TAVELO_VERSION));
     QApplication::setQuitOnLastWindowClosed(false);
+
+    // One Tavelo per user: a second start brings the running window forward
+    // and leaves, so two processes never open the same workspace.
+    SingleInstance instance;
+    if (!instance.tryBecomePrimary()) {
+        if (!instance.handedOver()) std::fprintf(stderr, "Tavelo is already running but did not answer.\n");
+        return 0;
+    }
     shell::applyAppearance();
     QApplication::setWindowIcon(shell::applicationIcon());
 
@@ -63,6 +72,10 @@ int main(int argc, char** argv) {
         window->show();
         window->raise();
         window->requestActivate();
+    });
+
+    QObject::connect(&instance, &SingleInstance::activationRequested, &shellRoot, [&shellRoot] {
+        emit shellRoot.revealRequested();
     });
 
     shell::TrayMenu tray(shellRoot);

@@ -4,6 +4,7 @@
 
 #include <QString>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -11,6 +12,9 @@
 struct sqlite3;
 
 namespace tavelo {
+
+class StoreFileLock;
+class StoreWorker;
 
 // Failures of the SQLite store. They carry no text of their own: the user
 // sees the generic description.
@@ -34,7 +38,7 @@ private:
 // the errno of the failed call, when there was one.
 class FileSystemError final : public Error {
 public:
-    enum class Operation { createDirectory, open, read, move, copy, replace };
+    enum class Operation { createDirectory, open, read, move, copy, replace, lock };
     FileSystemError(Operation operation, QString path, int posixError = 0)
         : operation_(operation), path_(std::move(path)), posixError_(posixError) {}
 
@@ -56,9 +60,25 @@ private:
 // plain-JSON file is migrated on load; unreadable or newer data is moved to a
 // backup beside the file and an empty state starts instead.
 //
-// Used only from the main thread; its operations never suspend inside a read
-// or a write. The event operations write the database on a second thread
-// that the service keeps, while this one copies the list they answer with.
+// Called from the main thread. Every operation is one job on a worker thread
+// that the service owns; jobs run one at a time in the order they were
+// called, so the service stays serialised while the main thread only hands
+// work over and takes the answers. The cached state belongs to the worker:
+// `cachedSnapshot`, `lastWriteStats` and `repairCount` may be read only while
+// no operation is under way.
+//
+// Deliberately safer than a plain reading of the file format:
+// - a rollback journal left by a killed process is rolled back before the
+//   read-only read, and a file that cannot be read right now (locked,
+//   read-only, I/O error) fails the load instead of being called corrupt;
+// - metadata and rows are read in one read transaction;
+// - a row filed under another key than its event's id is corrupt;
+// - after a load, SQLite's quick check runs behind the answer, and a damaged
+//   file is rewritten from what was read, the damaged one kept as a backup
+//   labelled "damaged";
+// - the service holds an exclusive lock beside the file while it lives: only
+//   the holder writes, moves or repairs the file, and only it removes the
+//   temporary files an interrupted replacement left behind.
 class LocalCalendarService final : public CalendarService {
 public:
     using Seed = std::function<AppSnapshot()>;
@@ -81,6 +101,12 @@ public:
     QCoro::Task<std::vector<CalendarBusyInterval>> freeBusy(std::set<UUID> calendarIDs, DateInterval interval,
                                                             std::optional<UUID> excludingGroupID) override;
 
+    // Finishes once everything handed to the worker so far is done,
+    // including the check that follows a load.
+    QCoro::Task<void> drain();
+    // How many times a damaged file was rewritten.
+    int repairCount() const { return repairCount_; }
+
     // Counters of the last successful save, for benchmarks and diagnostics.
     struct WriteStats {
         int eventRowsWritten = 0;
@@ -96,6 +122,11 @@ private:
     class WriteThread;
 
     CalendarLoadResult loadFromDisk();
+    void ensureLoaded();
+    void saveNow(AppSnapshot snapshot);
+    std::vector<CalendarEvent> matchingEvents(const CalendarEventQuery& query);
+    void scheduleIntegrityCheck();
+    void checkIntegrity();
     CalendarLoadResult recover(const char* label, std::optional<std::int64_t> unsupportedVersion);
     // Writes `snapshot`. The event rows to touch come from `edit` when there
     // is one, else from comparing with `previous` (or with the file when
@@ -105,7 +136,9 @@ private:
     // have distinct ids.
     bool write(const AppSnapshot& snapshot, const AppSnapshot* previous, const EventEdit* edit = nullptr,
                const std::function<void()>& meanwhile = {});
-    void replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats);
+    // Writes `snapshot` into a new file that replaces the state file; an
+    // existing file is first copied to a backup with `backupLabel`.
+    void replaceWithDatabase(const AppSnapshot& snapshot, WriteStats& stats, const char* backupLabel);
     // Replaces the cached events of `groupID` (or none, for new events) with
     // `events`, saves the cache and answers every event after the change; on
     // a failure the cache is as it was.
@@ -123,6 +156,11 @@ private:
     WriteStats lastWriteStats_;
     // Started by the first save that has work for it.
     std::unique_ptr<WriteThread> writeThread_;
+    std::unique_ptr<StoreFileLock> lock_;
+    int repairCount_ = 0;
+    std::atomic<bool> stopping_ = false;
+    // Last, so that it is the first to go: its jobs use everything above.
+    std::unique_ptr<StoreWorker> worker_;
 };
 
 } // namespace tavelo

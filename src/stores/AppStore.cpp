@@ -1,12 +1,20 @@
 #include "stores/AppStore.h"
+#include "stores/AppStoreInternal.h"
+
+#include <QLoggingCategory>
+#include <QThreadPool>
+
+#include <QCoro/QCoroTimer>
 
 #include "support/Observable.h"
 
 #include "stores/EventAccessPolicy.h"
+#include "stores/EventEquality.h"
 #include "stores/EventMutationEngine.h"
 #include "support/TextFolding.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -15,6 +23,8 @@
 #include <utility>
 
 namespace tavelo {
+
+Q_LOGGING_CATEGORY(lcAppStore, "tavelo.appstore")
 
 AppStore::AppStore(std::shared_ptr<CalendarService> service, std::shared_ptr<GoogleAccountService> googleAccountService,
                    QString googleOAuthConfigurationPath, QObject* parent)
@@ -34,72 +44,39 @@ AppStore::~AppStore() {
     availabilityQuestion_.request_stop();
 }
 
-namespace {
 
-// Equality of events, as their == has it, but quick for the common case of a
-// list compared with a copy of itself: copied texts share their characters,
-// so those are not read, and ids compare as two words each.
-bool same(const UUID& a, const UUID& b) {
-    std::uint64_t x[2], y[2];
-    std::memcpy(x, a.bytes().data(), sizeof x);
-    std::memcpy(y, b.bytes().data(), sizeof y);
-    return x[0] == y[0] && x[1] == y[1];
-}
-bool same(const QString& a, const QString& b) {
-    return (a.size() == b.size() && a.constData() == b.constData()) || a == b;
-}
-bool same(const QUrl& a, const QUrl& b) {
-    // data_ptr() only reads the shared pointer; it detaches nothing.
-    return const_cast<QUrl&>(a).data_ptr() == const_cast<QUrl&>(b).data_ptr() || a == b;
-}
-bool same(const Guest& a, const Guest& b);
-bool same(const CalendarEvent& a, const CalendarEvent& b);
-template <class T>
-bool same(const T& a, const T& b) {
-    return a == b;
-}
-template <class T>
-bool same(const std::optional<T>& a, const std::optional<T>& b) {
-    return a.has_value() == b.has_value() && (!a || same(*a, *b));
-}
-bool same(const Guest& a, const Guest& b) {
-    // Bound field by field, so that a new field fails to compile here
-    // instead of being passed over.
-    const auto& [id, name, email, status] = a;
-    const auto& [otherID, otherName, otherEmail, otherStatus] = b;
-    return same(id, otherID) && same(name, otherName) && same(email, otherEmail) && same(status, otherStatus);
-}
-template <class T>
-bool same(const std::vector<T>& a, const std::vector<T>& b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](const T& x, const T& y) { return same(x, y); });
-}
-bool same(const CalendarEvent& a, const CalendarEvent& b) {
-    const auto& [id, groupID, sourceEventID, kind, title, start, end, isAllDay, recurrence, calendarID, tagID,
-                 location, notes, guests, notifications, meetURL, availability, visibility, isCompleted,
-                 isGeneratedBusyBlock, externalUID, googleEventID, googleETag, googleUpdatedAt] = a;
-    const auto& [otherID, otherGroupID, otherSourceEventID, otherKind, otherTitle, otherStart, otherEnd,
-                 otherIsAllDay, otherRecurrence, otherCalendarID, otherTagID, otherLocation, otherNotes, otherGuests,
-                 otherNotifications, otherMeetURL, otherAvailability, otherVisibility, otherIsCompleted,
-                 otherIsGeneratedBusyBlock, otherExternalUID, otherGoogleEventID, otherGoogleETag,
-                 otherGoogleUpdatedAt] = b;
-    return same(id, otherID) && same(groupID, otherGroupID) && same(sourceEventID, otherSourceEventID) &&
-           same(kind, otherKind) && same(title, otherTitle) && same(start, otherStart) && same(end, otherEnd) &&
-           same(isAllDay, otherIsAllDay) && same(recurrence, otherRecurrence) && same(calendarID, otherCalendarID) &&
-           same(tagID, otherTagID) && same(location, otherLocation) && same(notes, otherNotes) &&
-           same(guests, otherGuests) && same(notifications, otherNotifications) && same(meetURL, otherMeetURL) &&
-           same(availability, otherAvailability) && same(visibility, otherVisibility) &&
-           same(isCompleted, otherIsCompleted) && same(isGeneratedBusyBlock, otherIsGeneratedBusyBlock) &&
-           same(externalUID, otherExternalUID) && same(googleEventID, otherGoogleEventID) &&
-           same(googleETag, otherGoogleETag) && same(googleUpdatedAt, otherGoogleUpdatedAt);
+namespace appstore {
+
+void releaseInBackground(std::vector<CalendarEvent>&& events) {
+    constexpr std::size_t kLarge = 512;
+    if (events.size() < kLarge) {
+        std::vector<CalendarEvent>().swap(events);
+        return;
+    }
+    auto doomed = std::make_shared<std::vector<CalendarEvent>>(std::move(events));
+    QThreadPool::globalInstance()->start([doomed]() mutable { doomed.reset(); });
 }
 
-} // namespace
+
+} // namespace appstore
+
+using appstore::releaseInBackground;
+
 
 // --- Snapshot ------------------------------------------------------------
 
 AppSnapshot AppStore::snapshot() const {
     return AppSnapshot(snapshotVersion_, accounts_, calendars_, events_, tags_, preferences_, googleSyncStates_);
+}
+
+void AppStore::apply(AppSnapshot&& snapshot) {
+    setSnapshotVersion(snapshot.version);
+    setAccounts(std::move(snapshot.accounts));
+    setCalendars(std::move(snapshot.calendars));
+    setEvents(std::move(snapshot.events));
+    setTags(std::move(snapshot.tags));
+    setPreferences(std::move(snapshot.preferences));
+    googleSyncStates_ = normalizedSyncStates(snapshot.googleSyncStates);
 }
 
 void AppStore::apply(const AppSnapshot& snapshot) {
@@ -116,6 +93,14 @@ void AppStore::apply(const AppSnapshot& snapshot) {
 
 QCoro::Task<bool> AppStore::acquirePersistenceTransaction(bool cancellationAware, std::stop_token token) {
     return persistenceTransaction_.acquire(cancellationAware, std::move(token));
+}
+
+QCoro::Task<std::unique_ptr<AppStore::TransactionHold>> AppStore::holdTransaction() {
+    QPointer<AppStore> self(this);
+    co_await acquirePersistenceTransaction(false);
+    std::unique_ptr<TransactionHold> hold;
+    if (self) hold = std::make_unique<TransactionHold>(this);
+    co_return hold;
 }
 
 void AppStore::releasePersistenceTransaction() {
@@ -166,6 +151,8 @@ QCoro::Task<std::optional<CalendarServiceWarning>> AppStore::reloadSnapshotFromS
     const AppSnapshot& base = loaded.snapshot;
     apply(AppSnapshot(base.version, std::move(accounts), std::move(calendars), std::move(events), base.tags,
                       base.preferences, base.googleSyncStates));
+    // The load's own copy of the events is not needed.
+    releaseInBackground(std::move(loaded.snapshot.events));
     co_return std::move(loaded.warning);
 }
 
@@ -209,9 +196,8 @@ QCoro::Task<void> AppStore::refreshGoogleState() {
 QCoro::Task<void> AppStore::persist() {
     QPointer<AppStore> self(this);
     // Not cancellation-aware: this always ends up owning the transaction.
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return;
     co_await persistHoldingTransaction();
 }
 
@@ -290,9 +276,8 @@ void AppStore::recordFailure(const QString& message, std::optional<StoreRetryOpe
 QCoro::Task<bool> AppStore::setTaskCompletion(UUID eventID, bool isCompleted) {
     QPointer<AppStore> self(this);
     const auto service = service_;
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     const AppSnapshot previous = snapshot();
     const auto target = std::find_if(events_.begin(), events_.end(), [&](const CalendarEvent& e) { return e.id == eventID; });
@@ -338,9 +323,8 @@ QCoro::Task<bool> AppStore::toggleTaskCompletion(UUID eventID) {
 
 QCoro::Task<bool> AppStore::setCalendarVisibility(UUID calendarID, bool isVisible) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     const AppSnapshot previous = snapshot();
     auto calendars = calendars_;
@@ -360,9 +344,8 @@ QCoro::Task<bool> AppStore::toggleCalendarVisibility(UUID calendarID) {
 
 QCoro::Task<bool> AppStore::setPastSearchResultsIncluded(bool isIncluded) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (preferences_.includePastSearchResults == isIncluded) co_return true;
     const AppSnapshot previous = snapshot();
@@ -374,485 +357,13 @@ QCoro::Task<bool> AppStore::setPastSearchResultsIncluded(bool isIncluded) {
 
 QCoro::Task<bool> AppStore::updatePreferencesNow(AppPreferences preferences) {
     QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
+    const auto hold = co_await holdTransaction();
+    if (!hold) co_return false;
 
     if (preferences_ == preferences) co_return true;
     const AppSnapshot previous = snapshot();
     setPreferences(preferences);
     co_return co_await persistOrRollBack(previous, StoreRetryOperation::updatePreferences(std::move(preferences)));
-}
-
-// --- Events --------------------------------------------------------------
-
-namespace {
-
-const CalendarEvent* findEvent(const std::vector<CalendarEvent>& events, const UUID& id) {
-    const auto found = std::find_if(events.begin(), events.end(), [&](const CalendarEvent& e) { return e.id == id; });
-    return found == events.end() ? nullptr : &*found;
-}
-
-const QString& blankTagNameMessage() {
-    static const QString text = QStringLiteral("タグ名を入力してください");
-    return text;
-}
-const QString& duplicateTagNameMessage() {
-    static const QString text = QStringLiteral("同じ名前のタグがあります");
-    return text;
-}
-
-} // namespace
-
-std::optional<QString> AppStore::eventValidationMessage(const EventDraft& draft) const {
-    std::set<UUID> providerCalendarIDs;
-    for (const CalendarSource& calendar : calendars_)
-        if (calendar.googleCalendarID) providerCalendarIDs.insert(calendar.id);
-    return draft.validationMessage(providerCalendarIDs, dateCalendar_);
-}
-
-QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> editingEventID) {
-    QPointer<AppStore> self(this);
-    const auto service = service_;
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    if (const auto message = eventValidationMessage(draft)) {
-        recordMessage(*message);
-        co_return false;
-    }
-
-    const bool isCreation = !draft.groupID;
-    if (!isCreation) {
-        const CalendarEvent* edited = editingEventID ? findEvent(events_, *editingEventID) : nullptr;
-        if (!edited || edited->groupID != *draft.groupID) {
-            recordMessage(StoreOperationError::invalidEdit().message());
-            co_return false;
-        }
-        if (edited->isGeneratedBusyBlock) {
-            recordMessage(StoreOperationError::managedBusyBlock().message());
-            co_return false;
-        }
-    }
-
-    // The engine reads the accounts, calendars, tags and preferences, and of
-    // the events only the group under edit; the rest of a large list is not
-    // copied for it, nor for the rollback.
-    const GroupPlaces before = isCreation ? GroupPlaces() : groupPlaces(*draft.groupID);
-    AppSnapshot context(snapshotVersion_, accounts_, calendars_, {}, tags_, preferences_, googleSyncStates_);
-    for (const auto& [place, event] : before.events) context.events.push_back(event);
-    std::vector<CalendarEvent> group;
-    try {
-        group = isCreation ? EventMutationEngine::create(draft, draft.calendarIDs, context, dateCalendar_)
-                           : EventMutationEngine::update(*draft.groupID, draft, context, dateCalendar_);
-    } catch (const EventValidationError& error) {
-        recordMessage(error.message());
-        co_return false;
-    }
-    const UUID groupID = isCreation ? group.front().groupID : *draft.groupID;
-
-    // On screen at once; the service's answer replaces it below.
-    const bool shown = showGroup(groupID, group);
-
-    std::vector<CalendarEvent> stored;
-    std::exception_ptr failure;
-    try {
-        if (isCreation)
-            stored = co_await service->createEvents(group);
-        else
-            stored = co_await service->updateEvents(groupID, group);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (!self) co_return false;
-    const auto operation = isCreation ? GoogleMutationOperation::create : GoogleMutationOperation::update;
-    const std::function<void()> rollBack = [&] {
-        if (shown) restoreGroup(groupID, before);
-    };
-    co_return co_await concludeEventMutation(std::move(stored), failure, operation, groupID, std::move(group),
-                                             rollBack);
-}
-
-QCoro::Task<bool> AppStore::moveEvent(UUID eventID, DateInterval interval) {
-    // A busy block moves with the event it mirrors, never on its own.
-    const CalendarEvent* picked = findEvent(events_, eventID);
-    if (!picked || picked->isGeneratedBusyBlock) co_return false;
-    const auto event = EventAccessPolicy::detailEvent(eventID, events_);
-    if (!event) co_return false;
-
-    std::vector<UUID> calendarIDs;
-    for (const CalendarEvent& member : events_)
-        if (member.groupID == event->groupID && !member.isGeneratedBusyBlock) calendarIDs.push_back(member.calendarID);
-    EventDraft draft = EventDraft::fromEvent(*event, std::move(calendarIDs), dateCalendar_);
-    draft.start = interval.start;
-    draft.end = interval.end;
-    const std::optional<UUID> editingEventID = event->id;
-    co_return co_await saveEvent(std::move(draft), editingEventID);
-}
-
-QCoro::Task<bool> AppStore::deleteEvent(UUID eventID) {
-    QPointer<AppStore> self(this);
-    const auto service = service_;
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    const CalendarEvent* event = findEvent(events_, eventID);
-    if (!event) {
-        recordMessage(StoreOperationError::invalidEdit().message());
-        co_return false;
-    }
-    if (event->isGeneratedBusyBlock) {
-        recordMessage(StoreOperationError::managedBusyBlock().message());
-        co_return false;
-    }
-    // The list EventMutationEngine::remove gives, edited in place.
-    const UUID groupID = event->groupID;
-    const GroupPlaces before = groupPlaces(groupID);
-    showGroup(groupID, {});
-
-    std::vector<CalendarEvent> stored;
-    std::exception_ptr failure;
-    try {
-        stored = co_await service->deleteEvents(groupID);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (!self) co_return false;
-    // Nothing of the group is meant to remain.
-    std::vector<CalendarEvent> desiredGroup;
-    const std::function<void()> rollBack = [&] { restoreGroup(groupID, before); };
-    co_return co_await concludeEventMutation(std::move(stored), failure, GoogleMutationOperation::remove, groupID,
-                                             std::move(desiredGroup), rollBack);
-}
-
-AppStore::GroupPlaces AppStore::groupPlaces(const UUID& groupID) const {
-    GroupPlaces places;
-    for (std::size_t i = 0; i < events_.size(); ++i)
-        if (events_[i].groupID == groupID) places.events.emplace_back(i, events_[i]);
-    return places;
-}
-
-bool AppStore::showGroup(const UUID& groupID, const std::vector<CalendarEvent>& group) {
-    const auto inGroup = [&](const CalendarEvent& event) { return same(event.groupID, groupID); };
-    const auto first = std::find_if(events_.begin(), events_.end(), inGroup);
-    const auto members = static_cast<std::size_t>(std::count_if(first, events_.end(), inGroup));
-    // Equal members in a row from the first one: the group stands as wanted.
-    if (members == group.size() && std::equal(group.begin(), group.end(), first)) return false;
-    const auto at = first - events_.begin();
-    events_.erase(std::remove_if(first, events_.end(), inGroup), events_.end());
-    events_.insert(events_.begin() + at, group.begin(), group.end());
-    emit eventsChanged();
-    return true;
-}
-
-void AppStore::restoreGroup(const UUID& groupID, const GroupPlaces& before) {
-    std::erase_if(events_, [&](const CalendarEvent& event) { return event.groupID == groupID; });
-    // Everything else kept its order, so putting each event back at its old
-    // place, first place first, gives the old list exactly.
-    for (const auto& [place, event] : before.events)
-        events_.insert(events_.begin() + static_cast<std::ptrdiff_t>(std::min(place, events_.size())), event);
-    emit eventsChanged();
-}
-
-QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> stored, std::exception_ptr failure,
-                                                  GoogleMutationOperation operation, UUID groupID,
-                                                  std::vector<CalendarEvent> desiredGroup,
-                                                  std::function<void()> rollBack) {
-    if (!failure) {
-        setEvents(std::move(stored));
-        clearPersistenceMessage();
-        co_return true;
-    }
-    QPointer<AppStore> self(this);
-    // The screen goes back to the state before the change before anything
-    // else looks at it.
-    rollBack();
-    const AppSnapshot previous = snapshot();
-    const bool recovered =
-        co_await recoverPartialGoogleMutation(failure, operation, groupID, std::move(desiredGroup), previous);
-    if (!self || recovered) co_return false;
-    recordMutationFailure(failure, std::nullopt);
-    co_return false;
-}
-
-// The Google service does not report partial mutations yet; every failure is
-// a whole one.
-QCoro::Task<bool> AppStore::recoverPartialGoogleMutation(std::exception_ptr, GoogleMutationOperation, UUID,
-                                                         std::vector<CalendarEvent>, const AppSnapshot&) {
-    co_return false;
-}
-
-// --- Standalone meetings -------------------------------------------------
-
-QCoro::Task<std::optional<CalendarEvent>> AppStore::createStandaloneMeeting(QString title, Date start, Date end) {
-    QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return std::nullopt;
-    TransactionHold hold(this);
-
-    const CalendarSource& local = CalendarSource::tavelo();
-    AppSnapshot previous = snapshot();
-    auto calendars = calendars_;
-    if (std::none_of(calendars.begin(), calendars.end(), [&](const CalendarSource& c) { return c.id == local.id; }))
-        calendars.push_back(local);
-
-    EventDraft draft;
-    draft.title = std::move(title);
-    draft.start = start;
-    draft.end = end;
-    draft.calendarIDs = {local.id};
-    // A new group: the engine needs no events.
-    const AppSnapshot context(snapshotVersion_, accounts_, calendars, {}, tags_, preferences_, googleSyncStates_);
-    std::vector<CalendarEvent> created;
-    try {
-        created = EventMutationEngine::create(draft, draft.calendarIDs, context, dateCalendar_);
-    } catch (const EventValidationError& error) {
-        recordMessage(error.message());
-        co_return std::nullopt;
-    }
-    setCalendars(std::move(calendars));
-    showGroup(created.front().groupID, created);
-
-    if (!co_await persistOrRollBack(std::move(previous), std::nullopt)) co_return std::nullopt;
-    // No busy blocks come with an event on the local calendar: the first is
-    // the meeting itself.
-    co_return created.front();
-}
-
-QCoro::Task<bool> AppStore::updateStandaloneMeeting(UUID eventID, QString title, Date start, Date end) {
-    QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    const CalendarEvent* meeting = findEvent(events_, eventID);
-    if (!meeting || meeting->isGeneratedBusyBlock || meeting->calendarID != CalendarSource::tavelo().id)
-        co_return false;
-    if (meeting->title == title && meeting->start == start && meeting->end == end) co_return true;
-
-    AppSnapshot previous = snapshot();
-    // A real change, checked above; edited in place rather than by copying
-    // the whole list.
-    CalendarEvent& changed = events_[static_cast<std::size_t>(meeting - events_.data())];
-    changed.title = std::move(title);
-    changed.start = start;
-    changed.end = end;
-    emit eventsChanged();
-    co_return co_await persistOrRollBack(std::move(previous), std::nullopt);
-}
-
-// --- Availability --------------------------------------------------------
-
-QCoro::Task<EventAvailabilityState> AppStore::eventAvailability(EventDraft draft, DateCalendar calendar) {
-    // Only the newest question may answer.
-    availabilityQuestion_.request_stop();
-    availabilityQuestion_ = std::stop_source();
-    const std::stop_source question = availabilityQuestion_;
-    const auto service = service_;
-
-    // Which calendars to ask and how to word the answer need accounts,
-    // calendars and preferences, not the events.
-    AppSnapshot context;
-    context.accounts = accounts_;
-    context.calendars = calendars_;
-    context.preferences = preferences_;
-    auto state = co_await AvailabilityPolicy::eventAvailability(*service, draft, context, calendar, question.get_token());
-    // Asked again meanwhile: this answer is stale.
-    if (question.stop_requested()) co_return EventAvailabilityState::loading();
-    co_return state;
-}
-
-// --- Tags ----------------------------------------------------------------
-
-std::optional<QString> AppStore::validatedTagName(const QString& name, const std::optional<UUID>& excluding) const {
-    const QString trimmed = name.trimmed();
-    if (trimmed.isEmpty()) return blankTagNameMessage();
-    const QString folded = foldedIgnoringCaseAndDiacritics(trimmed, FoldingLocale::current);
-    for (const Tag& tag : tags_) {
-        if (excluding && tag.id == *excluding) continue;
-        if (foldedIgnoringCaseAndDiacritics(tag.name.trimmed(), FoldingLocale::current) == folded)
-            return duplicateTagNameMessage();
-    }
-    return std::nullopt;
-}
-
-void AppStore::normalizeTagOrder(std::vector<Tag>& tags) {
-    for (std::size_t i = 0; i < tags.size(); ++i) tags[i].sortOrder = static_cast<int>(i);
-}
-
-QCoro::Task<bool> AppStore::addTag(Tag tag) {
-    QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    if (const auto message = validatedTagName(tag.name, tag.id)) {
-        recordMessage(*message);
-        co_return false;
-    }
-    tag.name = tag.name.trimmed();
-    auto tags = tags_;
-    tags.push_back(std::move(tag));
-    co_return co_await commitTags(std::move(tags));
-}
-
-QCoro::Task<bool> AppStore::updateTag(Tag tag) {
-    QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    if (const auto message = validatedTagName(tag.name, tag.id)) {
-        recordMessage(*message);
-        co_return false;
-    }
-    auto tags = tags_;
-    const auto existing = std::find_if(tags.begin(), tags.end(), [&](const Tag& t) { return t.id == tag.id; });
-    if (existing == tags.end()) co_return false;
-    tag.name = tag.name.trimmed();
-    *existing = std::move(tag);
-    co_return co_await commitTags(std::move(tags));
-}
-
-QCoro::Task<bool> AppStore::deleteTag(UUID tagID) {
-    QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    if (std::none_of(tags_.begin(), tags_.end(), [&](const Tag& t) { return t.id == tagID; })) co_return false;
-    AppSnapshot previous = snapshot();
-    auto tags = previous.tags;
-    std::erase_if(tags, [&](const Tag& t) { return t.id == tagID; });
-    normalizeTagOrder(tags);
-    auto events = previous.events;
-    for (CalendarEvent& event : events)
-        if (event.tagID == tagID) event.tagID.reset();
-    setTags(std::move(tags));
-    setEvents(std::move(events));
-    co_return co_await persistOrRollBack(std::move(previous), std::nullopt);
-}
-
-QCoro::Task<bool> AppStore::moveTags(std::set<int> fromOffsets, int toOffset) {
-    QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    std::vector<Tag> moved;
-    std::vector<Tag> staying;
-    std::size_t insertAt = 0; // staying tags that stand before `toOffset`
-    for (std::size_t i = 0; i < tags_.size(); ++i) {
-        if (fromOffsets.contains(static_cast<int>(i))) {
-            moved.push_back(tags_[i]);
-        } else {
-            if (static_cast<long long>(i) < toOffset) ++insertAt;
-            staying.push_back(tags_[i]);
-        }
-    }
-    staying.insert(staying.begin() + static_cast<std::ptrdiff_t>(insertAt), std::make_move_iterator(moved.begin()),
-                   std::make_move_iterator(moved.end()));
-    co_return co_await commitTags(std::move(staying));
-}
-
-QCoro::Task<bool> AppStore::setTagOrder(std::vector<UUID> tagIDs) {
-    QPointer<AppStore> self(this);
-    co_await acquirePersistenceTransaction(false);
-    if (!self) co_return false;
-    TransactionHold hold(this);
-
-    std::vector<Tag> ordered;
-    ordered.reserve(tags_.size());
-    std::vector<bool> placed(tags_.size(), false);
-    for (const UUID& id : tagIDs) {
-        for (std::size_t i = 0; i < tags_.size(); ++i) {
-            if (placed[i] || tags_[i].id != id) continue;
-            ordered.push_back(tags_[i]);
-            placed[i] = true;
-            break;
-        }
-    }
-    for (std::size_t i = 0; i < tags_.size(); ++i)
-        if (!placed[i]) ordered.push_back(tags_[i]);
-    co_return co_await commitTags(std::move(ordered));
-}
-
-QCoro::Task<bool> AppStore::commitTags(std::vector<Tag> tags) {
-    normalizeTagOrder(tags);
-    if (tags == tags_) co_return true;
-    AppSnapshot previous = snapshot();
-    setTags(std::move(tags));
-    co_return co_await persistOrRollBack(std::move(previous), std::nullopt);
-}
-
-// --- Retry ---------------------------------------------------------------
-
-QCoro::Task<void> AppStore::retryLastOperation() {
-    if (!retryOperation_) co_return;
-    const StoreRetryOperation operation = *retryOperation_;
-    using Kind = StoreRetryOperation::Kind;
-    switch (operation.kind()) {
-    case Kind::load:
-        co_await load();
-        break;
-    case Kind::persist:
-        try {
-            co_await persist();
-        } catch (...) {
-            // Already on screen, with the same retry offer.
-        }
-        break;
-    case Kind::setCalendarVisibility: {
-        const auto& retry = *operation.as<StoreRetryOperation::SetCalendarVisibility>();
-        co_await setCalendarVisibility(retry.id, retry.isVisible);
-        break;
-    }
-    case Kind::updatePreferences:
-        co_await updatePreferencesNow(operation.as<StoreRetryOperation::UpdatePreferences>()->preferences);
-        break;
-    case Kind::includePastSearchResults:
-        co_await setPastSearchResultsIncluded(operation.as<StoreRetryOperation::IncludePastSearchResults>()->isIncluded);
-        break;
-    case Kind::setTaskCompletion: {
-        const auto& retry = *operation.as<StoreRetryOperation::SetTaskCompletion>();
-        co_await setTaskCompletion(retry.eventID, retry.isCompleted);
-        break;
-    }
-    case Kind::syncGoogleAccount:
-        co_await retrySyncGoogleAccount(operation.as<StoreRetryOperation::SyncGoogleAccount>()->accountID);
-        break;
-    case Kind::syncAllGoogleAccounts:
-        co_await retrySyncAllGoogleAccounts();
-        break;
-    case Kind::reconnectGoogleAccount:
-        co_await retryGoogleAuthentication(operation.as<StoreRetryOperation::ReconnectGoogleAccount>()->accountID);
-        break;
-    case Kind::connectGoogleAccount:
-        co_await retryGoogleAuthentication(std::nullopt);
-        break;
-    case Kind::googleMutation:
-        co_await retryGoogleMutation(operation.as<StoreRetryOperation::GoogleMutation>()->mutation);
-        break;
-    }
-}
-
-// The Google actions that these lead to arrive with the account operations.
-QCoro::Task<void> AppStore::retrySyncGoogleAccount(UUID) {
-    co_return;
-}
-
-QCoro::Task<void> AppStore::retrySyncAllGoogleAccounts() {
-    co_return;
-}
-
-QCoro::Task<void> AppStore::retryGoogleAuthentication(std::optional<UUID>) {
-    co_return;
-}
-
-QCoro::Task<void> AppStore::retryGoogleMutation(PendingGoogleMutation) {
-    co_return;
 }
 
 // --- Logout --------------------------------------------------------------
@@ -891,8 +402,12 @@ void AppStore::setCalendars(std::vector<CalendarSource> value) {
 
 void AppStore::setEvents(std::vector<CalendarEvent> value) {
     // A service answers with the whole list, mostly equal to what is shown.
-    if (same(events_, value)) return;
-    events_ = std::move(value);
+    if (EventEquality::same(events_, value)) {
+        releaseInBackground(std::move(value));
+        return;
+    }
+    std::swap(events_, value);
+    releaseInBackground(std::move(value));
     emit eventsChanged();
 }
 

@@ -111,6 +111,7 @@ public:
     // The inverse of `snapshot`: assigns every field through its comparing
     // setter, so only what really changed is announced.
     void apply(const AppSnapshot& snapshot);
+    void apply(AppSnapshot&& snapshot);
 
     // --- Persistence transaction -------------------------------------------
     //
@@ -251,6 +252,12 @@ private:
         bool held_ = true;
     };
 
+    // The prologue of every writer: waits for the transaction (not
+    // cancellation-aware) and holds it until the answer is destroyed. Empty
+    // when the store went away meanwhile; a CancellationError when the store
+    // was dropped while this waited in the queue.
+    QCoro::Task<std::unique_ptr<TransactionHold>> holdTransaction();
+
     // Reads everything back from the service and applies it. Returns the
     // load's warning. Used by `load` and, later, after Google actions.
     QCoro::Task<std::optional<CalendarServiceWarning>> reloadSnapshotFromService();
@@ -279,21 +286,21 @@ private:
     void restoreGroup(const UUID& groupID, const GroupPlaces& before);
     // The end of an event mutation whose service call has returned `stored`
     // or failed with `failure`: on success the stored events are shown and
-    // the message clears; on a failure `rollBack` restores the screen as it
-    // was before the change and the failure is reported without a retry. The
-    // caller holds the transaction.
+    // the message clears; on a failure (the caller has put the screen back as
+    // it was before the change) it is reported without a retry. The caller
+    // holds the transaction.
     QCoro::Task<bool> concludeEventMutation(std::vector<CalendarEvent> stored, std::exception_ptr failure,
                                             GoogleMutationOperation operation, UUID groupID,
-                                            std::vector<CalendarEvent> desiredGroup, std::function<void()> rollBack);
+                                            std::vector<CalendarEvent> desiredGroup);
     // Where a mutation that reached only some of its Google calendars is taken
     // over: it restores what the service really holds and offers the rest as
     // a targeted retry. Answers whether it took the failure; none is taken
     // until the Google service reports partial mutations.
     QCoro::Task<bool> recoverPartialGoogleMutation(std::exception_ptr failure, GoogleMutationOperation operation,
                                                    UUID groupID, std::vector<CalendarEvent> completeDesiredEvents,
-                                                   const AppSnapshot& previous);
+                                                   AppSnapshot previous);
     // The body of the tag operations: shows `tags` in their new order and
-    // saves, rolling back on a failure. Unchanged tags end it without a save.
+    // saves, rolling back on a failure. Unchanged tags are saved all the same.
     QCoro::Task<bool> commitTags(std::vector<Tag> tags);
 
     // Retry seams of the Google cases. They lead to the Google actions of the

@@ -10,13 +10,14 @@ namespace {
 
 // Runs the query with owned copies, so that the caller's values may go away
 // while it waits.
-QCoro::Task<EventAvailabilityState> queryAvailability(CalendarService& service, AppSnapshot accountsAndCalendars,
+QCoro::Task<EventAvailabilityState> queryAvailability(std::shared_ptr<CalendarService> service,
+                                                      AppSnapshot accountsAndCalendars,
                                                       std::set<UUID> asked, DateInterval interval,
                                                       std::optional<UUID> excludingGroupID, std::stop_token token) {
     if (token.stop_requested()) co_return EventAvailabilityState::loading();
     std::set<UUID> busy;
     try {
-        const auto intervals = co_await service.freeBusy(asked, interval, excludingGroupID);
+        const auto intervals = co_await service->freeBusy(asked, interval, excludingGroupID);
         for (const auto& entry : intervals) busy.insert(entry.calendarID);
     } catch (const CancellationError&) {
         co_return EventAvailabilityState::loading();
@@ -95,7 +96,7 @@ EventAvailabilityAssessment AvailabilityPolicy::assessment(const AppSnapshot& sn
     return result;
 }
 
-QCoro::Task<EventAvailabilityState> AvailabilityPolicy::eventAvailability(CalendarService& service,
+QCoro::Task<EventAvailabilityState> AvailabilityPolicy::eventAvailability(std::shared_ptr<CalendarService> service,
                                                                           const EventDraft& draft,
                                                                           const AppSnapshot& snapshot,
                                                                           const DateCalendar& calendar,
@@ -111,7 +112,7 @@ QCoro::Task<EventAvailabilityState> AvailabilityPolicy::eventAvailability(Calend
     accountsAndCalendars.accounts = snapshot.accounts;
     accountsAndCalendars.calendars = snapshot.calendars;
     accountsAndCalendars.preferences = snapshot.preferences;
-    return queryAvailability(service, std::move(accountsAndCalendars), std::move(asked),
+    return queryAvailability(std::move(service), std::move(accountsAndCalendars), std::move(asked),
                              DateInterval{normalized.start, normalized.end}, draft.groupID, std::move(token));
 }
 

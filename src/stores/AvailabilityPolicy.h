@@ -9,6 +9,7 @@
 #include <QCoro/QCoroTask>
 #include <QString>
 
+#include <memory>
 #include <optional>
 #include <set>
 #include <stop_token>
@@ -101,9 +102,10 @@ public:
     // cancelled check (the service's CancellationError, or `token` stopped
     // around the query) gives `loading`, any other failure `failure`. A draft
     // whose stored end is not after its start is free everywhere without a
-    // query. The draft's own group never counts as busy. `service` must
-    // outlive the returned task; the other arguments are copied as needed.
-    static QCoro::Task<EventAvailabilityState> eventAvailability(CalendarService& service, const EventDraft& draft,
+    // query. The draft's own group never counts as busy. The task keeps
+    // `service` alive; the other arguments are copied before it suspends.
+    static QCoro::Task<EventAvailabilityState> eventAvailability(std::shared_ptr<CalendarService> service,
+                                                                 const EventDraft& draft,
                                                                  const AppSnapshot& snapshot,
                                                                  const DateCalendar& calendar,
                                                                  std::stop_token token = {});

@@ -63,6 +63,8 @@ private:
 // releaser straight to the oldest waiter, so nobody can slip in between. A
 // cancellation-aware waiter leaves the queue when its task is cancelled and
 // gets false; every other waiter eventually owns the lock. Not reentrant.
+// Destroying the lock resumes every waiter with a CancellationError, so a
+// dropped owner strands nobody.
 class AsyncFifoLock {
 public:
     AsyncFifoLock();
@@ -79,9 +81,11 @@ public:
     std::size_t waiterCount() const { return waiters_.size(); }
 
 private:
+    // What a waiter is resumed with.
+    enum class Grant { owned, left, lockGone };
     struct Waiter {
         UUID id;
-        Continuation<bool> continuation;
+        Continuation<Grant> continuation;
     };
     void cancelWaiter(const UUID& id);
 
@@ -157,6 +161,8 @@ template <class T>
 T syncWait(QCoro::Task<T>&& task) { return syncWait(task); }
 
 namespace detail {
+// The timer interval of one step of a sleep with `remainingSeconds` left.
+int sleepStepMilliseconds(double remainingSeconds);
 void runNestedLoopUntil(const std::function<bool()>& finished, std::function<void(std::function<void()>)> start);
 }
 

@@ -8,13 +8,15 @@ constexpr int kSunday = 1;
 constexpr int kDaysInWeek = 7;
 constexpr int kDaysInMonthGrid = 42;
 
-// `count` consecutive days from `first`; a day the calendar cannot reach is
-// left out.
+// The starts of `count` consecutive days from the day of `first`; a day the
+// calendar cannot reach is left out. Each day begins at its own start: where
+// a day has no midnight (a clock change at 00:00) it begins at 01:00 and the
+// days after it at midnight again, not at the time of day of the first.
 std::vector<Date> consecutiveDays(Date first, int count, const DateCalendar& calendar) {
     std::vector<Date> days;
     days.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
-        if (const auto day = calendar.adding(DateCalendar::Unit::day, i, first)) days.push_back(*day);
+        if (const auto day = calendar.adding(DateCalendar::Unit::day, i, first)) days.push_back(calendar.startOfDay(*day));
     return days;
 }
 

@@ -4,6 +4,7 @@
 // answers and the ChatGPT device-code login.
 
 #include "CloudTestSupport.h"
+#include "support/Golden.h"
 
 #include <QCryptographicHash>
 #include <QElapsedTimer>
@@ -136,6 +137,30 @@ TEST_F(AICloudStoreTest, CacheIsShownAtTheNextSignInUnlessUnreadableOrUnwritable
     EXPECT_FALSE(store->isRefreshing());
 }
 
+// The cache file's bytes are a format of their own: what an older or newer
+// Tavelo finds on disk.
+TEST_F(AICloudStoreTest, CacheFileMatchesItsGoldenBytes) {
+    auto store = connectedStore();
+    const QByteArray state = R"({"schedules":[{"id":"6F1C2A9E-4B1D-4F0A-9C53-2E7D8B1A0C11","title":"朝の要約 \"daily\"",
+        "prompt":"要約して\n箇条書きで","firstRun":1767258000,"timeZoneID":"Asia/Tokyo","recurrence":"daily","isPaused":true}],
+        "runs":[{"id":"run-1","scheduleID":"6F1C2A9E-4B1D-4F0A-9C53-2E7D8B1A0C11","scheduledAt":1767258000,
+        "startedAt":1767258001,"endedAt":1767258030,"status":"failed","output":"","error":"時間切れ"},
+        {"id":"run-2","scheduleID":"6F1C2A9E-4B1D-4F0A-9C53-2E7D8B1A0C11","scheduledAt":1767344400,
+        "status":"queued","output":""}]})";
+    privateServer.route("GET", "/v1/state", CannedResponse::json(200, state));
+    syncWait(store->refresh());
+    ASSERT_EQ(store->errorMessage(), std::nullopt);
+    QFile file(*store->cacheFilePath());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    tavelo::testing::expectGolden("ai-cloud-cache.json", file.readAll());
+    // And the golden bytes read back as the same state.
+    file.close();
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(tavelo::testing::goldenBytes("ai-cloud-cache.json"));
+    file.close();
+    EXPECT_EQ(connectedStore()->state(), store->state());
+}
+
 TEST(NetworkHTTPTransportTest, HeldRepliesTimeOutAndClosedPortsFail) {
     LocalHttpServer server;
     server.hold("GET", "/slow");
@@ -201,6 +226,29 @@ TEST_F(AICloudStoreTest, FailedReplacementLeavesThePreviousSessionUntouched) {
     EXPECT_EQ(store->connectionID(), connection);
     EXPECT_EQ(secrets->items, items);
     EXPECT_EQ(makeStore()->endpoint(), privateServer.baseUrl()); // also for the next start
+}
+
+TEST_F(AICloudStoreTest, ACancelledReplacementGivesBackWhatItStopped) {
+    auto store = connectedStore();
+    LocalHttpServer other;
+    other.route("GET", "/v1/session", CannedResponse::json(200, R"({"userID":"owner","kind":"owner"})"));
+    const auto connection = store->connectionID();
+    int before = 0, after = 0;
+    std::stop_source stopper;
+    // Cancelled while the parts are being stopped, then while the key is saved.
+    store->setBeforeDisconnect([&]() -> QCoro::Task<void> {
+        if (++before == 1) stopper.request_stop();
+        co_return;
+    });
+    store->setAfterDisconnectFailure([&] { ++after; });
+    EXPECT_THROW(syncWait(store->connectPrivateServer(other.baseUrl(), kOwnerKey, stopper.get_token())), CancellationError);
+    EXPECT_EQ(std::pair(before, after), std::pair(1, 1));
+
+    std::stop_source second;
+    secrets->onSave = [&] { second.request_stop(); };
+    EXPECT_THROW(syncWait(store->connectPrivateServer(other.baseUrl(), kOwnerKey, second.get_token())), CancellationError);
+    EXPECT_EQ(std::pair(before, after), std::pair(2, 2));
+    EXPECT_EQ(store->connectionID(), connection);
 }
 
 TEST_F(AICloudStoreTest, SignOutNeedsTheRootsConsentThenStopsEveryRequestAtTheDoor) {

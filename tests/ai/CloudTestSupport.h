@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 // Shared pieces of the cloud tests: an in-memory secret store that can be
 // told to fail, and a fixture with a private server, a hosted cloud and an
 // identity service, each a real HTTP server on 127.0.0.1.
@@ -27,6 +29,7 @@ public:
         co_return SecretReadResult{SecretStatus::success, it->second};
     }
     QCoro::Task<std::int32_t> save(QString service, QString account, QByteArray data) override {
+        if (onSave) onSave();
         if (saveStatus) co_return *saveStatus;
         items[{service, account}] = data;
         co_return SecretStatus::success;
@@ -41,6 +44,7 @@ public:
 
     std::map<std::pair<QString, QString>, QByteArray> items;
     std::optional<std::int32_t> readStatus, saveStatus;
+    std::function<void()> onSave; // runs at the start of each save
     int reads = 0;
 };
 

@@ -83,6 +83,32 @@ TEST_F(TaveloAppTest, ANewConnectionToTheSameAccountGetsAFreshBundleOverTheSameD
     EXPECT_TRUE(second->store().preferences().includePastSearchResults);
 }
 
+// The root hears of a new connection through a signal; until it has, and
+// even if it never does, the old bundle must not be handed out, and the next
+// update must build a new one although the workspace id is the same.
+TEST_F(TaveloAppTest, AStaleConnectionNeverYieldsTheWorkspace) {
+    auto app = makeApp();
+    syncWait(app->start());
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    const auto first = app->currentWorkspace();
+    ASSERT_NE(first, nullptr);
+
+    app->aiCloud().blockSignals(true);
+    syncWait(app->aiCloud().signOut());
+    EXPECT_EQ(app->currentWorkspace(), nullptr) << "nobody is signed in";
+    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    ASSERT_EQ(app->aiCloud().workspaceID(), first->id());
+    ASSERT_NE(app->aiCloud().connectionID(), first->connectionID());
+    EXPECT_EQ(app->currentWorkspace(), nullptr) << "same account, stale connection";
+    app->aiCloud().blockSignals(false);
+
+    app->updateWorkspace();
+    const auto second = app->currentWorkspace();
+    ASSERT_NE(second, nullptr);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(second->connectionID(), app->aiCloud().connectionID());
+}
+
 TEST_F(TaveloAppTest, TheOAuthFileDecidesWhetherGoogleServicesAreBuilt) {
     int factoryCalls = 0;
     std::optional<GoogleOAuthConfiguration> seen;

@@ -252,6 +252,10 @@ INSTANTIATE_TEST_SUITE_P(
         Damage{"ExtraEventRow", databaseWith("INSERT INTO events VALUES('" + UUID::random().toStdString() + "', '" +
                                              encodeJson(event("stray", 1, 2)) + "')"), std::nullopt},
         Damage{"SameEventInTwoRows", databaseWith(kSameEventTwice), std::nullopt},
+        Damage{"RowKeyDiffersFromItsEvent",
+               databaseWith("UPDATE events SET id = '" + UUID::random().toStdString() +
+                            "' WHERE rowid = (SELECT rowid FROM events LIMIT 1 OFFSET 1)"),
+               std::nullopt},
         Damage{"SameEventInTwoRowsOfALargeFile", databaseWith(kSameEventTwice, 1000), std::nullopt},
         Damage{"UnreadableRowInALargeFile",
                databaseWith("UPDATE events SET payload = '{' WHERE rowid = (SELECT rowid FROM events LIMIT 1 OFFSET 700)", 1000),
@@ -358,8 +362,9 @@ TEST_F(LocalCalendarServiceTest, EventOperationsWriteWhatAFullSaveWritesAndUndoF
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const QString fastPath = dir.filePath(QString("fast-%1.json").arg(&c - cases.data()));
-        const QString fullPath = dir.filePath(QString("full-%1.json").arg(&c - cases.data()));
+        // Each store in a directory of its own: a store locks its directory.
+        const QString fastPath = dir.filePath(QString("fast-%1/state.json").arg(&c - cases.data()));
+        const QString fullPath = dir.filePath(QString("full-%1/state.json").arg(&c - cases.data()));
         auto fast = makeService(fastPath), full = makeService(fullPath);
         syncWait(fast->save(before));
         syncWait(full->save(before));

@@ -1,6 +1,7 @@
 #include "stores/AppStore.h"
 
 #include "services/LocalCalendarService.h"
+#include "support/TestWait.h"
 #include "stores/EventAccessPolicy.h"
 #include "stores/EventMutationEngine.h"
 
@@ -217,13 +218,24 @@ TEST_F(AppStoreTest, CancelledLoadLeavesTheQueueWithoutATrace) {
     auto cancelled = store.load(cancel.get_token());
     ASSERT_EQ(store.persistenceTransactionWaiterCount(), 1u);
     cancel.request_stop();
-    for (int i = 0; i < 5; ++i) QCoreApplication::processEvents();
-    EXPECT_TRUE(cancelled.isReady());
+    EXPECT_TRUE(tavelo::testing::waitUntil([&] { return cancelled.isReady(); }));
     EXPECT_EQ(store.persistenceTransactionWaiterCount(), 0u);
     store.releasePersistenceTransaction();
     syncWait(store.load(cancel.get_token())); // stopped beforehand: does nothing
     EXPECT_FALSE(store.didLoad() || store.hasLastError() || store.isPersistenceTransactionActive());
     EXPECT_TRUE(store.accounts().empty());
+}
+
+TEST_F(AppStoreTest, ADroppedStoreStrandsNoWriterWaitingForItsTransaction) {
+    auto& store = loaded();
+    ASSERT_TRUE(syncWait(store.acquirePersistenceTransaction(false)));
+    auto waiting = store.saveEvent(draft("Lunch", {work}), std::nullopt);
+    auto tags = store.moveTags({0}, 2);
+    ASSERT_EQ(store.persistenceTransactionWaiterCount(), 2u);
+    this->store.reset();
+    EXPECT_THROW(syncWait(waiting), CancellationError);
+    EXPECT_THROW(syncWait(tags), CancellationError);
+    EXPECT_EQ(stored(), initial);
 }
 
 // --- Saving, rollback and retry ------------------------------------------------------
@@ -504,6 +516,21 @@ TEST_F(AppStoreTest, TagsKeepTrimmedNamesAndTheirOrderAndDeletionClearsThemFromE
     EXPECT_EQ(tagNames(), (std::vector<std::string>{"Admin", "Health", "Deep work", "Travel"}));
     EXPECT_TRUE(std::none_of(store.events().begin(), store.events().end(), [](const auto& e) { return e.tagID; }));
     EXPECT_EQ(stored(), store.snapshot());
+}
+
+TEST_F(AppStoreTest, ATagOperationThatChangesNothingStillSavesAndClearsTheMessage) {
+    auto& store = loaded();
+    {
+        ExclusiveDatabaseLock lock(path());
+        EXPECT_FALSE(syncWait(store.moveTags({1}, 1))) << "onto its own place, and still a save that fails";
+        EXPECT_TRUE(store.hasLastError());
+        EXPECT_FALSE(syncWait(store.toggleCalendarVisibility(work)));
+        EXPECT_TRUE(store.canRetry());
+    }
+    EXPECT_TRUE(syncWait(store.setTagOrder({})));
+    EXPECT_FALSE(store.hasLastError());
+    EXPECT_FALSE(store.canRetry());
+    EXPECT_EQ(stored(), initial);
 }
 
 // --- Standalone meetings ---------------------------------------------------

@@ -10,6 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <utility>
+
 using namespace tavelo;
 using namespace tavelo::test;
 
@@ -57,8 +60,8 @@ TEST_F(AvailabilityPolicyTest, ChecksStoredEventsWithoutCountingTheEditedGroup) 
     const CalendarEvent edited = at(workHidden, 1);
     snapshot.events = {edited, at(homeCalendar, 0.01), at(workShared, 1, Availability::free), at(unowned, 1), at(lapsedCalendar, 1)};
     QTemporaryDir dir;
-    LocalCalendarService service(dir.filePath("state.json"));
-    syncWait(service.save(snapshot));
+    auto service = std::make_shared<LocalCalendarService>(dir.filePath("state.json"));
+    syncWait(service->save(snapshot));
     const auto check = [&](const EventDraft& draft) {
         return syncWait(AvailabilityPolicy::eventAvailability(service, draft, snapshot, tokyo()));
     };
@@ -71,6 +74,16 @@ TEST_F(AvailabilityPolicyTest, ChecksStoredEventsWithoutCountingTheEditedGroup) 
     EXPECT_EQ(state.assessment()->isAccountAvailable(lapsed), std::nullopt);
     EXPECT_EQ(state.text(), "1 / 2つのアカウントで空き時間です");
     EXPECT_EQ(check(fresh).text(), "0 / 2つのアカウントで空き時間です");
+    {
+        // The question owns its service and its draft: the caller may drop
+        // both while the answer is on its way.
+        auto owned = std::exchange(service, nullptr);
+        auto draft = std::make_unique<EventDraft>(editing);
+        auto question = AvailabilityPolicy::eventAvailability(std::move(owned), *draft, snapshot, tokyo());
+        draft.reset();
+        EXPECT_EQ(syncWait(question).text(), "1 / 2つのアカウントで空き時間です");
+        service = std::make_shared<LocalCalendarService>(dir.filePath("state.json"));
+    }
     snapshot.preferences.crossAccountAvailability = false;
     EXPECT_EQ(AvailabilityPolicy::calendarIDs({workShared, UUID::random()}, snapshot), std::set{workShared});
     EXPECT_EQ(check(editing).text(), "選択した1つのアカウントで空き時間です");
@@ -79,21 +92,21 @@ TEST_F(AvailabilityPolicyTest, ChecksStoredEventsWithoutCountingTheEditedGroup) 
 
 TEST_F(AvailabilityPolicyTest, FailuresAndCancellationNeverEscape) {
     EventDraft draft{.start = monday(9), .end = monday(9.5), .calendarIDs = {workShared}};
-    const auto run = [&](CalendarService& service, std::stop_token token = {}) {
-        return syncWait(AvailabilityPolicy::eventAvailability(service, draft, snapshot, tokyo(), token));
+    const auto run = [&](std::shared_ptr<CalendarService> service, std::stop_token token = {}) {
+        return syncWait(AvailabilityPolicy::eventAvailability(std::move(service), draft, snapshot, tokyo(), token));
     };
     QTemporaryDir dir;
     QDir(dir.path()).mkdir("state.json"); // unreadable as a file
-    LocalCalendarService unreadable(dir.filePath("state.json"));
-    EXPECT_EQ(run(unreadable).text(), "空き時間を確認できませんでした");
-    FailingFreeBusy cancelled(dir.filePath("state.json"), std::make_exception_ptr(CancellationError()));
-    EXPECT_EQ(run(cancelled).text(), "空き時間を確認中です");
+    EXPECT_EQ(run(std::make_shared<LocalCalendarService>(dir.filePath("state.json"))).text(), "空き時間を確認できませんでした");
+    auto failing = std::make_shared<FailingFreeBusy>(dir.filePath("state.json"), std::make_exception_ptr(CancellationError()));
+    auto& cancelled = *failing;
+    EXPECT_EQ(run(failing).text(), "空き時間を確認中です");
     std::stop_source stopped;
     stopped.request_stop();
-    EXPECT_EQ(run(cancelled, stopped.get_token()), EventAvailabilityState::loading());
+    EXPECT_EQ(run(failing, stopped.get_token()), EventAvailabilityState::loading());
     // No real range: every account is free and nothing is asked.
     draft.end = draft.start;
-    EXPECT_EQ(run(cancelled).text(), "2つのアカウントすべてで空き時間です");
+    EXPECT_EQ(run(failing).text(), "2つのアカウントすべてで空き時間です");
     EXPECT_EQ(cancelled.queries, 1);
     EXPECT_EQ(EventAvailabilityAssessment{}.summary(), "作成先カレンダーを選択してください");
 }

@@ -1,8 +1,12 @@
 #include "support/Async.h"
+#include "support/TestWait.h"
 
 #include <QCoreApplication>
 
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
 
 #include <stdexcept>
 #include <string>
@@ -38,7 +42,7 @@ TEST(AsyncFifoLockTest, WaitersAreServedInArrivalOrderAndACancelledOneLeavesTheQ
     EXPECT_EQ(lock.waiterCount(), 3u);
 
     cancelB.request_stop();
-    for (int i = 0; i < 5; ++i) QCoreApplication::processEvents();
+    ASSERT_TRUE(tavelo::testing::waitUntil([&] { return log.size() == 2; }));
     EXPECT_EQ(lock.waiterCount(), 2u);
     EXPECT_EQ(log, (std::vector<std::string>{"a+", "b-"}));
 
@@ -61,6 +65,36 @@ TEST(AsyncFifoLockTest, OnlyCancellationAwareCallersHeedAnAlreadyStoppedToken) {
     EXPECT_TRUE(syncWait(lock.acquire(false, stopped.get_token())));
     EXPECT_FALSE(syncWait(lock.acquire(true, stopped.get_token())));
     EXPECT_EQ(lock.waiterCount(), 0u);
+}
+
+TEST(AsyncFifoLockTest, ADestroyedLockResumesEveryWaiterWithACancellation) {
+    auto lock = std::make_unique<AsyncFifoLock>();
+    ASSERT_TRUE(syncWait(lock->acquire(false)));
+    std::stop_source never;
+    auto patient = lock->acquire(false);
+    auto aware = lock->acquire(true, never.get_token());
+    ASSERT_EQ(lock->waiterCount(), 2u);
+    lock.reset();
+    EXPECT_THROW(syncWait(patient), CancellationError);
+    EXPECT_THROW(syncWait(aware), CancellationError);
+    never.request_stop(); // the waiter's stop callback outlives the lock harmlessly
+    ASSERT_TRUE(tavelo::testing::waitUntil([] { return true; }, 20));
+}
+
+TEST(EventLoopSleepTest, LongWaitsNeitherOverflowNorEndEarly) {
+    EXPECT_EQ(detail::sleepStepMilliseconds(0.0015), 2);
+    EXPECT_EQ(detail::sleepStepMilliseconds(-3), 0);
+    EXPECT_EQ(detail::sleepStepMilliseconds(std::nan("")), 0);
+    EXPECT_EQ(detail::sleepStepMilliseconds(1e10), 24 * 3600 * 1000); // a day at a time
+    EXPECT_EQ(detail::sleepStepMilliseconds(3e6), 24 * 3600 * 1000);  // 35 days: more ms than an int holds
+
+    // A wait of 35 days is still waiting when it is stopped.
+    auto sleep = eventLoopSleep();
+    std::stop_source stop;
+    auto task = sleep(3e6, stop.get_token());
+    EXPECT_FALSE(tavelo::testing::waitUntil([&] { return task.isReady(); }, 50));
+    stop.request_stop();
+    EXPECT_THROW(syncWait(task), CancellationError);
 }
 
 TEST(BackgroundTaskTest, EveryAwaiterGetsTheResultOrTheFailure) {

@@ -1,0 +1,130 @@
+// The state file's format pinned byte for byte: the schema, the metadata row
+// and every event row of a fixed snapshot, and the old plain-JSON format that
+// is still migrated on load.
+
+#include "services/LocalCalendarService.h"
+#include "support/Async.h"
+#include "support/Golden.h"
+#include "support/JsonWriter.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+using namespace tavelo;
+
+namespace {
+
+UUID fixed(int n) {
+    UUID::Bytes bytes{};
+    bytes[0] = 0xA0;
+    bytes[6] = 0x40;
+    bytes[8] = 0x80;
+    bytes[15] = static_cast<std::uint8_t>(n);
+    return UUID(bytes);
+}
+
+// Every kind of field set at least once.
+AppSnapshot fixedSnapshot() {
+    const Date day = Date::fromUnixSeconds(1767571200); // 2026-01-05T00:00:00Z
+    AppSnapshot s = AppSnapshot::empty();
+    s.accounts.push_back(Account{.id = fixed(1), .name = "仕事", .email = "a@example.com", .kind = AccountKind::work,
+                                 .colorHex = "#123456", .isConnected = true, .lastSync = day, .googleSubject = "sub"});
+    s.calendars.push_back(CalendarSource{.id = fixed(2), .accountID = fixed(1), .name = "Work", .colorHex = "#2F6FEB",
+                                         .isVisible = true, .receivesBusyBlocks = true, .googleCalendarID = "primary",
+                                         .googleTimeZoneIdentifier = "Asia/Tokyo"});
+    s.calendars.push_back(CalendarSource::tavelo());
+    s.tags.push_back(Tag{.id = fixed(3), .name = "Deep work", .sortOrder = 0});
+    CalendarEvent rich;
+    rich.id = fixed(10);
+    rich.groupID = fixed(11);
+    rich.sourceEventID = fixed(12);
+    rich.title = "週次定例 \"weekly\"";
+    rich.start = day.addingSeconds(9 * 3600);
+    rich.end = day.addingSeconds(10 * 3600);
+    rich.recurrence = EventRecurrence::weekly;
+    rich.calendarID = fixed(2);
+    rich.tagID = fixed(3);
+    rich.notes = "line 1\nline 2\t✓";
+    rich.guests = {{fixed(13), "山田", "y@example.com", GuestStatus::tentative}};
+    rich.notifications = {10, 60};
+    rich.meetURL = CalendarEvent::pendingMeetURL();
+    rich.googleEventID = "g1";
+    rich.googleETag = "\"3300\"";
+    rich.googleUpdatedAt = day;
+    CalendarEvent block;
+    block.id = fixed(20);
+    block.groupID = fixed(11);
+    block.title = "予定あり";
+    block.start = rich.start;
+    block.end = rich.end;
+    block.calendarID = CalendarSource::tavelo().id;
+    block.isGeneratedBusyBlock = true;
+    CalendarEvent task;
+    task.id = fixed(30);
+    task.groupID = fixed(31);
+    task.kind = EventKind::task;
+    task.title = "Report";
+    task.start = day;
+    task.end = day.addingSeconds(86400);
+    task.isAllDay = true;
+    task.isCompleted = true;
+    task.calendarID = CalendarSource::tavelo().id;
+    s.events = {task, rich, block}; // an order no sort would give
+    s.googleSyncStates.push_back({fixed(2), "token", day});
+    return s;
+}
+
+QByteArray rows(const QString& path) {
+    sqlite3* db = nullptr;
+    sqlite3_open_v2(QFile::encodeName(path), &db, SQLITE_OPEN_READONLY, nullptr);
+    QByteArray out;
+    const auto collect = [&](const char* sql) {
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+        while (sqlite3_step(stmt) == SQLITE_ROW) {
+            for (int column = 0; column < sqlite3_column_count(stmt); ++column) {
+                if (column > 0) out += ' ';
+                out += QByteArray(static_cast<const char*>(sqlite3_column_blob(stmt, column)),
+                                  sqlite3_column_bytes(stmt, column));
+            }
+            out += '\n';
+        }
+        sqlite3_finalize(stmt);
+    };
+    collect("SELECT sql FROM sqlite_master ORDER BY name");
+    collect("SELECT id, payload FROM metadata");
+    collect("SELECT id, payload FROM events ORDER BY id");
+    sqlite3_close_v2(db);
+    return out;
+}
+
+TEST(StateFileGoldenTest, TheDatabaseAndTheOldJsonFormatKeepTheirBytes) {
+    QTemporaryDir dir;
+    const QString path = dir.filePath("state.json");
+    const AppSnapshot snapshot = fixedSnapshot();
+    {
+        LocalCalendarService service(path);
+        syncWait(service.save(snapshot));
+    }
+    tavelo::testing::expectGolden("state-database-rows.txt", rows(path));
+    EXPECT_EQ(syncWait(LocalCalendarService(path).load()).snapshot, snapshot);
+
+    // The old format: one JSON document, read and migrated as it stands.
+    tavelo::testing::expectGolden("state-legacy.json", QByteArray::fromStdString(encodeJson(snapshot)));
+    QTemporaryDir legacyDir;
+    const QString legacy = legacyDir.filePath("state.json");
+    {
+        QFile file(legacy);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(tavelo::testing::goldenBytes("state-legacy.json"));
+    }
+    const auto migrated = syncWait(LocalCalendarService(legacy).load());
+    EXPECT_FALSE(migrated.warning);
+    EXPECT_EQ(migrated.snapshot, snapshot);
+    EXPECT_EQ(rows(legacy), rows(path)) << "migration writes what a save writes";
+}
+
+} // namespace
