@@ -4,6 +4,8 @@
 #include "views/shell/RowSync.h"
 #include "views/shell/ShellTasks.h"
 
+#include <algorithm>
+
 namespace tavelo::shell {
 
 TagListModel::TagListModel(QObject* parent) : QAbstractListModel(parent) {}
@@ -91,12 +93,22 @@ const Tag* TagListModel::tagAt(int row) const {
 }
 
 void TagListModel::update(int row, const std::function<void(Tag&)>& change) {
-    const Tag* tag = tagAt(row);
-    if (!tag) return;
-    Tag edited = *tag;
+    const Tag* stored = tagAt(row);
+    if (!stored) return;
+    const UUID id = stored->id;
+    const auto inFlight = std::find_if(editsInFlight_.begin(), editsInFlight_.end(), [&](const Tag& t) { return t.id == id; });
+    const Tag& base = inFlight != editsInFlight_.end() ? *inFlight : *stored;
+    Tag edited = base;
     change(edited);
-    if (edited == *tag) return;
-    launch(store_->updateTag(std::move(edited)), this);
+    if (edited == base) return;
+    if (inFlight != editsInFlight_.end()) *inFlight = edited;
+    else editsInFlight_.push_back(edited);
+    // Once the store is done with the newest edit, the stored tag is the base again.
+    const auto settled = [this, sent = edited] {
+        std::erase_if(editsInFlight_, [&](const Tag& t) { return t == sent; });
+    };
+    launch(store_->updateTag(std::move(edited)), this, [settled](bool) { settled(); },
+           [settled](std::exception_ptr) { settled(); });
 }
 
 bool TagListModel::addTag(const QString& name, const QString& color) {

@@ -87,6 +87,10 @@ private:
     QPointer<AppStore> store_;
     std::vector<Row> rows_;
     QString nameError_;
+    // The newest edit sent for each tag whose update the store has not
+    // finished: the store queues its writes, so a second edit made meanwhile
+    // must start from the first one, not from the stored tag.
+    std::vector<Tag> editsInFlight_;
 };
 
 } // namespace tavelo::shell

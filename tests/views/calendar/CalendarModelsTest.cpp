@@ -1,6 +1,7 @@
 #include "CalendarFixture.h"
 
 #include "ai/AISchedule.h"
+#include "support/TestWait.h"
 #include "views/calendar/CalendarViewSupport.h"
 #include "views/calendar/EventDetailModel.h"
 #include "views/calendar/MonthModel.h"
@@ -360,7 +361,8 @@ TEST_F(CalendarModelsTest, SearchNarrowsAsYouTypeAndIncludesThePastOnRequest) {
     EXPECT_TRUE(search.includePast());
     EXPECT_EQ(search.results()->rowCount(), 5); // + the review, its preparation and the look back
     EXPECT_TRUE(search.results()->rows().front().isPast);
-    EXPECT_TRUE(stored().preferences.includePastSearchResults);
+    // The preference reaches the file once the store's write is done.
+    EXPECT_TRUE(tavelo::testing::waitUntil([&] { return stored().preferences.includePastSearchResults; }));
 
     // A new matching event arrives without retyping.
     EventDraft draft{.title = "設計合宿", .start = fromToday(5, 9), .end = fromToday(5, 17), .calendarIDs = {work}};
