@@ -70,6 +70,20 @@ QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> edit
         }
     }
 
+    // The built-in local calendar joins the calendar list the first time an
+    // event is made on it, as it does for a standalone meeting; without it a
+    // newcomer with no Google account could not make any event.
+    const CalendarSource& local = CalendarSource::tavelo();
+    if (isCreation && std::find(draft.calendarIDs.begin(), draft.calendarIDs.end(), local.id) != draft.calendarIDs.end() &&
+        std::none_of(calendars_.begin(), calendars_.end(), [&](const CalendarSource& c) { return c.id == local.id; })) {
+        AppSnapshot previous = snapshot();
+        auto calendars = calendars_;
+        calendars.push_back(local);
+        setCalendars(std::move(calendars));
+        if (!co_await persistOrRollBack(std::move(previous), std::nullopt)) co_return false;
+        if (!self) co_return false;
+    }
+
     // The engine reads the accounts, calendars, tags and preferences, and of
     // the events only the group under edit; the rest of a large list is not
     // copied for it, nor for the rollback.

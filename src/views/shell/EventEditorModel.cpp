@@ -1,5 +1,7 @@
 #include "views/shell/EventEditorModel.h"
 
+#include <algorithm>
+
 #include "stores/AppStore.h"
 #include "stores/EventAccessPolicy.h"
 #include "stores/SceneState.h"
@@ -192,7 +194,13 @@ void EventEditorModel::changeDraft(const std::function<void(EventDraft&)>& chang
 void EventEditorModel::refreshChoices() {
     std::vector<EditorCalendarChoices::Row> rows;
     if (store_) {
-        for (const CalendarSource& calendar : store_->calendars()) {
+        // The built-in local calendar is always offered; the store adds it to
+        // the list when the first event is made on it.
+        std::vector<CalendarSource> offered = store_->calendars();
+        const CalendarSource& local = CalendarSource::tavelo();
+        if (std::none_of(offered.begin(), offered.end(), [&](const CalendarSource& c) { return c.id == local.id; }))
+            offered.insert(offered.begin(), local);
+        for (const CalendarSource& calendar : offered) {
             QString accountName = QStringLiteral("このコンピューター");
             for (const Account& account : store_->accounts())
                 if (calendar.accountID == account.id) accountName = account.email.isEmpty() ? account.name : account.email;
