@@ -453,8 +453,7 @@ TEST_F(AppStoreTest, RefusalsShowTheirMessageWithoutRetryAndChangeNothing) {
     const QString managedBlock = StoreOperationError::managedBusyBlock().message();
     const std::vector<std::pair<std::function<QCoro::Task<bool>()>, QString>> refusals = {
         {save(badGuest), "Googleカレンダーの参加者には有効なメールアドレスを入力してください"},
-        // The editor lets the local calendar alone through; the engine finds it not set up yet.
-        {save(draft("Notes", {local})), "作成先カレンダーを選択してください"},
+        {save(draft("Notes", {})), "作成先カレンダーを選択してください"},
         {save(EventDraft::fromEvent(standup[0], {work}, tokyo())), invalidEdit}, // an update names no event
         {save(otherGroup, standup[0].id), invalidEdit},
         {save(EventDraft::fromEvent(standup[2], {family}, tokyo()), standup[2].id), managedBlock},

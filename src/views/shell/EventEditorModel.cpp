@@ -199,7 +199,7 @@ void EventEditorModel::refreshChoices() {
         std::vector<CalendarSource> offered = store_->calendars();
         const CalendarSource& local = CalendarSource::tavelo();
         if (std::none_of(offered.begin(), offered.end(), [&](const CalendarSource& c) { return c.id == local.id; }))
-            offered.insert(offered.begin(), local);
+            offered.push_back(local);
         for (const CalendarSource& calendar : offered) {
             QString accountName = QStringLiteral("このコンピューター");
             for (const Account& account : store_->accounts())
