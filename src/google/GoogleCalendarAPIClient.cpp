@@ -174,6 +174,9 @@ QCoro::Task<QString> GoogleCalendarAPIClient::accessToken(std::optional<QString>
         qCCritical(googleSyncLog, "Token provider failed: %s", qUtf8Printable(localizedDescription(error)));
         if (error.kind() == GoogleAccessTokenProviderError::Kind::reconnectRequired) fail(Kind::reconnectRequired);
         fail(Kind::authorizationFailure);
+    } catch (const std::exception& other) {
+        qCCritical(googleSyncLog, "Token provider failed: %s", qUtf8Printable(localizedDescription(other)));
+        fail(Kind::authorizationFailure);
     } catch (...) {
         fail(Kind::authorizationFailure);
     }
@@ -211,7 +214,7 @@ QCoro::Task<QByteArray> GoogleCalendarAPIClient::successfulData(HTTPRequest requ
         }
 
         const int status = *response.status;
-        if (response.body.size() > kMaximumResponseBytes) {
+        if (response.body.size() > maximumResponseBytes_) {
             qCWarning(googleSyncLog, "Google Calendar reply of %lld bytes refused", qlonglong(response.body.size()));
             fail(Kind::invalidResponse);
         }

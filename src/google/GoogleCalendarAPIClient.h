@@ -73,8 +73,9 @@ public:
 
     // Google's Calendar REST root.
     static QUrl defaultBaseURL();
-    // Replies longer than this are refused before they are parsed.
-    static constexpr qsizetype kMaximumResponseBytes = 64 * 1024 * 1024;
+    // Replies longer than this are refused before they are parsed: a page of
+    // 2500 large events stays well below it.
+    static constexpr qsizetype kDefaultMaximumResponseBytes = 64 * 1024 * 1024;
     // Sends per call for rate-limit and backend reasons.
     static constexpr int kMaximumAttempts = 3;
 
@@ -110,6 +111,8 @@ public:
     QCoro::Task<GoogleFreeBusyResponseDTO> freeBusy(std::vector<QString> calendarIDs, Date timeMin, Date timeMax,
                                                     QString timeZone, std::stop_token stop = {}) const;
 
+    void setMaximumResponseBytes(qsizetype bytes) { maximumResponseBytes_ = bytes; }
+
     enum class Operation { other, incrementalListing };
     // Sends with token, retries and classification; the body of a success.
     QCoro::Task<QByteArray> successfulData(HTTPRequest request, Operation operation,
@@ -127,6 +130,7 @@ private:
     SleepFunction retryDelay_;
     Jitter jitter_;
     QUrl baseURL_;
+    qsizetype maximumResponseBytes_ = kDefaultMaximumResponseBytes;
 };
 
 } // namespace tavelo
