@@ -139,6 +139,13 @@ int GoogleCalendarStandIn::countOf(const QByteArray& method) const {
 }
 
 std::optional<CannedResponse> GoogleCalendarStandIn::handle(const RecordedRequest& request) {
+    for (auto it = pathFaults_.begin(); it != pathFaults_.end(); ++it) {
+        if (it->method == request.method && (request.path + '?' + request.query).contains(it->fragment)) {
+            CannedResponse fault = it->response;
+            pathFaults_.erase(it);
+            return fault;
+        }
+    }
     if (auto& queue = faults_[request.method]; !queue.empty()) {
         CannedResponse fault = queue.front();
         queue.pop_front();

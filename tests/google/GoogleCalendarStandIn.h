@@ -68,6 +68,11 @@ public:
     void expireSyncTokens();
     // The next request with this method gets `response` (queued in order).
     void failNext(const QByteArray& method, CannedResponse response);
+    // The next request with this method whose path and query ("path?query",
+    // as sent, percent-encoded) contain `fragment` gets `response`.
+    void failNextAt(const QByteArray& method, const QByteArray& fragment, CannedResponse response) {
+        pathFaults_.push_back({method, fragment, std::move(response)});
+    }
     // A Google error body with one reason.
     static CannedResponse googleError(int status, const char* reason, const char* message);
     // A conference asked for on insert or patch is ready after this many reads.
@@ -120,6 +125,12 @@ private:
     std::map<QString, Cursor> cursors_;
     std::map<QString, std::pair<QString, std::int64_t>> syncTokens_;
     std::map<QByteArray, std::deque<CannedResponse>> faults_;
+    struct PathFault {
+        QByteArray method;
+        QByteArray fragment;
+        CannedResponse response;
+    };
+    std::vector<PathFault> pathFaults_;
     std::int64_t sequence_ = 1000;
     std::uint64_t tokenCounter_ = 0;
     int conferenceReadsUntilReady_ = 1;

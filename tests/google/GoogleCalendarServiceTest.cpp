@@ -1,0 +1,337 @@
+#include "services/GoogleCalendarService.h"
+
+#include "google/GoogleAccessTokenProvider.h"
+#include "google/GoogleCalendarAPIClient.h"
+#include "google/GoogleCalendarStandIn.h"
+#include "google/GoogleTestSupport.h"
+#include "services/LocalCalendarService.h"
+#include "support/HTTPTransport.h"
+
+#include <QJsonObject>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+namespace tavelo::testing {
+namespace {
+
+using ServiceKind = GoogleCalendarServiceError::Kind;
+
+class FixedTokenProvider final : public GoogleAccessTokenProviding {
+public:
+    explicit FixedTokenProvider(QString token) : token_(std::move(token)) {}
+    QCoro::Task<QString> accessToken(std::optional<QString>, std::stop_token) override {
+        QString token = token_;
+        co_return token;
+    }
+
+private:
+    QString token_;
+};
+
+QJsonObject timed(const QString& id, const QString& summary, int day, int hour = 10) {
+    const QString start = QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(hour, 2, 10, QChar('0'));
+    const QString end = QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(hour + 1, 2, 10, QChar('0'));
+    return QJsonObject{{"id", id},
+                       {"summary", summary},
+                       {"start", QJsonObject{{"dateTime", start}, {"timeZone", "Asia/Tokyo"}}},
+                       {"end", QJsonObject{{"dateTime", end}, {"timeZone", "Asia/Tokyo"}}}};
+}
+
+const QString kAlice = QStringLiteral("alice@example.com");
+const QString kFamily = QStringLiteral("family@group.calendar.google.com");
+const QString kBob = QStringLiteral("bob@work.example");
+
+class GoogleCalendarServiceTest : public ::testing::Test {
+protected:
+    GoogleCalendarServiceTest() {
+        aliceGoogle.acceptToken("alice-token");
+        aliceGoogle.addCalendar(kAlice, "Alice", true);
+        aliceGoogle.addCalendar(kFamily, "Family", false, "writer", "Europe/Berlin");
+        bobGoogle.acceptToken("bob-token");
+        bobGoogle.addCalendar(kBob, "Bob", true);
+        for (int i = 0; i < 30; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("alice%1").arg(i), "Alice work", 1 + i % 28));
+        for (int i = 0; i < 5; ++i) aliceGoogle.putEvent(kFamily, timed(QStringLiteral("fam%1").arg(i), "Dinner", 1 + i, 19));
+        for (int i = 0; i < 12; ++i) bobGoogle.putEvent(kBob, timed(QStringLiteral("bob%1").arg(i), "Bob meeting", 2 + i));
+        service = makeService(local);
+    }
+
+    std::shared_ptr<GoogleCalendarService> makeService(std::shared_ptr<LocalCalendarService> store) {
+        GoogleCalendarService::Functions f;
+        f.connectGoogleIdentity = [this](std::stop_token) -> QCoro::Task<GoogleIdentity> {
+            GoogleIdentity identity = identities.front();
+            identities.pop_front();
+            co_return identity;
+        };
+        f.reconnectGoogleIdentity = [this](QString subject, std::stop_token) -> QCoro::Task<GoogleIdentity> {
+            GoogleIdentity identity{subject, subject == "sub-alice" ? kAlice : kBob, std::nullopt};
+            co_return identity;
+        };
+        f.disconnectGoogleIdentity = [this](QString subject) -> QCoro::Task<void> {
+            disconnected.push_back(subject);
+            co_return;
+        };
+        f.makeAPIClient = [this](const QString& subject) {
+            const bool alice = subject == QLatin1String("sub-alice");
+            auto tokens = std::make_shared<FixedTokenProvider>(alice ? "alice-token" : "bob-token");
+            return GoogleCalendarAPIClient(
+                tokens, transport,
+                [this](double, std::stop_token) -> QCoro::Task<void> {
+                    if (onWait) onWait();
+                    co_return;
+                },
+                [] { return 0.0; }, alice ? aliceGoogle.baseURL() : bobGoogle.baseURL());
+        };
+        f.now = [] { return *Date::fromIsoString("2026-11-23T12:00:00Z"); };
+        return std::make_shared<GoogleCalendarService>(std::move(store), std::move(f));
+    }
+
+    Account connect() { return syncWait(service->connectGoogleAccount({})); }
+
+    // What a fresh store reads from the file.
+    AppSnapshot onDisk() { return syncWait(LocalCalendarService(path).load()).snapshot; }
+
+    static int eventsOn(const AppSnapshot& snapshot, const QString& googleCalendarID) {
+        std::optional<UUID> id;
+        for (const auto& c : snapshot.calendars)
+            if (c.googleCalendarID == googleCalendarID) id = c.id;
+        if (!id) return -1;
+        return int(std::count_if(snapshot.events.begin(), snapshot.events.end(),
+                                 [&](const CalendarEvent& e) { return e.calendarID == *id; }));
+    }
+    static const CalendarEvent* eventByGoogleID(const AppSnapshot& snapshot, const QString& googleID) {
+        for (const auto& e : snapshot.events)
+            if (e.googleEventID == googleID) return &e;
+        return nullptr;
+    }
+    static UUID calendarID(const AppSnapshot& snapshot, const QString& googleCalendarID) {
+        for (const auto& c : snapshot.calendars)
+            if (c.googleCalendarID == googleCalendarID) return c.id;
+        ADD_FAILURE() << "no calendar " << googleCalendarID.toStdString();
+        return UUID();
+    }
+
+    template <class Body>
+    std::optional<GoogleCalendarServiceError> failureOf(Body body) {
+        try {
+            body();
+        } catch (const GoogleCalendarServiceError& error) {
+            return error;
+        } catch (const std::exception& other) {
+            ADD_FAILURE() << "unexpected error: " << localizedDescription(other).toStdString();
+            return std::nullopt;
+        }
+        ADD_FAILURE() << "no error thrown";
+        return std::nullopt;
+    }
+
+    QTemporaryDir dir;
+    QString path = dir.filePath("calendar.sqlite");
+    std::shared_ptr<LocalCalendarService> local = std::make_shared<LocalCalendarService>(path);
+    GoogleCalendarStandIn aliceGoogle;
+    GoogleCalendarStandIn bobGoogle;
+    std::shared_ptr<NetworkHTTPTransport> transport = std::make_shared<NetworkHTTPTransport>();
+    std::deque<GoogleIdentity> identities{{"sub-alice", kAlice, QStringLiteral("Alice")},
+                                          {"sub-bob", kBob, QStringLiteral("Bob")}};
+    std::vector<QString> disconnected;
+    std::function<void()> onWait;
+    std::shared_ptr<GoogleCalendarService> service;
+};
+
+TEST_F(GoogleCalendarServiceTest, TwoAccountsSyncIntoOneFileThenOnlyChangesTravel) {
+    const Account alice = connect();
+    const Account bob = connect();
+    EXPECT_NE(alice.id, bob.id);
+    syncWait(service->syncAllGoogleAccounts({}));
+
+    AppSnapshot stored = onDisk();
+    EXPECT_EQ(eventsOn(stored, kAlice), 30);
+    EXPECT_EQ(eventsOn(stored, kFamily), 5);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    for (const auto& account : stored.accounts) {
+        EXPECT_TRUE(account.isConnected);
+        EXPECT_TRUE(account.lastSync);
+    }
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::connected);
+    EXPECT_EQ(service->calendarTimeZones().at(calendarID(stored, kFamily)), "Europe/Berlin");
+
+    // Changes at Google: only they are listed, by sync token.
+    aliceGoogle.putEvent(kAlice, timed("alice3", "Moved review", 20, 15));
+    aliceGoogle.cancelEvent(kAlice, "alice4");
+    aliceGoogle.putEvent(kFamily, timed("fam9", "Birthday", 24, 18));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const auto listing = aliceGoogle.server().requests().back();
+    EXPECT_TRUE(listing.query.contains("syncToken=")) << listing.query.toStdString();
+
+    stored = onDisk();
+    EXPECT_EQ(eventsOn(stored, kAlice), 29);
+    EXPECT_EQ(eventsOn(stored, kFamily), 6);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    ASSERT_TRUE(eventByGoogleID(stored, "alice3"));
+    EXPECT_EQ(eventByGoogleID(stored, "alice3")->title, "Moved review");
+    EXPECT_FALSE(eventByGoogleID(stored, "alice4"));
+}
+
+TEST_F(GoogleCalendarServiceTest, ExpiredTokenRestartsWithAFullListingThatReplacesNothingUntilWhole) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const AppSnapshot before = onDisk();
+
+    // Deleted at Google while the token expires: the full listing has no
+    // "cancelled" item for it, yet it must go.
+    aliceGoogle.cancelEvent(kAlice, "alice7");
+    aliceGoogle.expireSyncTokens();
+    // The restart is cut off after its first page (there are more than 250 events now).
+    for (int i = 0; i < 300; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("bulk%1").arg(i), "Bulk", 10));
+    aliceGoogle.failNextAt("GET", "/calendars/alice%40example.com/events?maxResults=250&showDeleted=true&singleEvents=true&pageToken=",
+                           GoogleCalendarStandIn::googleError(503, "backendError", "Service Unavailable"));
+    const UUID aliceCalendar = calendarID(before, kAlice);
+    auto partial = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
+    ASSERT_TRUE(partial);
+    EXPECT_EQ(partial->kind(), ServiceKind::partialSync);
+    EXPECT_EQ(partial->failedCalendarIDs(), std::vector<UUID>{aliceCalendar});
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::failed);
+    const auto warnings = syncWait(service->googleSyncWarnings(alice.id));
+    EXPECT_NE(std::find(warnings.begin(), warnings.end(), GoogleSyncWarning::calendarFailed(aliceCalendar)), warnings.end());
+
+    AppSnapshot interrupted = onDisk();
+    EXPECT_EQ(eventsOn(interrupted, kAlice), 30) << "nothing is replaced by half a listing";
+    EXPECT_TRUE(eventByGoogleID(interrupted, "alice7"));
+    EXPECT_EQ(eventsOn(interrupted, kFamily), 5);
+    // A partial failure leaves the account's last sync as it was.
+    EXPECT_EQ(interrupted.accounts.front().lastSync, before.accounts.front().lastSync);
+
+    // The next sync completes the restart.
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    AppSnapshot after = onDisk();
+    EXPECT_EQ(eventsOn(after, kAlice), 29 + 300);
+    EXPECT_FALSE(eventByGoogleID(after, "alice7"));
+    // Local ids survive the full listing.
+    EXPECT_EQ(eventByGoogleID(after, "alice1")->id, eventByGoogleID(before, "alice1")->id);
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::connected);
+}
+
+TEST_F(GoogleCalendarServiceTest, RejectedCredentialsStopOneAccountAndTheOtherStillSyncs) {
+    const Account alice = connect();
+    const Account bob = connect();
+    aliceGoogle.revokeToken("alice-token");
+    auto partial = failureOf([&] { syncWait(service->syncAllGoogleAccounts({})); });
+    ASSERT_TRUE(partial);
+    EXPECT_EQ(partial->kind(), ServiceKind::partialSync);
+    EXPECT_EQ(partial->failedAccountIDs(), std::vector<UUID>{alice.id});
+    EXPECT_TRUE(partial->failedCalendarIDs().empty());
+    // One refresh was tried: two sends of the calendar list, then it stopped.
+    EXPECT_EQ(aliceGoogle.countOf("GET"), 2);
+
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::reconnectRequired);
+    EXPECT_EQ(syncWait(service->googleSyncStatus(bob.id)), GoogleSyncStatus::connected);
+    AppSnapshot stored = onDisk();
+    for (const auto& account : stored.accounts) EXPECT_EQ(account.isConnected, account.id == bob.id);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+
+    auto direct = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
+    EXPECT_EQ(direct, GoogleCalendarServiceError::reconnectRequired(alice.id));
+    EXPECT_EQ(localizedDescription(*direct), QStringLiteral("Googleアカウントを再接続してください。"));
+
+    // Reconnecting brings the account back.
+    aliceGoogle.acceptToken("alice-token");
+    syncWait(service->reconnectGoogleAccount(alice.id, {}));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    EXPECT_EQ(eventsOn(onDisk(), kAlice), 30);
+}
+
+TEST_F(GoogleCalendarServiceTest, CancelledSyncWritesNothing) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    aliceGoogle.putEvent(kAlice, timed("alice2", "Renamed", 3));
+    aliceGoogle.failNextAt("GET", "family", CannedResponse{429, {}, {}});
+    std::stop_source stop;
+    onWait = [&] { stop.request_stop(); };
+    EXPECT_THROW(syncWait(service->syncGoogleAccount(alice.id, stop.get_token())), CancellationError);
+    EXPECT_EQ(eventByGoogleID(onDisk(), "alice2")->title, "Alice work");
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::connected);
+    EXPECT_FALSE(service->transactionGate().isLocked());
+}
+
+TEST_F(GoogleCalendarServiceTest, StaleSaveFromTheApplicationKeepsGooglesState) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    AppSnapshot appCopy = syncWait(service->load()).snapshot;
+
+    aliceGoogle.putEvent(kAlice, timed("alice5", "Changed at Google", 6));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const QString newETag = aliceGoogle.event(kAlice, "alice5")->value("etag").toString();
+
+    // The application saves its older copy with a choice of its own.
+    for (auto& calendar : appCopy.calendars)
+        if (calendar.googleCalendarID == kFamily) calendar.isVisible = false;
+    for (auto& event : appCopy.events)
+        if (event.googleEventID == "alice5") event.isCompleted = true;
+    appCopy.googleSyncStates.clear();
+    syncWait(service->save(appCopy));
+
+    AppSnapshot stored = onDisk();
+    const CalendarEvent* event = eventByGoogleID(stored, "alice5");
+    ASSERT_TRUE(event);
+    EXPECT_EQ(event->googleETag, newETag);
+    EXPECT_EQ(event->title, "Changed at Google");
+    EXPECT_TRUE(event->isCompleted);
+    for (const auto& calendar : stored.calendars)
+        if (calendar.googleCalendarID == kFamily) EXPECT_FALSE(calendar.isVisible);
+    EXPECT_FALSE(stored.googleSyncStates.empty());
+
+    // And the sync still goes on from its token.
+    aliceGoogle.putEvent(kAlice, timed("late1", "Late", 7));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    EXPECT_TRUE(aliceGoogle.server().requests().back().query.contains("syncToken="));
+    EXPECT_TRUE(eventByGoogleID(onDisk(), "late1"));
+}
+
+TEST_F(GoogleCalendarServiceTest, DisconnectErasesTheLocalCopyAndReconnectingGivesTheSameIDs) {
+    const Account alice = connect();
+    const Account bob = connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const AppSnapshot before = onDisk();
+
+    syncWait(service->disconnectGoogleAccount(alice.id, {}));
+    EXPECT_EQ(disconnected, std::vector<QString>{"sub-alice"});
+    AppSnapshot stored = onDisk();
+    EXPECT_EQ(stored.accounts.size(), 1u);
+    EXPECT_EQ(eventsOn(stored, kAlice), -1);
+    EXPECT_EQ(eventsOn(stored, kFamily), -1);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    for (const auto& state : stored.googleSyncStates) EXPECT_NE(state.calendarID, calendarID(before, kAlice));
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::idle);
+    // Nothing changed at Google.
+    EXPECT_EQ(aliceGoogle.liveEventCount(kAlice), 30);
+
+    identities.push_back({"sub-alice", kAlice, QStringLiteral("Alice")});
+    EXPECT_EQ(connect().id, alice.id);
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    AppSnapshot again = onDisk();
+    EXPECT_EQ(calendarID(again, kAlice), calendarID(before, kAlice));
+    EXPECT_EQ(eventByGoogleID(again, "alice9")->id, eventByGoogleID(before, "alice9")->id);
+    EXPECT_EQ(failureOf([&] { syncWait(service->disconnectGoogleAccount(UUID::random(), {})); }),
+              GoogleCalendarServiceError::accountNotFound());
+}
+
+TEST_F(GoogleCalendarServiceTest, TransactionsRunOneAtATime) {
+    const Account alice = connect();
+    const Account bob = connect();
+    // Both syncs are started at once; the second waits at the gate until the
+    // first has saved.
+    auto first = service->syncGoogleAccount(alice.id, {});
+    auto second = service->syncGoogleAccount(bob.id, {});
+    EXPECT_EQ(service->transactionGate().waiterCount(), 1u);
+    syncWait(first);
+    syncWait(second);
+    AppSnapshot stored = onDisk();
+    EXPECT_EQ(eventsOn(stored, kAlice), 30);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    EXPECT_FALSE(service->transactionGate().isLocked());
+}
+
+} // namespace
+} // namespace tavelo::testing
