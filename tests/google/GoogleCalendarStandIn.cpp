@@ -152,8 +152,9 @@ std::optional<CannedResponse> GoogleCalendarStandIn::handle(const RecordedReques
         return fault;
     }
     const auto authorization = request.header("authorization").value_or(QByteArray());
-    if (!authorization.startsWith("Bearer ") || !tokens_.contains(QString::fromUtf8(authorization.mid(7))))
-        return googleError(401, "authError", "Invalid Credentials");
+    const QString bearer = QString::fromUtf8(authorization.mid(7));
+    const bool accepted = tokens_.contains(bearer) || (validator_ && validator_(bearer));
+    if (!authorization.startsWith("Bearer ") || !accepted) return googleError(401, "authError", "Invalid Credentials");
 
     const QByteArray base = kBasePath;
     if (!request.path.startsWith(base + '/')) return googleError(404, "notFound", "Not Found");

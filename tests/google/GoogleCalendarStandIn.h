@@ -30,6 +30,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -51,6 +52,8 @@ public:
 
     void acceptToken(const QString& token) { tokens_.insert(token); }
     void revokeToken(const QString& token) { tokens_.erase(token); }
+    // Tokens issued elsewhere (by the OAuth stand-in) are accepted while this holds.
+    void setTokenValidator(std::function<bool(const QString&)> validator) { validator_ = std::move(validator); }
 
     void addCalendar(const QString& id, const QString& summary, bool primary = false,
                      const QString& accessRole = QStringLiteral("owner"),
@@ -120,6 +123,7 @@ private:
 
     LocalHttpServer server_;
     std::set<QString> tokens_;
+    std::function<bool(const QString&)> validator_;
     std::map<QString, Calendar> calendars_;
     std::vector<QString> calendarOrder_;
     std::map<QString, Cursor> cursors_;
