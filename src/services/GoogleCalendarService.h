@@ -88,6 +88,23 @@ public:
     QCoro::Task<GoogleSyncStatus> googleSyncStatus(UUID accountID) override;
     QCoro::Task<std::vector<GoogleSyncWarning>> googleSyncWarnings(UUID accountID) override;
 
+    // The bodies of the three mutations, for a retry that targets only the
+    // destinations that failed before (all of them when absent). Call them
+    // through the gate: the store's retry holds it with runGated.
+    QCoro::Task<std::vector<CalendarEvent>> createEventsUngated(
+        std::vector<CalendarEvent> events, std::optional<std::vector<GoogleMutationDestination>> targeting);
+    QCoro::Task<std::vector<CalendarEvent>> updateEventsUngated(
+        UUID groupID, std::vector<CalendarEvent> events, std::optional<std::vector<GoogleMutationDestination>> targeting);
+    QCoro::Task<std::vector<CalendarEvent>> deleteEventsUngated(
+        UUID groupID, std::optional<std::vector<GoogleMutationDestination>> targeting);
+    // A retry of a partial mutation, through the gate.
+    QCoro::Task<std::vector<CalendarEvent>> retryMutation(GoogleMutationOperation operation, UUID groupID,
+                                                          std::vector<CalendarEvent> completeDesiredEvents,
+                                                          std::vector<GoogleMutationDestination> remainingDestinations);
+
+    // One copy's work of a mutation; public for the helpers of its file.
+    struct MutationRun;
+
     const std::map<UUID, QString>& calendarTimeZones() const { return calendarTimeZones_; }
     const GoogleCalendarTransactionGate& transactionGate() const { return gate_; }
 
@@ -116,6 +133,12 @@ private:
                                                                  std::optional<QString> syncToken,
                                                                  std::stop_token stop);
     QCoro::Task<void> markAccountDisconnected(UUID accountID);
+
+    QCoro::Task<void> upsertStep(MutationRun& run, CalendarEvent desired, GoogleMutationDestination destination,
+                                 bool probeRemote);
+    QCoro::Task<void> deleteStep(MutationRun& run, CalendarEvent stored, GoogleMutationDestination destination);
+    void recordFailure(MutationRun& run, const GoogleMutationDestination& destination, std::exception_ptr error);
+    QCoro::Task<std::vector<CalendarEvent>> finishMutation(MutationRun& run);
 
     std::shared_ptr<LocalCalendarService> local_;
     Functions functions_;

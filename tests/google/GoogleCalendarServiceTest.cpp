@@ -113,6 +113,12 @@ protected:
         return UUID();
     }
 
+    static const CalendarEvent* storedEventByID(const AppSnapshot& snapshot, const UUID& id) {
+        for (const auto& e : snapshot.events)
+            if (e.id == id) return &e;
+        return nullptr;
+    }
+
     template <class Body>
     std::optional<GoogleCalendarServiceError> failureOf(Body body) {
         try {
@@ -331,6 +337,131 @@ TEST_F(GoogleCalendarServiceTest, TransactionsRunOneAtATime) {
     EXPECT_EQ(eventsOn(stored, kAlice), 30);
     EXPECT_EQ(eventsOn(stored, kBob), 12);
     EXPECT_FALSE(service->transactionGate().isLocked());
+}
+
+// A group of one event on three calendars of two accounts, the last copy a
+// busy block of the first.
+std::vector<CalendarEvent> groupOnThree(const AppSnapshot& snapshot, const UUID& groupID) {
+    const auto calendarOf = [&](const QString& googleID) {
+        for (const auto& c : snapshot.calendars)
+            if (c.googleCalendarID == googleID) return c.id;
+        return UUID();
+    };
+    const Date start = *Date::fromIsoString("2026-12-10T01:00:00Z");
+    std::vector<CalendarEvent> events;
+    for (const QString& googleID : {kAlice, kFamily, kBob}) {
+        CalendarEvent e;
+        e.id = UUID::random();
+        e.groupID = groupID;
+        e.title = QStringLiteral("Planning");
+        e.start = start;
+        e.end = start.addingSeconds(3600);
+        e.calendarID = calendarOf(googleID);
+        events.push_back(e);
+    }
+    events[2].isGeneratedBusyBlock = true;
+    events[2].sourceEventID = events[0].id;
+    events[2].title = QStringLiteral("Busy");
+    return events;
+}
+
+TEST_F(GoogleCalendarServiceTest, GroupOnThreeCalendarsFailsInTheMiddleAndTheRetrySendsOnlyTheRest) {
+    const Account alice = connect();
+    const Account bob = connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const UUID groupID = UUID::random();
+    const auto desired = groupOnThree(onDisk(), groupID);
+
+    aliceGoogle.failNextAt("POST", "family", GoogleCalendarStandIn::googleError(403, "forbiddenForNonOrganizer", "Forbidden"));
+    auto partial = failureOf([&] { syncWait(service->createEvents(desired)); });
+    ASSERT_TRUE(partial);
+    EXPECT_EQ(partial->kind(), ServiceKind::partialOperation);
+    EXPECT_EQ(partial->operation(), GoogleMutationOperation::create);
+    const GoogleMutationDestination second{alice.id, desired[1].calendarID, desired[1].id};
+    EXPECT_EQ(partial->remainingDestinations(), std::vector<GoogleMutationDestination>{second});
+    EXPECT_TRUE(partial->conflictingDestinations().empty());
+
+    AppSnapshot stored = onDisk();
+    ASSERT_TRUE(storedEventByID(stored, desired[0].id) && storedEventByID(stored, desired[2].id));
+    EXPECT_TRUE(storedEventByID(stored, desired[0].id)->googleEventID);
+    EXPECT_TRUE(storedEventByID(stored, desired[2].id)->googleEventID);
+    EXPECT_TRUE(storedEventByID(stored, desired[2].id)->isGeneratedBusyBlock);
+    // The failed copy is kept as desired, without a Google id.
+    ASSERT_TRUE(storedEventByID(stored, desired[1].id));
+    EXPECT_FALSE(storedEventByID(stored, desired[1].id)->googleEventID);
+    EXPECT_EQ(bobGoogle.liveEventCount(kBob), 13);
+
+    const int aliceRequests = int(aliceGoogle.server().requests().size());
+    const int bobRequests = int(bobGoogle.server().requests().size());
+    syncWait(service->retryMutation(GoogleMutationOperation::create, groupID, desired, partial->remainingDestinations()));
+    EXPECT_EQ(int(aliceGoogle.server().requests().size()), aliceRequests + 1);
+    EXPECT_EQ(int(bobGoogle.server().requests().size()), bobRequests);
+    EXPECT_EQ(aliceGoogle.liveEventCount(kFamily), 6);
+    EXPECT_EQ(aliceGoogle.liveEventCount(kAlice), 31);
+    EXPECT_TRUE(storedEventByID(onDisk(), desired[1].id)->googleEventID);
+
+    // A sync afterwards finds the copies by their Google ids and keeps the links.
+    syncWait(service->syncAllGoogleAccounts({}));
+    stored = onDisk();
+    EXPECT_EQ(storedEventByID(stored, desired[2].id)->sourceEventID, desired[0].id);
+    EXPECT_EQ(std::count_if(stored.events.begin(), stored.events.end(), [&](const CalendarEvent& e) { return e.groupID == groupID; }), 3);
+}
+
+TEST_F(GoogleCalendarServiceTest, EditsRemoteChangesAndDeletesFollowTheGroup) {
+    const Account alice = connect();
+    connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const UUID groupID = UUID::random();
+    auto desired = syncWait(service->createEvents(groupOnThree(onDisk(), groupID)));
+    std::vector<CalendarEvent> group;
+    for (const auto& e : desired)
+        if (e.groupID == groupID) group.push_back(e);
+    ASSERT_EQ(group.size(), 3u);
+
+    // Only the tag changes: a patch of extended properties that mails nobody.
+    const int patchesBefore = aliceGoogle.countOf("PATCH") + bobGoogle.countOf("PATCH");
+    auto retagged = group;
+    for (auto& e : retagged) e.tagID = UUID::random();
+    syncWait(service->updateEvents(groupID, retagged));
+    EXPECT_EQ(aliceGoogle.countOf("PATCH") + bobGoogle.countOf("PATCH"), patchesBefore + 3);
+    const auto tagPatch = aliceGoogle.server().requests().back();
+    EXPECT_EQ(tagPatch.method, "PATCH");
+    EXPECT_FALSE(tagPatch.query.contains("sendUpdates"));
+
+    // An update with nothing changed sends nothing.
+    const auto sent = aliceGoogle.server().requests().size() + bobGoogle.server().requests().size();
+    auto current = onDisk();
+    std::vector<CalendarEvent> same;
+    for (const auto& e : current.events)
+        if (e.groupID == groupID) same.push_back(e);
+    syncWait(service->updateEvents(groupID, same));
+    EXPECT_EQ(aliceGoogle.server().requests().size() + bobGoogle.server().requests().size(), sent);
+
+    // Someone renames the family copy at Google meanwhile: Google wins there.
+    const CalendarEvent family = *storedEventByID(current, group[1].id);
+    QJsonObject remote = *aliceGoogle.event(kFamily, *family.googleEventID);
+    remote.insert("summary", "Renamed at Google");
+    aliceGoogle.putEvent(kFamily, remote);
+    auto renamed = same;
+    for (auto& e : renamed) e.title = QStringLiteral("Planning v2");
+    auto conflict = failureOf([&] { syncWait(service->updateEvents(groupID, renamed)); });
+    ASSERT_TRUE(conflict);
+    const GoogleMutationDestination familyDestination{alice.id, family.calendarID, family.id};
+    EXPECT_EQ(conflict->conflictingDestinations(), std::vector<GoogleMutationDestination>{familyDestination});
+    EXPECT_EQ(conflict->remainingDestinations(), std::vector<GoogleMutationDestination>{familyDestination});
+    current = onDisk();
+    EXPECT_EQ(storedEventByID(current, family.id)->title, "Renamed at Google");
+    EXPECT_EQ(storedEventByID(current, group[0].id)->title, "Planning v2");
+    EXPECT_EQ(aliceGoogle.event(kAlice, *storedEventByID(current, group[0].id)->googleEventID)->value("summary").toString(),
+              "Planning v2");
+
+    // Deleting the group deletes every copy at Google.
+    syncWait(service->deleteEvents(groupID));
+    EXPECT_EQ(aliceGoogle.liveEventCount(kAlice), 30);
+    EXPECT_EQ(aliceGoogle.liveEventCount(kFamily), 5);
+    EXPECT_EQ(bobGoogle.liveEventCount(kBob), 12);
+    current = onDisk();
+    EXPECT_EQ(std::count_if(current.events.begin(), current.events.end(), [&](const CalendarEvent& e) { return e.groupID == groupID; }), 0);
 }
 
 } // namespace

@@ -91,7 +91,10 @@ void GoogleCalendarStandIn::addCalendar(const QString& id, const QString& summar
 void GoogleCalendarStandIn::stamp(StoredEvent& stored) {
     stored.sequence = ++sequence_;
     stored.body.insert("etag", QStringLiteral("\"%1\"").arg(stored.sequence));
-    stored.body.insert("updated", nowISO());
+    // Google's clock as the stand-in keeps it: a second per change, so that
+    // every change is later than the one before.
+    const QDateTime updated = QDateTime(QDate(2026, 11, 1), QTime(0, 0), Qt::UTC).addSecs(stored.sequence);
+    stored.body.insert("updated", updated.toString(Qt::ISODateWithMs));
 }
 
 QJsonObject GoogleCalendarStandIn::putEvent(const QString& calendarID, QJsonObject event) {
