@@ -138,6 +138,9 @@ CalendarEvent mapped(const GoogleEventDTO& dto, const CalendarEvent& desired, co
     auto event = GoogleCalendarMapper::event(dto, desired.id, desired.calendarID, timeZone);
     if (!event) throw GoogleCalendarAPIError(APIKind::invalidResponse);
     GoogleSyncEngine::preserveAppOwnedEventState(desired, dto, *event);
+    // A conference Google has not finished yet keeps its placeholder until a
+    // later read brings the link.
+    if (!event->meetURL && desired.meetURL == CalendarEvent::pendingMeetURL()) event->meetURL = desired.meetURL;
     return *event;
 }
 

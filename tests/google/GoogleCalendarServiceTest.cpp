@@ -464,5 +464,24 @@ TEST_F(GoogleCalendarServiceTest, EditsRemoteChangesAndDeletesFollowTheGroup) {
     EXPECT_EQ(std::count_if(current.events.begin(), current.events.end(), [&](const CalendarEvent& e) { return e.groupID == groupID; }), 0);
 }
 
+TEST_F(GoogleCalendarServiceTest, MeetLinkAskedOnCreateArrivesWithALaterSync) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    auto event = groupOnThree(onDisk(), UUID::random()).front();
+    event.meetURL = CalendarEvent::pendingMeetURL();
+    syncWait(service->createEvents({event}));
+
+    const auto insert = aliceGoogle.server().requests().back();
+    EXPECT_EQ(insert.query, "sendUpdates=all&conferenceDataVersion=1");
+    EXPECT_TRUE(insert.body.contains(event.id.toString().remove('-').toLower().toUtf8()));
+    // Google has not made the conference yet: the placeholder stays.
+    EXPECT_EQ(storedEventByID(onDisk(), event.id)->meetURL, CalendarEvent::pendingMeetURL());
+
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const auto linked = storedEventByID(onDisk(), event.id)->meetURL;
+    ASSERT_TRUE(linked);
+    EXPECT_TRUE(linked->toString().startsWith("https://meet.google.com/")) << linked->toString().toStdString();
+}
+
 } // namespace
 } // namespace tavelo::testing
