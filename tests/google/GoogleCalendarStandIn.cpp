@@ -142,6 +142,8 @@ int GoogleCalendarStandIn::countOf(const QByteArray& method) const {
 }
 
 std::optional<CannedResponse> GoogleCalendarStandIn::handle(const RecordedRequest& request) {
+    for (const auto& [method, fragment] : holds_)
+        if (method == request.method && (request.path + '?' + request.query).contains(fragment)) return std::nullopt;
     for (auto it = pathFaults_.begin(); it != pathFaults_.end(); ++it) {
         if (it->method == request.method && (request.path + '?' + request.query).contains(it->fragment)) {
             CannedResponse fault = it->response;

@@ -76,6 +76,10 @@ public:
     void failNextAt(const QByteArray& method, const QByteArray& fragment, CannedResponse response) {
         pathFaults_.push_back({method, fragment, std::move(response)});
     }
+    // Requests with this method whose path and query contain `fragment` are
+    // held unanswered (as a reply that never comes) until cleared.
+    void holdAt(const QByteArray& method, const QByteArray& fragment) { holds_.push_back({method, fragment}); }
+    void clearHolds() { holds_.clear(); }
     // A Google error body with one reason.
     static CannedResponse googleError(int status, const char* reason, const char* message);
     // A conference asked for on insert or patch is ready after this many reads.
@@ -135,6 +139,7 @@ private:
         CannedResponse response;
     };
     std::vector<PathFault> pathFaults_;
+    std::vector<std::pair<QByteArray, QByteArray>> holds_;
     std::int64_t sequence_ = 1000;
     std::uint64_t tokenCounter_ = 0;
     int conferenceReadsUntilReady_ = 1;
