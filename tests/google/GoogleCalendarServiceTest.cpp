@@ -557,5 +557,52 @@ TEST_F(GoogleCalendarServiceTest, ProcessKilledDuringAFullRestartLosesNoEvent) {
     EXPECT_FALSE(eventByGoogleID(after, "alice7"));
 }
 
+TEST_F(GoogleCalendarServiceTest, HostileListingsEndInErrorsAndLeaveTheStoreAlone) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const AppSnapshot before = onDisk();
+    const UUID aliceCalendar = calendarID(before, kAlice);
+
+    // Damage to a whole reply fails that calendar and changes nothing stored.
+    const std::vector<QByteArray> broken{
+        R"({"items": [{"id": "alice1", "summary": "Half)",
+        R"({"items": {"id": "alice1"}})",
+        R"(["not", "an", "object"])",
+        R"({"items": [], "nextPageToken": "same"})",
+    };
+    for (const QByteArray& body : broken) {
+        aliceGoogle.failNextAt("GET", "/calendars/alice%40example.com/events", CannedResponse::json(200, body));
+        if (body.contains("same")) {
+            // A listing that names the same page again and again.
+            aliceGoogle.failNextAt("GET", "pageToken=same", CannedResponse::json(200, body));
+        }
+        auto failure = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
+        ASSERT_TRUE(failure) << body.toStdString();
+        EXPECT_EQ(failure->failedCalendarIDs(), std::vector<UUID>{aliceCalendar}) << body.toStdString();
+        const AppSnapshot now = onDisk();
+        EXPECT_EQ(now.events, before.events) << body.toStdString();
+    }
+
+    // Damage inside single items: the rest is kept, the bad items are counted.
+    aliceGoogle.failNextAt("GET", "/calendars/alice%40example.com/events", CannedResponse::json(200, R"({
+        "items": [
+            {"id": "alice1", "summary": "Twice", "start": {"dateTime": "2026-12-01T01:00:00Z"}, "end": {"dateTime": "2026-12-01T02:00:00Z"}},
+            {"id": "alice1", "summary": "Twice", "start": {"dateTime": "2026-12-01T01:00:00Z"}, "end": {"dateTime": "2026-12-01T02:00:00Z"}},
+            {"id": "alice2", "summary": 42},
+            {"id": "odd1", "summary": "Odd", "transparency": "sometimes", "visibility": "secretive",
+             "start": {"dateTime": "2026-12-02T01:00:00Z"}, "end": {"dateTime": "2026-12-02T02:00:00Z"}}
+        ],
+        "nextSyncToken": "hostile-sync"})"));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const AppSnapshot after = onDisk();
+    EXPECT_EQ(std::count_if(after.events.begin(), after.events.end(),
+                            [](const CalendarEvent& e) { return e.googleEventID == QStringLiteral("alice1"); }),
+              1);
+    EXPECT_EQ(eventByGoogleID(after, "alice2")->title, eventByGoogleID(before, "alice2")->title);
+    EXPECT_TRUE(eventByGoogleID(after, "odd1"));
+    const auto warnings = syncWait(service->googleSyncWarnings(alice.id));
+    EXPECT_NE(std::find(warnings.begin(), warnings.end(), GoogleSyncWarning::skippedEvents(aliceCalendar, 1)), warnings.end());
+}
+
 } // namespace
 } // namespace tavelo::testing
