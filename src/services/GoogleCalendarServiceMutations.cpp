@@ -494,13 +494,100 @@ QCoro::Task<std::vector<CalendarEvent>> GoogleCalendarService::retryMutation(
     co_return result;
 }
 
+// The busy time of calendars across accounts. Google's calendars are asked
+// through free-busy, one request per account, which is all or nothing for
+// that account; the program's own calendars answer from the local store. The
+// group being edited must not block itself: a Google period that lies wholly
+// inside the group's own stored time is left out.
 QCoro::Task<std::vector<CalendarBusyInterval>> GoogleCalendarService::freeBusy(std::set<UUID> calendarIDs,
                                                                                DateInterval interval,
                                                                                std::optional<UUID> excludingGroupID) {
     co_await gate_.acquire();
     GateHold hold(gate_);
-    // The stored copy of every calendar, Google's included, as of the last sync.
-    std::vector<CalendarBusyInterval> busy = co_await local_->freeBusy(calendarIDs, interval, excludingGroupID);
+    CalendarLoadResult loaded = co_await local_->load();
+    const AppSnapshot& snapshot = loaded.snapshot;
+
+    std::set<UUID> localIDs;
+    std::vector<std::pair<UUID, std::vector<const CalendarSource*>>> byAccount;
+    for (const auto& calendar : snapshot.calendars) {
+        if (!calendarIDs.contains(calendar.id)) continue;
+        if (!trimmedNonEmpty(calendar.googleCalendarID) || !calendar.accountID) {
+            localIDs.insert(calendar.id);
+            continue;
+        }
+        auto it = std::find_if(byAccount.begin(), byAccount.end(), [&](const auto& p) { return p.first == *calendar.accountID; });
+        if (it == byAccount.end()) byAccount.push_back({*calendar.accountID, {&calendar}});
+        else it->second.push_back(&calendar);
+    }
+
+    std::vector<CalendarBusyInterval> busy;
+    if (!localIDs.empty()) busy = co_await local_->freeBusy(localIDs, interval, excludingGroupID);
+
+    // The group's own time, merged.
+    std::vector<DateInterval> own;
+    if (excludingGroupID) {
+        for (const auto& e : snapshot.events)
+            if (e.groupID == *excludingGroupID && e.end > e.start) own.push_back({e.start, e.end});
+        std::sort(own.begin(), own.end(), [](const auto& a, const auto& b) { return a.start < b.start; });
+        std::vector<DateInterval> merged;
+        for (const auto& i : own) {
+            if (!merged.empty() && i.start <= merged.back().end) merged.back().end = std::max(merged.back().end, i.end);
+            else merged.push_back(i);
+        }
+        own = std::move(merged);
+    }
+    const auto fullyCovered = [&](const DateInterval& period) {
+        return std::any_of(own.begin(), own.end(), [&](const DateInterval& i) { return i.start <= period.start && period.end <= i.end; });
+    };
+
+    const QString zone = QString::fromUtf8(QTimeZone::systemTimeZoneId());
+    for (const auto& [accountID, calendars] : byAccount) {
+        const Account* account = nullptr;
+        for (const auto& a : snapshot.accounts)
+            if (a.id == accountID) account = &a;
+        if (!account) throw GoogleCalendarServiceError::accountNotFound();
+        const auto subject = trimmedNonEmpty(account->googleSubject);
+        if (!subject) throw GoogleCalendarServiceError::reconnectRequired(accountID);
+
+        std::vector<QString> googleIDs;
+        for (const auto* c : calendars) googleIDs.push_back(c->googleCalendarID->trimmed());
+        std::vector<CalendarBusyInterval> found;
+        std::exception_ptr failure;
+        try {
+            const GoogleCalendarAPIClient client = functions_.makeAPIClient(*subject);
+            GoogleFreeBusyResponseDTO response = co_await client.freeBusy(googleIDs, interval.start, interval.end, zone);
+            for (std::size_t k = 0; k < calendars.size(); ++k) {
+                for (const auto& period : *response.calendars->at(googleIDs[k]).busy) {
+                    const auto start = GoogleCalendarMapper::parseInstant(period.start);
+                    const auto end = GoogleCalendarMapper::parseInstant(period.end);
+                    if (!start || !end || !(*end > *start)) throw GoogleCalendarAPIError(APIKind::invalidResponse);
+                    const DateInterval clipped{std::max(*start, interval.start), std::min(*end, interval.end)};
+                    if (!(clipped.end > clipped.start) || fullyCovered(clipped)) continue;
+                    found.push_back(CalendarBusyInterval{UUID(), calendars[k]->id, clipped});
+                }
+            }
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (failure) {
+            if (isCancellation(failure)) std::rethrow_exception(failure);
+            qCWarning(googleSyncLog, "Free-busy failed: %s", qUtf8Printable(localizedDescription(failure)));
+            bool reconnect = false;
+            try {
+                std::rethrow_exception(failure);
+            } catch (const GoogleCalendarAPIError& e) {
+                reconnect = e.kind() == APIKind::reconnectRequired || e.kind() == APIKind::unauthorized;
+            } catch (...) {
+            }
+            if (reconnect) {
+                statuses_[accountID] = GoogleSyncStatus::reconnectRequired;
+                co_await markAccountDisconnected(accountID);
+                throw GoogleCalendarServiceError::reconnectRequired(accountID);
+            }
+            throw GoogleCalendarServiceError::syncFailed(accountID);
+        }
+        busy.insert(busy.end(), found.begin(), found.end());
+    }
     co_return busy;
 }
 

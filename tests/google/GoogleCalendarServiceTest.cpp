@@ -604,5 +604,40 @@ TEST_F(GoogleCalendarServiceTest, HostileListingsEndInErrorsAndLeaveTheStoreAlon
     EXPECT_NE(std::find(warnings.begin(), warnings.end(), GoogleSyncWarning::skippedEvents(aliceCalendar, 1)), warnings.end());
 }
 
+TEST_F(GoogleCalendarServiceTest, FreeBusyAsksEachAccountOnceAndTheEditedGroupDoesNotBlockItself) {
+    const Account alice = connect();
+    const Account bob = connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const UUID groupID = UUID::random();
+    syncWait(service->createEvents(groupOnThree(onDisk(), groupID)));
+    const AppSnapshot stored = onDisk();
+    std::set<UUID> calendars;
+    for (const auto& c : stored.calendars) calendars.insert(c.id);
+    const DateInterval window{*Date::fromIsoString("2026-12-10T00:00:00Z"), *Date::fromIsoString("2026-12-11T00:00:00Z")};
+
+    const int alicePosts = aliceGoogle.countOf("POST");
+    const auto all = syncWait(service->freeBusy(calendars, window, std::nullopt));
+    EXPECT_EQ(aliceGoogle.countOf("POST"), alicePosts + 1) << "one request for both of Alice's calendars";
+    std::set<UUID> busyCalendars;
+    for (const auto& b : all) {
+        busyCalendars.insert(b.calendarID);
+        EXPECT_GE(b.interval.start, window.start);
+        EXPECT_LE(b.interval.end, window.end);
+    }
+    EXPECT_EQ(busyCalendars, (std::set<UUID>{calendarID(stored, kAlice), calendarID(stored, kFamily), calendarID(stored, kBob)}));
+
+    // Editing the group: its own hour blocks nothing, other events still do.
+    aliceGoogle.putEvent(kFamily, timed("other1", "Other", 10, 20));
+    const auto editing = syncWait(service->freeBusy(calendars, window, groupID));
+    ASSERT_EQ(editing.size(), 1u);
+    EXPECT_EQ(editing[0].calendarID, calendarID(stored, kFamily));
+
+    // A calendar Google no longer knows fails that account's answer as a whole.
+    bobGoogle.failNextAt("POST", "freeBusy", CannedResponse::json(200, R"({"calendars": {"bob@work.example": {"errors": [{"domain": "global", "reason": "notFound"}]}}})"));
+    auto failure = failureOf([&] { syncWait(service->freeBusy(calendars, window, std::nullopt)); });
+    EXPECT_EQ(failure, GoogleCalendarServiceError::syncFailed(bob.id));
+    (void)alice;
+}
+
 } // namespace
 } // namespace tavelo::testing
