@@ -90,7 +90,7 @@ public:
 
     // The bodies of the three mutations, for a retry that targets only the
     // destinations that failed before (all of them when absent). Call them
-    // through the gate: the store's retry holds it with runGated.
+    // only while holding the gate, as retryMutation does.
     QCoro::Task<std::vector<CalendarEvent>> createEventsUngated(
         std::vector<CalendarEvent> events, std::optional<std::vector<GoogleMutationDestination>> targeting);
     QCoro::Task<std::vector<CalendarEvent>> updateEventsUngated(
