@@ -4,6 +4,9 @@
 #include "google/GoogleAccountCoordinator.h"
 #include "google/GoogleCredential.h"
 #include "google/GoogleOAuthClient.h"
+#include "google/GoogleCalendarAPIClient.h"
+#include "services/GoogleCalendarService.h"
+#include "services/LocalCalendarService.h"
 #include "support/Defaults.h"
 #include "support/HTTPTransport.h"
 #include "support/SecretStore.h"
@@ -38,6 +41,45 @@ GoogleServiceParts makeGoogleServiceParts(const GoogleOAuthConfiguration& config
         return GoogleAccessTokenProvider::make(subject, store, client);
     };
     return parts;
+}
+
+GoogleCalendarServiceBuilder googleCalendarServiceBuilder(std::shared_ptr<HTTPTransport> transport,
+                                                          std::optional<QUrl> calendarBaseURL) {
+    return [transport, calendarBaseURL](GoogleServiceParts parts,
+                                        std::shared_ptr<LocalCalendarService> local) -> std::optional<TaveloGoogleServices> {
+        auto httpTransport = transport ? transport : std::make_shared<NetworkHTTPTransport>();
+        const QUrl baseURL = calendarBaseURL.value_or(GoogleCalendarAPIClient::defaultBaseURL());
+        auto providers = std::make_shared<std::map<QString, std::shared_ptr<GoogleAccessTokenProvider>>>();
+        auto coordinator = parts.coordinator;
+        auto makeTokenProvider = parts.makeTokenProvider;
+
+        GoogleCalendarService::Functions functions;
+        functions.connectGoogleIdentity = [coordinator](std::stop_token stop) -> QCoro::Task<GoogleIdentity> {
+            auto keep = coordinator;
+            GoogleIdentity identity = co_await keep->connect(stop);
+            co_return identity;
+        };
+        functions.reconnectGoogleIdentity = [coordinator](QString subject,
+                                                          std::stop_token stop) -> QCoro::Task<GoogleIdentity> {
+            auto keep = coordinator;
+            GoogleIdentity identity = co_await keep->reconnect(subject, stop);
+            co_return identity;
+        };
+        functions.disconnectGoogleIdentity = [coordinator, providers](QString subject) -> QCoro::Task<void> {
+            auto keep = coordinator;
+            auto cache = providers;
+            cache->erase(subject);
+            co_await keep->disconnect(subject);
+        };
+        functions.makeAPIClient = [providers, makeTokenProvider, httpTransport, baseURL](const QString& subject) {
+            auto& provider = (*providers)[subject];
+            if (!provider) provider = makeTokenProvider(subject);
+            return GoogleCalendarAPIClient(provider, httpTransport, eventLoopSleep(), &GoogleCalendarAPIClient::randomJitter,
+                                           baseURL);
+        };
+        auto service = std::make_shared<GoogleCalendarService>(std::move(local), std::move(functions));
+        return TaveloGoogleServices{service, service};
+    };
 }
 
 GoogleServicesFactory makeGoogleServicesFactory(std::shared_ptr<const Defaults> defaults,

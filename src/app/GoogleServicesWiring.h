@@ -4,6 +4,7 @@
 #include "google/GoogleOAuth.h"
 
 #include <QString>
+#include <QUrl>
 
 #include <functional>
 #include <memory>
@@ -54,6 +55,13 @@ GoogleServiceParts makeGoogleServiceParts(const GoogleOAuthConfiguration& config
 // Puts the calendar service on top of the parts and the local store.
 using GoogleCalendarServiceBuilder =
     std::function<std::optional<TaveloGoogleServices>(GoogleServiceParts parts, std::shared_ptr<LocalCalendarService> local)>;
+
+// The production builder: a GoogleCalendarService over the local store, with
+// one token provider per account (so that refreshes stay single-flight) and
+// one Calendar REST client per sync. `transport` and `calendarBaseURL` default
+// to the network and Google's own root; tests point them at a stand-in.
+GoogleCalendarServiceBuilder googleCalendarServiceBuilder(std::shared_ptr<HTTPTransport> transport = nullptr,
+                                                          std::optional<QUrl> calendarBaseURL = std::nullopt);
 
 // The workspace's factory of Google services. Without a calendar service
 // builder it offers none, and the workspace runs on the local store.

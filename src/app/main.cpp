@@ -5,6 +5,8 @@
 // without a workspace and otherwise once the save under way has landed.
 
 #include "ai/AICloudStore.h"
+#include "support/Defaults.h"
+#include "app/GoogleServicesWiring.h"
 #include "app/SingleInstance.h"
 #include "app/TaveloApp.h"
 #include "views/shell/ShellAppearance.h"
@@ -50,7 +52,10 @@ int main(int argc, char** argv) {
     const QString root = TaveloApp::standardRootDirectory();
     AICloudStore::Dependencies dependencies;
     dependencies.cacheDirectory = root;
-    TaveloApp app(root, std::make_unique<AICloudStore>(std::move(dependencies)));
+    // A workspace whose "google-oauth.json" can be read gets the Google calendar service over
+    // its local store.
+    TaveloApp app(root, std::make_unique<AICloudStore>(std::move(dependencies)),
+                  makeGoogleServicesFactory(std::make_shared<SettingsDefaults>(), googleCalendarServiceBuilder()));
     shell::ShellRoot shellRoot(app);
 
     // The window's QML loads on the engine's loader thread while the session

@@ -7,8 +7,14 @@
 #include "app/GoogleServicesWiring.h"
 #include "google/GoogleAccessTokenProvider.h"
 #include "google/GoogleAccountCoordinator.h"
+#include "google/GoogleCalendarStandIn.h"
+#include "services/GoogleCalendarService.h"
+#include "services/LocalCalendarService.h"
 #include "support/Defaults.h"
 #include "support/SecretStore.h"
+
+#include <QJsonObject>
+#include <QTemporaryDir>
 
 using namespace tavelo;
 using namespace tavelo::testing;
@@ -62,4 +68,39 @@ TEST(GoogleServicesWiringTest, WorkspacePartsSignInStoreAndHandOutTokens) {
     ASSERT_TRUE(store);
     EXPECT_EQ(store->keychainPath(), QStringLiteral("/org/freedesktop/secrets/collection/session"));
     EXPECT_EQ(syncWait(store->load(identity.subject)), std::nullopt);
+}
+
+// The production calendar service builder: sign-in through the coordinator,
+// tokens from the account's provider, listings from the Calendar stand-in,
+// everything into a real SQLite file.
+TEST(GoogleServicesWiringTest, BuiltCalendarServiceSignsInAndSyncsAnAccount) {
+    GoogleOAuthStandIn oauth(kClientID, kClientSecret);
+    GoogleCalendarStandIn calendar;
+    calendar.setTokenValidator([&](const QString& token) { return oauth.isAccessTokenLive(token); });
+    calendar.addCalendar("hanako@example.com", "Hanako", true);
+    for (int i = 0; i < 3; ++i)
+        calendar.putEvent("hanako@example.com",
+                          QJsonObject{{"id", QStringLiteral("wired%1").arg(i)},
+                                      {"summary", "Wired"},
+                                      {"start", QJsonObject{{"dateTime", "2026-12-01T10:00:00Z"}}},
+                                      {"end", QJsonObject{{"dateTime", "2026-12-01T11:00:00Z"}}}});
+
+    auto defaults = std::make_shared<MemoryDefaults>();
+    GoogleServiceSeams seams{nullptr, std::make_shared<VisitingOpener>(), std::make_shared<KeychainSecretStore>(),
+                             oauth.endpoints()};
+    auto factory = makeGoogleServicesFactory(defaults, googleCalendarServiceBuilder(nullptr, calendar.baseURL()), seams);
+    QTemporaryDir dir;
+    auto local = std::make_shared<LocalCalendarService>(dir.filePath("calendar.sqlite"));
+    const QString workspaceID = "ws-" + UUID::random().toString();
+    auto services = factory(GoogleOAuthConfiguration{kClientID, kClientSecret}, local, "/data/users/" + workspaceID);
+    ASSERT_TRUE(services && services->calendarService && services->accountService);
+
+    const Account account = syncWait(services->accountService->connectGoogleAccount({}));
+    syncWait(services->accountService->syncGoogleAccount(account.id, {}));
+    const AppSnapshot stored = syncWait(LocalCalendarService(dir.filePath("calendar.sqlite")).load()).snapshot;
+    EXPECT_EQ(std::count_if(stored.events.begin(), stored.events.end(),
+                            [](const CalendarEvent& e) { return e.googleEventID.has_value(); }),
+              3);
+    EXPECT_EQ(syncWait(services->accountService->googleSyncStatus(account.id)), GoogleSyncStatus::connected);
+    syncWait(services->accountService->disconnectGoogleAccount(account.id, {}));
 }

@@ -144,6 +144,13 @@ void LocalHttpServer::readFrom(QTcpSocket* socket) {
 
         requests_.push_back(request);
         auto route = routes_.find({request.method, request.path});
+        if (route == routes_.end() && fallback_) {
+            if (auto response = fallback_(request))
+                respond(socket, *response);
+            else
+                held_.emplace_back(socket);
+            return;
+        }
         if (route == routes_.end()) {
             respond(socket, CannedResponse{404, {{"Content-Type", "text/plain"}}, "no route"});
             return;

@@ -53,6 +53,8 @@ public:
 
     void route(const QByteArray& method, const QByteArray& path, Handler handler);
     void route(const QByteArray& method, const QByteArray& path, CannedResponse response);
+    // Answers every request that no route matches.
+    void setFallback(Handler handler) { fallback_ = std::move(handler); }
     // Every request to the route is held.
     void hold(const QByteArray& method, const QByteArray& path);
 
@@ -78,6 +80,7 @@ private:
     std::map<QTcpSocket*, QByteArray> buffers_;
     std::vector<RecordedRequest> requests_;
     std::vector<QPointer<QTcpSocket>> held_;
+    Handler fallback_;
 };
 
 } // namespace tavelo::testing

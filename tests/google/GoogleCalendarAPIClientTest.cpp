@@ -1,0 +1,508 @@
+#include "google/GoogleCalendarAPIClient.h"
+#include "google/GoogleCalendarStandIn.h"
+#include "google/GoogleTestSupport.h"
+
+#include "google/GoogleAccessTokenProvider.h"
+#include "support/HTTPTransport.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+namespace tavelo::testing {
+namespace {
+
+using APIKind = GoogleCalendarAPIError::Kind;
+
+const QString kPrimary = QStringLiteral("hanako@example.com");
+const QString kTeam = QStringLiteral("team#1@group.calendar.google.com");
+
+// Hands out scripted tokens: the first call gets `tokens.front()`, each call
+// with a rejected token moves to the next one.
+class ScriptedTokenProvider final : public GoogleAccessTokenProviding {
+public:
+    QCoro::Task<QString> accessToken(std::optional<QString> rejected, std::stop_token) override {
+        calls.push_back(rejected);
+        if (failure) std::rethrow_exception(failure);
+        if (rejected && tokens.size() > 1) tokens.pop_front();
+        QString token = tokens.front();
+        co_return token;
+    }
+
+    std::deque<QString> tokens{QStringLiteral("token-1")};
+    std::vector<std::optional<QString>> calls;
+    std::exception_ptr failure;
+};
+
+QJsonObject timedEvent(const QString& id, const QString& summary, const QString& start, const QString& end) {
+    return QJsonObject{{"id", id},
+                       {"summary", summary},
+                       {"start", QJsonObject{{"dateTime", start}, {"timeZone", "Asia/Tokyo"}}},
+                       {"end", QJsonObject{{"dateTime", end}, {"timeZone", "Asia/Tokyo"}}}};
+}
+
+GoogleEventInsertDTO insertion(const QString& id, const QString& summary) {
+    GoogleEventInsertDTO event;
+    event.id = id;
+    event.summary = summary;
+    event.start.dateTime = QStringLiteral("2026-12-01T10:00:00+09:00");
+    event.end.dateTime = QStringLiteral("2026-12-01T11:00:00+09:00");
+    event.reminders.useDefault = true;
+    event.extendedProperties.privateProperties = std::map<QString, QString>{{QStringLiteral("tavelo"), QStringLiteral("1")}};
+    return event;
+}
+
+Date at(const char* iso) { return *Date::fromIsoString(iso); }
+
+class GoogleCalendarAPIClientTest : public ::testing::Test {
+protected:
+    GoogleCalendarAPIClientTest() {
+        google.acceptToken(QStringLiteral("token-1"));
+        google.addCalendar(kPrimary, QStringLiteral("Hanako"), true);
+        google.addCalendar(kTeam, QStringLiteral("Team"), false, QStringLiteral("writer"));
+    }
+
+    GoogleCalendarAPIClient client() {
+        GoogleCalendarAPIClient c(
+            tokens, transport,
+            [this](double seconds, std::stop_token) -> QCoro::Task<void> {
+                waits.push_back(seconds);
+                if (onWait) onWait();
+                co_return;
+            },
+            [this] { return jitter; }, google.baseURL());
+        return c;
+    }
+
+    // Runs `body` and returns the API error it ended in.
+    template <class Body>
+    std::optional<GoogleCalendarAPIError> failureOf(Body body) {
+        try {
+            body();
+        } catch (const GoogleCalendarAPIError& error) {
+            return error;
+        } catch (const std::exception& other) {
+            ADD_FAILURE() << "unexpected error: " << localizedDescription(other).toStdString();
+            return std::nullopt;
+        }
+        ADD_FAILURE() << "no error thrown";
+        return std::nullopt;
+    }
+
+    std::vector<RecordedRequest> requestsTo(const QByteArray& method) const {
+        std::vector<RecordedRequest> out;
+        for (const auto& r : const_cast<GoogleCalendarStandIn&>(google).server().requests())
+            if (r.method == method) out.push_back(r);
+        return out;
+    }
+
+    GoogleCalendarStandIn google;
+    std::shared_ptr<ScriptedTokenProvider> tokens = std::make_shared<ScriptedTokenProvider>();
+    std::shared_ptr<NetworkHTTPTransport> transport = std::make_shared<NetworkHTTPTransport>();
+    std::vector<double> waits;
+    std::function<void()> onWait;
+    double jitter = 0.5;
+};
+
+TEST_F(GoogleCalendarAPIClientTest, RequestsCarryTheirPathQueryAndHeadersInOrder) {
+    auto api = client();
+    // The stand-in never issued this token, so the listing ends in a restart.
+    EXPECT_EQ(failureOf([&] { syncWait(api.listEvents(kTeam, QStringLiteral("tok/en+1 ="), QStringLiteral("p~1"))); }),
+              GoogleCalendarAPIError(APIKind::httpFailure, 400));
+    const auto listing = google.server().requests().back();
+    EXPECT_EQ(listing.path, "/calendar/v3/calendars/team%231%40group.calendar.google.com/events");
+    EXPECT_EQ(listing.query, "maxResults=250&showDeleted=true&singleEvents=true&syncToken=tok%2Fen%2B1%20%3D&pageToken=p~1");
+    EXPECT_EQ(listing.header("accept"), "application/json");
+    EXPECT_EQ(listing.header("authorization"), "Bearer token-1");
+
+    syncWait(api.listEvents(kPrimary, at("2026-12-01T00:00:00Z"), at("2026-12-08T00:00:00Z"), std::nullopt));
+    EXPECT_EQ(google.server().requests().back().query,
+              "maxResults=250&singleEvents=true&timeMin=2026-12-01T00%3A00%3A00Z&timeMax=2026-12-08T00%3A00%3A00Z");
+
+    // An empty or reversed range never reaches the network.
+    const auto sent = google.server().requests().size();
+    auto empty = failureOf([&] { syncWait(api.listEvents(kPrimary, at("2026-12-01T00:00:00Z"), at("2026-12-01T00:00:00Z"), std::nullopt)); });
+    auto reversed = failureOf([&] {
+        syncWait(api.freeBusy({kPrimary}, at("2026-12-02T00:00:00Z"), at("2026-12-01T00:00:00Z"), QStringLiteral("Asia/Tokyo")));
+    });
+    EXPECT_EQ(empty, GoogleCalendarAPIError(APIKind::invalidResponse));
+    EXPECT_EQ(reversed, GoogleCalendarAPIError(APIKind::invalidResponse));
+    EXPECT_EQ(google.server().requests().size(), sent);
+}
+
+TEST_F(GoogleCalendarAPIClientTest, FullListingPagesThenIncrementalChangesThenExpiredToken) {
+    for (int i = 0; i < 600; ++i)
+        google.putEvent(kPrimary, timedEvent(QStringLiteral("ev%1").arg(i, 4, 10, QChar('0')), QStringLiteral("Event %1").arg(i),
+                                             "2026-12-01T10:00:00+09:00", "2026-12-01T11:00:00+09:00"));
+    google.cancelEvent(kPrimary, QStringLiteral("ev0003"));
+    auto api = client();
+
+    std::set<QString> seen;
+    std::vector<QString> deleted;
+    std::optional<QString> pageToken, syncToken;
+    int pages = 0;
+    do {
+        GoogleEventPage page = syncWait(api.listEvents(kPrimary, std::nullopt, pageToken));
+        ++pages;
+        for (const auto& e : page.events) EXPECT_TRUE(seen.insert(*e.id).second) << e.id->toStdString();
+        deleted.insert(deleted.end(), page.deletedEventIDs.begin(), page.deletedEventIDs.end());
+        EXPECT_EQ(page.timeZone, QStringLiteral("Asia/Tokyo"));
+        EXPECT_EQ(page.nextPageToken.has_value(), !page.nextSyncToken.has_value());
+        pageToken = page.nextPageToken;
+        syncToken = page.nextSyncToken;
+    } while (pageToken);
+    EXPECT_EQ(pages, 3);
+    EXPECT_EQ(seen.size(), 599u);
+    EXPECT_EQ(deleted, std::vector<QString>{QStringLiteral("ev0003")});
+    ASSERT_TRUE(syncToken);
+
+    // Changes made elsewhere come back alone, deletions as ids.
+    auto edited = timedEvent(QStringLiteral("ev0010"), QStringLiteral("Moved"), "2026-12-02T10:00:00+09:00",
+                             "2026-12-02T11:00:00+09:00");
+    google.putEvent(kPrimary, edited);
+    google.cancelEvent(kPrimary, QStringLiteral("ev0020"));
+    google.putEvent(kPrimary, timedEvent(QStringLiteral("new1"), QStringLiteral("New"), "2026-12-03T10:00:00+09:00",
+                                         "2026-12-03T11:00:00+09:00"));
+    GoogleEventPage changes = syncWait(api.listEvents(kPrimary, syncToken, std::nullopt));
+    ASSERT_EQ(changes.events.size(), 2u);
+    EXPECT_EQ(changes.events[0].summary, QStringLiteral("Moved"));
+    EXPECT_EQ(changes.events[1].id, QStringLiteral("new1"));
+    EXPECT_EQ(changes.deletedEventIDs, std::vector<QString>{QStringLiteral("ev0020")});
+    ASSERT_TRUE(changes.nextSyncToken);
+
+    // Nothing changed: an empty page with a new token.
+    GoogleEventPage quiet = syncWait(api.listEvents(kPrimary, changes.nextSyncToken, std::nullopt));
+    EXPECT_TRUE(quiet.events.empty());
+    EXPECT_TRUE(quiet.deletedEventIDs.empty());
+
+    // An expired token means restart; a 410 on a full listing is only a failed request.
+    google.expireSyncTokens();
+    auto expired = failureOf([&] { syncWait(api.listEvents(kPrimary, quiet.nextSyncToken, std::nullopt)); });
+    EXPECT_EQ(expired, GoogleCalendarAPIError(APIKind::syncTokenExpired));
+    google.failNext("GET", GoogleCalendarStandIn::googleError(410, "fullSyncRequired", "Gone"));
+    auto gone = failureOf([&] { syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt)); });
+    EXPECT_EQ(gone, GoogleCalendarAPIError::httpFailure(410));
+    EXPECT_TRUE(waits.empty());
+}
+
+TEST_F(GoogleCalendarAPIClientTest, CalendarListComesInPagesOf250) {
+    for (int i = 0; i < 258; ++i)
+        google.addCalendar(QStringLiteral("c%1@group.calendar.google.com").arg(i), QStringLiteral("C%1").arg(i));
+    auto api = client();
+    GoogleCalendarListPage first = syncWait(api.listCalendars());
+    ASSERT_EQ(first.calendars.size(), 250u);
+    ASSERT_TRUE(first.nextPageToken);
+    EXPECT_EQ(first.calendars[0].id, kPrimary);
+    EXPECT_EQ(first.calendars[0].primary, true);
+    GoogleCalendarListPage second = syncWait(api.listCalendars(first.nextPageToken));
+    EXPECT_EQ(second.calendars.size(), 10u);
+    EXPECT_FALSE(second.nextPageToken);
+    EXPECT_EQ(google.server().requests().back().query, "maxResults=250&pageToken=" + first.nextPageToken->toUtf8());
+}
+
+TEST_F(GoogleCalendarAPIClientTest, RateLimitsAreRetriedTwiceWithGrowingJitteredDelays) {
+    auto api = client();
+    for (int i = 0; i < 3; ++i)
+        google.failNext("GET", GoogleCalendarStandIn::googleError(403, "rateLimitExceeded", "Rate Limit Exceeded"));
+    auto limited = failureOf([&] { syncWait(api.listCalendars()); });
+    EXPECT_EQ(limited, GoogleCalendarAPIError(APIKind::rateLimited));
+    EXPECT_EQ(waits, (std::vector<double>{0.75, 1.5}));
+    EXPECT_EQ(google.countOf("GET"), 3);
+    // Every resend asks for a token again.
+    EXPECT_EQ(tokens->calls.size(), 3u);
+
+    // 429 with Retry-After: the server's delay is not ours; the retry succeeds.
+    waits.clear();
+    jitter = 0;
+    google.failNext("GET", CannedResponse{429, {{"Retry-After", "120"}}, "{}"});
+    google.failNext("GET", GoogleCalendarStandIn::googleError(403, "userRateLimitExceeded", "User Rate Limit Exceeded"));
+    EXPECT_EQ(syncWait(api.listCalendars()).calendars.size(), 2u);
+    EXPECT_EQ(waits, (std::vector<double>{0.5, 1.0}));
+
+    // A jitter beyond 1 is clamped.
+    waits.clear();
+    jitter = 5;
+    google.failNext("GET", CannedResponse{429, {}, {}});
+    syncWait(api.listCalendars());
+    EXPECT_EQ(waits, std::vector<double>{1.0});
+
+    // A refused insert changed nothing, so it is retried too.
+    waits.clear();
+    google.failNext("POST", CannedResponse{429, {}, {}});
+    GoogleEventDTO inserted = syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("abc123"), QStringLiteral("Plan"))));
+    EXPECT_EQ(inserted.id, QStringLiteral("abc123"));
+    EXPECT_EQ(waits.size(), 1u);
+}
+
+TEST_F(GoogleCalendarAPIClientTest, BackendErrorsAreRetriedOnlyWhereRepeatingIsSafe) {
+    auto api = client();
+    google.failNext("GET", GoogleCalendarStandIn::googleError(500, "backendError", "Backend Error"));
+    EXPECT_EQ(syncWait(api.listCalendars()).calendars.size(), 2u);
+    EXPECT_EQ(waits.size(), 1u);
+
+    for (int i = 0; i < 3; ++i) google.failNext("GET", GoogleCalendarStandIn::googleError(500, "backendError", "Backend Error"));
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError::httpFailure(500));
+
+    waits.clear();
+    google.failNext("GET", GoogleCalendarStandIn::googleError(503, "backendError", "Service Unavailable"));
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError::httpFailure(503));
+    EXPECT_TRUE(waits.empty());
+
+    // An insert is not resent; its fate is asked for by reading the id back,
+    // and here it never arrived.
+    const int postsBefore = google.countOf("POST");
+    google.failNext("POST", GoogleCalendarStandIn::googleError(500, "backendError", "Backend Error"));
+    auto lost = failureOf([&] { syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("lost01"), QStringLiteral("Lost")))); });
+    EXPECT_EQ(lost, GoogleCalendarAPIError::httpFailure(404));
+    EXPECT_EQ(google.countOf("POST"), postsBefore + 1);
+    EXPECT_TRUE(waits.empty());
+    EXPECT_EQ(requestsTo("GET").back().path, "/calendar/v3/calendars/hanako%40example.com/events/lost01");
+}
+
+TEST_F(GoogleCalendarAPIClientTest, InsertWhoseReplyWasLostReturnsTheStoredEvent) {
+    auto api = client();
+    GoogleEventDTO first = syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("dup001"), QStringLiteral("Standup"))));
+    // The same insert again, as after a reply that never arrived: Google says 409.
+    GoogleEventDTO again = syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("dup001"), QStringLiteral("Standup"))));
+    EXPECT_EQ(again.etag, first.etag);
+    EXPECT_EQ(google.liveEventCount(kPrimary), 1);
+    EXPECT_EQ(requestsTo("POST").front().query, "sendUpdates=all");
+
+    // A garbled success reply is resolved the same way.
+    google.failNext("POST", CannedResponse::json(200, R"({"id": 42})"));
+    auto third = insertion(QStringLiteral("dup002"), QStringLiteral("Review"));
+    // The garbled reply stands in for a stored event whose answer was damaged.
+    google.putEvent(kPrimary, timedEvent(QStringLiteral("dup002"), QStringLiteral("Review"), "2026-12-01T10:00:00+09:00",
+                                         "2026-12-01T11:00:00+09:00"));
+    EXPECT_EQ(syncWait(api.insertEvent(kPrimary, third)).summary, QStringLiteral("Review"));
+
+    // A bad request is not unclear: no read-back.
+    const int getsBefore = google.countOf("GET");
+    google.failNext("POST", GoogleCalendarStandIn::googleError(400, "invalid", "Invalid"));
+    EXPECT_EQ(failureOf([&] { syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("bad001"), QStringLiteral("x")))); }),
+              GoogleCalendarAPIError::httpFailure(400));
+    EXPECT_EQ(google.countOf("GET"), getsBefore);
+}
+
+TEST_F(GoogleCalendarAPIClientTest, ExpiredTokenIsRefreshedOnceEvenOnTheLastAttempt) {
+    google.revokeToken(QStringLiteral("token-1"));
+    google.acceptToken(QStringLiteral("token-2"));
+    tokens->tokens = {QStringLiteral("token-1"), QStringLiteral("token-2")};
+    auto api = client();
+    // Two rate-limit refusals use up the retries; the third send meets a 401
+    // and still gets its one refresh.
+    google.failNext("GET", CannedResponse{429, {}, {}});
+    google.failNext("GET", CannedResponse{429, {}, {}});
+    EXPECT_EQ(syncWait(api.listCalendars()).calendars.size(), 2u);
+    EXPECT_EQ(google.countOf("GET"), 4);
+    EXPECT_EQ(tokens->calls.back(), QStringLiteral("token-1"));
+
+    // A second 401 after the refresh is final, without a third send.
+    google.revokeToken(QStringLiteral("token-2"));
+    tokens->tokens = {QStringLiteral("token-2"), QStringLiteral("token-3")};
+    const int before = google.countOf("GET");
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::unauthorized));
+    EXPECT_EQ(google.countOf("GET"), before + 2);
+}
+
+TEST_F(GoogleCalendarAPIClientTest, TokenProviderFailuresAreClassifiedBeforeAnyRequest) {
+    auto api = client();
+    tokens->failure = std::make_exception_ptr(GoogleAccessTokenProviderError(GoogleAccessTokenProviderError::Kind::reconnectRequired));
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::reconnectRequired));
+    tokens->failure = std::make_exception_ptr(GoogleAccessTokenProviderError(GoogleAccessTokenProviderError::Kind::refreshFailed));
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::authorizationFailure));
+    tokens->failure = std::make_exception_ptr(std::runtime_error("keyring locked"));
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::authorizationFailure));
+    tokens->failure = nullptr;
+    tokens->tokens = {QStringLiteral("   ")};
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::authorizationFailure));
+    EXPECT_TRUE(google.server().requests().empty());
+}
+
+TEST_F(GoogleCalendarAPIClientTest, ForbiddenRepliesAreClassifiedByReason) {
+    auto api = client();
+    const std::vector<std::pair<const char*, GoogleCalendarAPIError>> cases{
+        {"insufficientPermissions", GoogleCalendarAPIError(APIKind::insufficientScope)},
+        {"insufficient_scope", GoogleCalendarAPIError(APIKind::insufficientScope)},
+        {"dailyLimitExceeded", GoogleCalendarAPIError(APIKind::quotaExceeded)},
+        {"quotaExceeded", GoogleCalendarAPIError(APIKind::quotaExceeded)},
+        {"forbiddenForNonOrganizer", GoogleCalendarAPIError(APIKind::permissionDenied)},
+    };
+    for (const auto& [reason, expected] : cases) {
+        google.failNext("GET", GoogleCalendarStandIn::googleError(403, reason, "Forbidden"));
+        EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), expected) << reason;
+    }
+    google.failNext("GET", CannedResponse{403, {}, "<html>Forbidden</html>"});
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::permissionDenied));
+    EXPECT_TRUE(waits.empty());
+}
+
+TEST_F(GoogleCalendarAPIClientTest, PatchAndDeleteAreGuardedByTheEtag) {
+    auto api = client();
+    GoogleEventDTO created = syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("plan01"), QStringLiteral("Plan"))));
+    ASSERT_TRUE(created.etag);
+
+    GoogleEventPatchDTO quiet;
+    quiet.etag = QStringLiteral("  ") + *created.etag + QStringLiteral(" ");
+    quiet.transparency = GooglePatchValue<QString>::value(QStringLiteral("transparent"));
+    quiet.extendedProperties = GooglePatchValue<GoogleExtendedPropertiesPatchDTO>::value(
+        GoogleExtendedPropertiesPatchDTO{{{QStringLiteral("tavelo"), std::nullopt}, {QStringLiteral("note"), QStringLiteral("n")}}});
+    GoogleEventDTO patched = syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), quiet));
+    auto patchRequest = requestsTo("PATCH").back();
+    EXPECT_EQ(patchRequest.query, "");
+    EXPECT_EQ(patchRequest.header("if-match"), created.etag->toUtf8());
+    EXPECT_FALSE(patchRequest.body.contains("etag"));
+    EXPECT_EQ(patched.transparency, QStringLiteral("transparent"));
+    ASSERT_TRUE(patched.extendedProperties && patched.extendedProperties->privateProperties);
+    EXPECT_EQ(*patched.extendedProperties->privateProperties,
+              (std::map<QString, QString>{{QStringLiteral("note"), QStringLiteral("n")}}));
+
+    // The old etag is stale now.
+    GoogleEventPatchDTO stale;
+    stale.etag = created.etag;
+    stale.summary = GooglePatchValue<QString>::value(QStringLiteral("Renamed"));
+    EXPECT_EQ(failureOf([&] { syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), stale)); }),
+              GoogleCalendarAPIError(APIKind::preconditionFailed));
+    EXPECT_EQ(requestsTo("PATCH").back().query, "sendUpdates=all");
+
+    // An etag of spaces sends no If-Match at all.
+    stale.etag = QStringLiteral("   ");
+    EXPECT_EQ(syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), stale)).summary, QStringLiteral("Renamed"));
+    EXPECT_FALSE(requestsTo("PATCH").back().header("if-match"));
+
+    EXPECT_EQ(failureOf([&] { syncWait(api.deleteEvent(kPrimary, QStringLiteral("plan01"), patched.etag)); }),
+              GoogleCalendarAPIError(APIKind::preconditionFailed));
+    EXPECT_EQ(google.liveEventCount(kPrimary), 1);
+    const auto current = google.event(kPrimary, QStringLiteral("plan01"))->value("etag").toString();
+    syncWait(api.deleteEvent(kPrimary, QStringLiteral("plan01"), current));
+    EXPECT_EQ(requestsTo("DELETE").back().query, "sendUpdates=all");
+    EXPECT_EQ(google.liveEventCount(kPrimary), 0);
+    // Deleting what is gone (410) or was never there (404) succeeds.
+    syncWait(api.deleteEvent(kPrimary, QStringLiteral("plan01"), std::nullopt));
+    syncWait(api.deleteEvent(kPrimary, QStringLiteral("never1"), std::nullopt));
+    EXPECT_EQ(google.countOf("DELETE"), 4);
+}
+
+TEST_F(GoogleCalendarAPIClientTest, MeetConferenceIsRequestedAndCompletesLater) {
+    auto api = client();
+    auto event = insertion(QStringLiteral("meet01"), QStringLiteral("Sync"));
+    event.conferenceData = GoogleConferenceDataRequestDTO{
+        GoogleConferenceCreateRequestDTO{QStringLiteral("req-1"), GoogleConferenceSolutionKeyDTO{QStringLiteral("hangoutsMeet")}}};
+    GoogleEventDTO created = syncWait(api.insertEvent(kPrimary, event));
+    EXPECT_EQ(requestsTo("POST").back().query, "sendUpdates=all&conferenceDataVersion=1");
+    EXPECT_FALSE(created.hangoutLink);
+    ASSERT_TRUE(created.conferenceData);
+    EXPECT_FALSE(created.conferenceData->entryPoints);
+
+    GoogleEventDTO later = syncWait(api.getEvent(kPrimary, QStringLiteral("meet01")));
+    ASSERT_TRUE(later.hangoutLink);
+    ASSERT_TRUE(later.conferenceData && later.conferenceData->entryPoints);
+    EXPECT_EQ(later.conferenceData->entryPoints->front().uri, later.hangoutLink);
+
+    // Adding a conference to an existing event patches with the version flag.
+    GoogleEventPatchDTO patch;
+    patch.conferenceData = GooglePatchValue<GoogleConferenceDataRequestDTO>::value(GoogleConferenceDataRequestDTO{
+        GoogleConferenceCreateRequestDTO{QStringLiteral("req-2"), GoogleConferenceSolutionKeyDTO{QStringLiteral("hangoutsMeet")}}});
+    syncWait(api.updateEvent(kPrimary, QStringLiteral("meet01"), patch));
+    EXPECT_EQ(requestsTo("PATCH").back().query, "sendUpdates=all&conferenceDataVersion=1");
+}
+
+TEST_F(GoogleCalendarAPIClientTest, HostileListingsKeepWhatCanBeRead) {
+    auto api = client();
+    google.failNext("GET", CannedResponse::json(200, R"({"items": [
+        {"id": "good1", "summary": "Fine", "start": {"dateTime": "2026-12-01T10:00:00Z"}},
+        {"id": "bad1", "start": 7},
+        {"status": "cancelled"},
+        {"status": "cancelled", "id": "  gone1 "},
+        "not an object",
+        {"id": "   "}
+    ], "nextSyncToken": 5, "timeZone": "  "})"));
+    GoogleEventPage page = syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt));
+    ASSERT_EQ(page.events.size(), 1u);
+    EXPECT_EQ(page.events[0].id, QStringLiteral("good1"));
+    EXPECT_EQ(page.deletedEventIDs, std::vector<QString>{QStringLiteral("gone1")});
+    EXPECT_EQ(page.skippedItemCount, 4);
+    EXPECT_FALSE(page.nextSyncToken);
+    EXPECT_FALSE(page.timeZone);
+
+    google.failNext("GET", CannedResponse::json(200, R"({"kind": "calendar#events"})"));
+    GoogleEventPage empty = syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt));
+    EXPECT_TRUE(empty.events.empty());
+    EXPECT_EQ(empty.skippedItemCount, 0);
+
+    for (QByteArray body : {QByteArray(R"({"items": {"id": "x"}})"), QByteArray(R"({"items": [{"id": "a"}, )"),
+                            QByteArray("[]"), QByteArray("<html>502</html>")}) {
+        google.failNext("GET", CannedResponse::json(200, body));
+        EXPECT_EQ(failureOf([&] { syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt)); }),
+                  GoogleCalendarAPIError(APIKind::invalidResponse))
+            << body.toStdString();
+    }
+
+    // A reply beyond the size cap is refused unread.
+    api.setMaximumResponseBytes(4096);
+    QByteArray gigantic = R"({"items": [)";
+    for (int i = 0; i < 100; ++i) gigantic += R"({"id": "e)" + QByteArray::number(i) + R"(", "summary": "padding padding"},)";
+    gigantic += R"({"id": "last"}]})";
+    google.failNext("GET", CannedResponse::json(200, gigantic));
+    EXPECT_EQ(failureOf([&] { syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt)); }),
+              GoogleCalendarAPIError(APIKind::invalidResponse));
+}
+
+TEST_F(GoogleCalendarAPIClientTest, FreeBusyIsAllOrNothing) {
+    google.putEvent(kPrimary, timedEvent("fb1", "Busy", "2026-12-01T09:00:00Z", "2026-12-01T10:00:00Z"));
+    auto free = timedEvent("fb2", "Free", "2026-12-01T11:00:00Z", "2026-12-01T12:00:00Z");
+    free.insert("transparency", "transparent");
+    google.putEvent(kPrimary, free);
+    google.putEvent(kTeam, timedEvent("fb3", "Team", "2026-12-01T23:00:00Z", "2026-12-02T01:00:00Z"));
+    auto api = client();
+
+    GoogleFreeBusyResponseDTO busy = syncWait(api.freeBusy({kPrimary, kTeam}, at("2026-12-01T00:00:00Z"),
+                                                           at("2026-12-02T00:00:00Z"), QStringLiteral("Asia/Tokyo")));
+    const auto body = QJsonDocument::fromJson(requestsTo("POST").back().body).object();
+    EXPECT_EQ(body.value("timeMin").toString(), "2026-12-01T00:00:00Z");
+    EXPECT_EQ(body.value("timeZone").toString(), "Asia/Tokyo");
+    EXPECT_EQ(body.value("items").toArray().at(1).toObject().value("id").toString(), kTeam);
+    ASSERT_TRUE(busy.calendars);
+    EXPECT_EQ(busy.calendars->at(kPrimary).busy->size(), 1u);
+    ASSERT_EQ(busy.calendars->at(kTeam).busy->size(), 1u);
+    EXPECT_EQ(busy.calendars->at(kTeam).busy->front().end, "2026-12-02T00:00:00Z");
+
+    auto unknown = failureOf([&] {
+        syncWait(api.freeBusy({kPrimary, QStringLiteral("nobody@example.com")}, at("2026-12-01T00:00:00Z"),
+                              at("2026-12-02T00:00:00Z"), QStringLiteral("UTC")));
+    });
+    EXPECT_EQ(unknown, GoogleCalendarAPIError(APIKind::partialFreeBusyFailure));
+
+    google.failNext("POST", CannedResponse::json(200, R"({"calendars": {"hanako@example.com": {"busy": []}}})"));
+    auto missing = failureOf([&] {
+        syncWait(api.freeBusy({kPrimary, kTeam}, at("2026-12-01T00:00:00Z"), at("2026-12-02T00:00:00Z"), QStringLiteral("UTC")));
+    });
+    EXPECT_EQ(missing, GoogleCalendarAPIError(APIKind::partialFreeBusyFailure));
+    google.failNext("POST", CannedResponse::json(200, R"({"calendars": {"hanako@example.com": {}}})"));
+    auto noBusyList = failureOf([&] {
+        syncWait(api.freeBusy({kPrimary}, at("2026-12-01T00:00:00Z"), at("2026-12-02T00:00:00Z"), QStringLiteral("UTC")));
+    });
+    EXPECT_EQ(noBusyList, GoogleCalendarAPIError(APIKind::partialFreeBusyFailure));
+}
+
+TEST_F(GoogleCalendarAPIClientTest, CancellationDuringABackoffWaitStopsTheCall) {
+    auto api = client();
+    std::stop_source source;
+    onWait = [&] { source.request_stop(); };
+    google.failNext("GET", CannedResponse{429, {}, {}});
+    EXPECT_THROW(syncWait(api.listCalendars(std::nullopt, source.get_token())), CancellationError);
+    EXPECT_EQ(google.countOf("GET"), 1);
+}
+
+TEST_F(GoogleCalendarAPIClientTest, UnreachableServerIsATransportFailure) {
+    GoogleCalendarAPIClient api(tokens, transport, eventLoopSleep(), [] { return 0.0; },
+                                QUrl(QStringLiteral("http://127.0.0.1:1/calendar/v3")));
+    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::transportFailure));
+}
+
+} // namespace
+} // namespace tavelo::testing

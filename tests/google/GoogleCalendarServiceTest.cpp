@@ -1,0 +1,643 @@
+#include "services/GoogleCalendarService.h"
+
+#include "google/GoogleAccessTokenProvider.h"
+#include "google/GoogleCalendarAPIClient.h"
+#include "google/GoogleCalendarStandIn.h"
+#include "google/GoogleTestSupport.h"
+#include "services/LocalCalendarService.h"
+#include "support/HTTPTransport.h"
+
+#include <QJsonObject>
+#include <QCoreApplication>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <csignal>
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+namespace tavelo::testing {
+namespace {
+
+using ServiceKind = GoogleCalendarServiceError::Kind;
+
+class FixedTokenProvider final : public GoogleAccessTokenProviding {
+public:
+    explicit FixedTokenProvider(QString token) : token_(std::move(token)) {}
+    QCoro::Task<QString> accessToken(std::optional<QString>, std::stop_token) override {
+        QString token = token_;
+        co_return token;
+    }
+
+private:
+    QString token_;
+};
+
+QJsonObject timed(const QString& id, const QString& summary, int day, int hour = 10) {
+    const QString start = QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(hour, 2, 10, QChar('0'));
+    const QString end = QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(hour + 1, 2, 10, QChar('0'));
+    return QJsonObject{{"id", id},
+                       {"summary", summary},
+                       {"start", QJsonObject{{"dateTime", start}, {"timeZone", "Asia/Tokyo"}}},
+                       {"end", QJsonObject{{"dateTime", end}, {"timeZone", "Asia/Tokyo"}}}};
+}
+
+const QString kAlice = QStringLiteral("alice@example.com");
+const QString kFamily = QStringLiteral("family@group.calendar.google.com");
+const QString kBob = QStringLiteral("bob@work.example");
+
+class GoogleCalendarServiceTest : public ::testing::Test {
+protected:
+    GoogleCalendarServiceTest() {
+        aliceGoogle.acceptToken("alice-token");
+        aliceGoogle.addCalendar(kAlice, "Alice", true);
+        aliceGoogle.addCalendar(kFamily, "Family", false, "writer", "Europe/Berlin");
+        bobGoogle.acceptToken("bob-token");
+        bobGoogle.addCalendar(kBob, "Bob", true);
+        for (int i = 0; i < 30; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("alice%1").arg(i), "Alice work", 1 + i % 28));
+        for (int i = 0; i < 5; ++i) aliceGoogle.putEvent(kFamily, timed(QStringLiteral("fam%1").arg(i), "Dinner", 1 + i, 19));
+        for (int i = 0; i < 12; ++i) bobGoogle.putEvent(kBob, timed(QStringLiteral("bob%1").arg(i), "Bob meeting", 2 + i));
+        service = makeService(local);
+    }
+
+    std::shared_ptr<GoogleCalendarService> makeService(std::shared_ptr<LocalCalendarService> store) {
+        GoogleCalendarService::Functions f;
+        f.connectGoogleIdentity = [this](std::stop_token) -> QCoro::Task<GoogleIdentity> {
+            GoogleIdentity identity = identities.front();
+            identities.pop_front();
+            co_return identity;
+        };
+        f.reconnectGoogleIdentity = [this](QString subject, std::stop_token) -> QCoro::Task<GoogleIdentity> {
+            GoogleIdentity identity{subject, subject == "sub-alice" ? kAlice : kBob, std::nullopt};
+            co_return identity;
+        };
+        f.disconnectGoogleIdentity = [this](QString subject) -> QCoro::Task<void> {
+            disconnected.push_back(subject);
+            co_return;
+        };
+        f.makeAPIClient = [this](const QString& subject) {
+            const bool alice = subject == QLatin1String("sub-alice");
+            auto tokens = std::make_shared<FixedTokenProvider>(alice ? "alice-token" : "bob-token");
+            return GoogleCalendarAPIClient(
+                tokens, transport,
+                [this](double, std::stop_token) -> QCoro::Task<void> {
+                    if (onWait) onWait();
+                    co_return;
+                },
+                [] { return 0.0; }, alice ? aliceGoogle.baseURL() : bobGoogle.baseURL());
+        };
+        f.now = [] { return *Date::fromIsoString("2026-11-23T12:00:00Z"); };
+        return std::make_shared<GoogleCalendarService>(std::move(store), std::move(f));
+    }
+
+    Account connect() { return syncWait(service->connectGoogleAccount({})); }
+
+    // What a fresh store reads from the file.
+    AppSnapshot onDisk() { return syncWait(LocalCalendarService(path).load()).snapshot; }
+
+    static int eventsOn(const AppSnapshot& snapshot, const QString& googleCalendarID) {
+        std::optional<UUID> id;
+        for (const auto& c : snapshot.calendars)
+            if (c.googleCalendarID == googleCalendarID) id = c.id;
+        if (!id) return -1;
+        return int(std::count_if(snapshot.events.begin(), snapshot.events.end(),
+                                 [&](const CalendarEvent& e) { return e.calendarID == *id; }));
+    }
+    static const CalendarEvent* eventByGoogleID(const AppSnapshot& snapshot, const QString& googleID) {
+        for (const auto& e : snapshot.events)
+            if (e.googleEventID == googleID) return &e;
+        return nullptr;
+    }
+    static UUID calendarID(const AppSnapshot& snapshot, const QString& googleCalendarID) {
+        for (const auto& c : snapshot.calendars)
+            if (c.googleCalendarID == googleCalendarID) return c.id;
+        ADD_FAILURE() << "no calendar " << googleCalendarID.toStdString();
+        return UUID();
+    }
+
+    static const CalendarEvent* storedEventByID(const AppSnapshot& snapshot, const UUID& id) {
+        for (const auto& e : snapshot.events)
+            if (e.id == id) return &e;
+        return nullptr;
+    }
+
+    template <class Body>
+    std::optional<GoogleCalendarServiceError> failureOf(Body body) {
+        try {
+            body();
+        } catch (const GoogleCalendarServiceError& error) {
+            return error;
+        } catch (const std::exception& other) {
+            ADD_FAILURE() << "unexpected error: " << localizedDescription(other).toStdString();
+            return std::nullopt;
+        }
+        ADD_FAILURE() << "no error thrown";
+        return std::nullopt;
+    }
+
+    QTemporaryDir dir;
+    QString path = dir.filePath("calendar.sqlite");
+    std::shared_ptr<LocalCalendarService> local = std::make_shared<LocalCalendarService>(path);
+    GoogleCalendarStandIn aliceGoogle;
+    GoogleCalendarStandIn bobGoogle;
+    std::shared_ptr<NetworkHTTPTransport> transport = std::make_shared<NetworkHTTPTransport>();
+    std::deque<GoogleIdentity> identities{{"sub-alice", kAlice, QStringLiteral("Alice")},
+                                          {"sub-bob", kBob, QStringLiteral("Bob")}};
+    std::vector<QString> disconnected;
+    std::function<void()> onWait;
+    std::shared_ptr<GoogleCalendarService> service;
+};
+
+TEST_F(GoogleCalendarServiceTest, TwoAccountsSyncIntoOneFileThenOnlyChangesTravel) {
+    const Account alice = connect();
+    const Account bob = connect();
+    EXPECT_NE(alice.id, bob.id);
+    syncWait(service->syncAllGoogleAccounts({}));
+
+    AppSnapshot stored = onDisk();
+    EXPECT_EQ(eventsOn(stored, kAlice), 30);
+    EXPECT_EQ(eventsOn(stored, kFamily), 5);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    for (const auto& account : stored.accounts) {
+        EXPECT_TRUE(account.isConnected);
+        EXPECT_TRUE(account.lastSync);
+    }
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::connected);
+    EXPECT_EQ(service->calendarTimeZones().at(calendarID(stored, kFamily)), "Europe/Berlin");
+
+    // Changes at Google: only they are listed, by sync token.
+    aliceGoogle.putEvent(kAlice, timed("alice3", "Moved review", 20, 15));
+    aliceGoogle.cancelEvent(kAlice, "alice4");
+    aliceGoogle.putEvent(kFamily, timed("fam9", "Birthday", 24, 18));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const auto listing = aliceGoogle.server().requests().back();
+    EXPECT_TRUE(listing.query.contains("syncToken=")) << listing.query.toStdString();
+
+    stored = onDisk();
+    EXPECT_EQ(eventsOn(stored, kAlice), 29);
+    EXPECT_EQ(eventsOn(stored, kFamily), 6);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    ASSERT_TRUE(eventByGoogleID(stored, "alice3"));
+    EXPECT_EQ(eventByGoogleID(stored, "alice3")->title, "Moved review");
+    EXPECT_FALSE(eventByGoogleID(stored, "alice4"));
+}
+
+TEST_F(GoogleCalendarServiceTest, ExpiredTokenRestartsWithAFullListingThatReplacesNothingUntilWhole) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const AppSnapshot before = onDisk();
+
+    // Deleted at Google while the token expires: the full listing has no
+    // "cancelled" item for it, yet it must go.
+    aliceGoogle.cancelEvent(kAlice, "alice7");
+    aliceGoogle.expireSyncTokens();
+    // The restart is cut off after its first page (there are more than 250 events now).
+    for (int i = 0; i < 300; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("bulk%1").arg(i), "Bulk", 10));
+    aliceGoogle.failNextAt("GET", "/calendars/alice%40example.com/events?maxResults=250&showDeleted=true&singleEvents=true&pageToken=",
+                           GoogleCalendarStandIn::googleError(503, "backendError", "Service Unavailable"));
+    const UUID aliceCalendar = calendarID(before, kAlice);
+    auto partial = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
+    ASSERT_TRUE(partial);
+    EXPECT_EQ(partial->kind(), ServiceKind::partialSync);
+    EXPECT_EQ(partial->failedCalendarIDs(), std::vector<UUID>{aliceCalendar});
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::failed);
+    const auto warnings = syncWait(service->googleSyncWarnings(alice.id));
+    EXPECT_NE(std::find(warnings.begin(), warnings.end(), GoogleSyncWarning::calendarFailed(aliceCalendar)), warnings.end());
+
+    AppSnapshot interrupted = onDisk();
+    EXPECT_EQ(eventsOn(interrupted, kAlice), 30) << "nothing is replaced by half a listing";
+    EXPECT_TRUE(eventByGoogleID(interrupted, "alice7"));
+    EXPECT_EQ(eventsOn(interrupted, kFamily), 5);
+    // A partial failure leaves the account's last sync as it was.
+    EXPECT_EQ(interrupted.accounts.front().lastSync, before.accounts.front().lastSync);
+
+    // The next sync completes the restart.
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    AppSnapshot after = onDisk();
+    EXPECT_EQ(eventsOn(after, kAlice), 29 + 300);
+    EXPECT_FALSE(eventByGoogleID(after, "alice7"));
+    // Local ids survive the full listing.
+    EXPECT_EQ(eventByGoogleID(after, "alice1")->id, eventByGoogleID(before, "alice1")->id);
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::connected);
+}
+
+TEST_F(GoogleCalendarServiceTest, RejectedCredentialsStopOneAccountAndTheOtherStillSyncs) {
+    const Account alice = connect();
+    const Account bob = connect();
+    aliceGoogle.revokeToken("alice-token");
+    auto partial = failureOf([&] { syncWait(service->syncAllGoogleAccounts({})); });
+    ASSERT_TRUE(partial);
+    EXPECT_EQ(partial->kind(), ServiceKind::partialSync);
+    EXPECT_EQ(partial->failedAccountIDs(), std::vector<UUID>{alice.id});
+    EXPECT_TRUE(partial->failedCalendarIDs().empty());
+    // One refresh was tried: two sends of the calendar list, then it stopped.
+    EXPECT_EQ(aliceGoogle.countOf("GET"), 2);
+
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::reconnectRequired);
+    EXPECT_EQ(syncWait(service->googleSyncStatus(bob.id)), GoogleSyncStatus::connected);
+    AppSnapshot stored = onDisk();
+    for (const auto& account : stored.accounts) EXPECT_EQ(account.isConnected, account.id == bob.id);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+
+    auto direct = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
+    EXPECT_EQ(direct, GoogleCalendarServiceError::reconnectRequired(alice.id));
+    EXPECT_EQ(localizedDescription(*direct), QStringLiteral("Googleアカウントを再接続してください。"));
+
+    // Reconnecting brings the account back.
+    aliceGoogle.acceptToken("alice-token");
+    syncWait(service->reconnectGoogleAccount(alice.id, {}));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    EXPECT_EQ(eventsOn(onDisk(), kAlice), 30);
+}
+
+TEST_F(GoogleCalendarServiceTest, CancelledSyncWritesNothing) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    aliceGoogle.putEvent(kAlice, timed("alice2", "Renamed", 3));
+    aliceGoogle.failNextAt("GET", "family", CannedResponse{429, {}, {}});
+    std::stop_source stop;
+    onWait = [&] { stop.request_stop(); };
+    EXPECT_THROW(syncWait(service->syncGoogleAccount(alice.id, stop.get_token())), CancellationError);
+    EXPECT_EQ(eventByGoogleID(onDisk(), "alice2")->title, "Alice work");
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::connected);
+    EXPECT_FALSE(service->transactionGate().isLocked());
+}
+
+TEST_F(GoogleCalendarServiceTest, StaleSaveFromTheApplicationKeepsGooglesState) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    AppSnapshot appCopy = syncWait(service->load()).snapshot;
+
+    aliceGoogle.putEvent(kAlice, timed("alice5", "Changed at Google", 6));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const QString newETag = aliceGoogle.event(kAlice, "alice5")->value("etag").toString();
+
+    // The application saves its older copy with a choice of its own.
+    for (auto& calendar : appCopy.calendars)
+        if (calendar.googleCalendarID == kFamily) calendar.isVisible = false;
+    for (auto& event : appCopy.events)
+        if (event.googleEventID == "alice5") event.isCompleted = true;
+    appCopy.googleSyncStates.clear();
+    syncWait(service->save(appCopy));
+
+    AppSnapshot stored = onDisk();
+    const CalendarEvent* event = eventByGoogleID(stored, "alice5");
+    ASSERT_TRUE(event);
+    EXPECT_EQ(event->googleETag, newETag);
+    EXPECT_EQ(event->title, "Changed at Google");
+    EXPECT_TRUE(event->isCompleted);
+    for (const auto& calendar : stored.calendars)
+        if (calendar.googleCalendarID == kFamily) EXPECT_FALSE(calendar.isVisible);
+    EXPECT_FALSE(stored.googleSyncStates.empty());
+
+    // And the sync still goes on from its token.
+    aliceGoogle.putEvent(kAlice, timed("late1", "Late", 7));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    EXPECT_TRUE(aliceGoogle.server().requests().back().query.contains("syncToken="));
+    EXPECT_TRUE(eventByGoogleID(onDisk(), "late1"));
+}
+
+TEST_F(GoogleCalendarServiceTest, DisconnectErasesTheLocalCopyAndReconnectingGivesTheSameIDs) {
+    const Account alice = connect();
+    const Account bob = connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const AppSnapshot before = onDisk();
+
+    syncWait(service->disconnectGoogleAccount(alice.id, {}));
+    EXPECT_EQ(disconnected, std::vector<QString>{"sub-alice"});
+    AppSnapshot stored = onDisk();
+    EXPECT_EQ(stored.accounts.size(), 1u);
+    EXPECT_EQ(eventsOn(stored, kAlice), -1);
+    EXPECT_EQ(eventsOn(stored, kFamily), -1);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    for (const auto& state : stored.googleSyncStates) EXPECT_NE(state.calendarID, calendarID(before, kAlice));
+    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::idle);
+    // Nothing changed at Google.
+    EXPECT_EQ(aliceGoogle.liveEventCount(kAlice), 30);
+
+    identities.push_back({"sub-alice", kAlice, QStringLiteral("Alice")});
+    EXPECT_EQ(connect().id, alice.id);
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    AppSnapshot again = onDisk();
+    EXPECT_EQ(calendarID(again, kAlice), calendarID(before, kAlice));
+    EXPECT_EQ(eventByGoogleID(again, "alice9")->id, eventByGoogleID(before, "alice9")->id);
+    EXPECT_EQ(failureOf([&] { syncWait(service->disconnectGoogleAccount(UUID::random(), {})); }),
+              GoogleCalendarServiceError::accountNotFound());
+}
+
+TEST_F(GoogleCalendarServiceTest, TransactionsRunOneAtATime) {
+    const Account alice = connect();
+    const Account bob = connect();
+    // Both syncs are started at once; the second waits at the gate until the
+    // first has saved.
+    auto first = service->syncGoogleAccount(alice.id, {});
+    auto second = service->syncGoogleAccount(bob.id, {});
+    EXPECT_EQ(service->transactionGate().waiterCount(), 1u);
+    syncWait(first);
+    syncWait(second);
+    AppSnapshot stored = onDisk();
+    EXPECT_EQ(eventsOn(stored, kAlice), 30);
+    EXPECT_EQ(eventsOn(stored, kBob), 12);
+    EXPECT_FALSE(service->transactionGate().isLocked());
+}
+
+// A group of one event on three calendars of two accounts, the last copy a
+// busy block of the first.
+std::vector<CalendarEvent> groupOnThree(const AppSnapshot& snapshot, const UUID& groupID) {
+    const auto calendarOf = [&](const QString& googleID) {
+        for (const auto& c : snapshot.calendars)
+            if (c.googleCalendarID == googleID) return c.id;
+        return UUID();
+    };
+    const Date start = *Date::fromIsoString("2026-12-10T01:00:00Z");
+    std::vector<CalendarEvent> events;
+    for (const QString& googleID : {kAlice, kFamily, kBob}) {
+        CalendarEvent e;
+        e.id = UUID::random();
+        e.groupID = groupID;
+        e.title = QStringLiteral("Planning");
+        e.start = start;
+        e.end = start.addingSeconds(3600);
+        e.calendarID = calendarOf(googleID);
+        events.push_back(e);
+    }
+    events[2].isGeneratedBusyBlock = true;
+    events[2].sourceEventID = events[0].id;
+    events[2].title = QStringLiteral("Busy");
+    return events;
+}
+
+TEST_F(GoogleCalendarServiceTest, GroupOnThreeCalendarsFailsInTheMiddleAndTheRetrySendsOnlyTheRest) {
+    const Account alice = connect();
+    const Account bob = connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const UUID groupID = UUID::random();
+    const auto desired = groupOnThree(onDisk(), groupID);
+
+    aliceGoogle.failNextAt("POST", "family", GoogleCalendarStandIn::googleError(403, "forbiddenForNonOrganizer", "Forbidden"));
+    auto partial = failureOf([&] { syncWait(service->createEvents(desired)); });
+    ASSERT_TRUE(partial);
+    EXPECT_EQ(partial->kind(), ServiceKind::partialOperation);
+    EXPECT_EQ(partial->operation(), GoogleMutationOperation::create);
+    const GoogleMutationDestination second{alice.id, desired[1].calendarID, desired[1].id};
+    EXPECT_EQ(partial->remainingDestinations(), std::vector<GoogleMutationDestination>{second});
+    EXPECT_TRUE(partial->conflictingDestinations().empty());
+
+    AppSnapshot stored = onDisk();
+    ASSERT_TRUE(storedEventByID(stored, desired[0].id) && storedEventByID(stored, desired[2].id));
+    EXPECT_TRUE(storedEventByID(stored, desired[0].id)->googleEventID);
+    EXPECT_TRUE(storedEventByID(stored, desired[2].id)->googleEventID);
+    EXPECT_TRUE(storedEventByID(stored, desired[2].id)->isGeneratedBusyBlock);
+    // The failed copy is kept as desired, without a Google id.
+    ASSERT_TRUE(storedEventByID(stored, desired[1].id));
+    EXPECT_FALSE(storedEventByID(stored, desired[1].id)->googleEventID);
+    EXPECT_EQ(bobGoogle.liveEventCount(kBob), 13);
+
+    const int aliceRequests = int(aliceGoogle.server().requests().size());
+    const int bobRequests = int(bobGoogle.server().requests().size());
+    syncWait(service->retryMutation(GoogleMutationOperation::create, groupID, desired, partial->remainingDestinations()));
+    EXPECT_EQ(int(aliceGoogle.server().requests().size()), aliceRequests + 1);
+    EXPECT_EQ(int(bobGoogle.server().requests().size()), bobRequests);
+    EXPECT_EQ(aliceGoogle.liveEventCount(kFamily), 6);
+    EXPECT_EQ(aliceGoogle.liveEventCount(kAlice), 31);
+    EXPECT_TRUE(storedEventByID(onDisk(), desired[1].id)->googleEventID);
+
+    // A sync afterwards finds the copies by their Google ids and keeps the links.
+    syncWait(service->syncAllGoogleAccounts({}));
+    stored = onDisk();
+    EXPECT_EQ(storedEventByID(stored, desired[2].id)->sourceEventID, desired[0].id);
+    EXPECT_EQ(std::count_if(stored.events.begin(), stored.events.end(), [&](const CalendarEvent& e) { return e.groupID == groupID; }), 3);
+}
+
+TEST_F(GoogleCalendarServiceTest, EditsRemoteChangesAndDeletesFollowTheGroup) {
+    const Account alice = connect();
+    connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const UUID groupID = UUID::random();
+    auto desired = syncWait(service->createEvents(groupOnThree(onDisk(), groupID)));
+    std::vector<CalendarEvent> group;
+    for (const auto& e : desired)
+        if (e.groupID == groupID) group.push_back(e);
+    ASSERT_EQ(group.size(), 3u);
+
+    // Only the tag changes: a patch of extended properties that mails nobody.
+    const int patchesBefore = aliceGoogle.countOf("PATCH") + bobGoogle.countOf("PATCH");
+    auto retagged = group;
+    for (auto& e : retagged) e.tagID = UUID::random();
+    syncWait(service->updateEvents(groupID, retagged));
+    EXPECT_EQ(aliceGoogle.countOf("PATCH") + bobGoogle.countOf("PATCH"), patchesBefore + 3);
+    const auto tagPatch = aliceGoogle.server().requests().back();
+    EXPECT_EQ(tagPatch.method, "PATCH");
+    EXPECT_FALSE(tagPatch.query.contains("sendUpdates"));
+
+    // An update with nothing changed sends nothing.
+    const auto sent = aliceGoogle.server().requests().size() + bobGoogle.server().requests().size();
+    auto current = onDisk();
+    std::vector<CalendarEvent> same;
+    for (const auto& e : current.events)
+        if (e.groupID == groupID) same.push_back(e);
+    syncWait(service->updateEvents(groupID, same));
+    EXPECT_EQ(aliceGoogle.server().requests().size() + bobGoogle.server().requests().size(), sent);
+
+    // Someone renames the family copy at Google meanwhile: Google wins there.
+    const CalendarEvent family = *storedEventByID(current, group[1].id);
+    QJsonObject remote = *aliceGoogle.event(kFamily, *family.googleEventID);
+    remote.insert("summary", "Renamed at Google");
+    aliceGoogle.putEvent(kFamily, remote);
+    auto renamed = same;
+    for (auto& e : renamed) e.title = QStringLiteral("Planning v2");
+    auto conflict = failureOf([&] { syncWait(service->updateEvents(groupID, renamed)); });
+    ASSERT_TRUE(conflict);
+    const GoogleMutationDestination familyDestination{alice.id, family.calendarID, family.id};
+    EXPECT_EQ(conflict->conflictingDestinations(), std::vector<GoogleMutationDestination>{familyDestination});
+    EXPECT_EQ(conflict->remainingDestinations(), std::vector<GoogleMutationDestination>{familyDestination});
+    current = onDisk();
+    EXPECT_EQ(storedEventByID(current, family.id)->title, "Renamed at Google");
+    EXPECT_EQ(storedEventByID(current, group[0].id)->title, "Planning v2");
+    EXPECT_EQ(aliceGoogle.event(kAlice, *storedEventByID(current, group[0].id)->googleEventID)->value("summary").toString(),
+              "Planning v2");
+
+    // Deleting the group deletes every copy at Google.
+    syncWait(service->deleteEvents(groupID));
+    EXPECT_EQ(aliceGoogle.liveEventCount(kAlice), 30);
+    EXPECT_EQ(aliceGoogle.liveEventCount(kFamily), 5);
+    EXPECT_EQ(bobGoogle.liveEventCount(kBob), 12);
+    current = onDisk();
+    EXPECT_EQ(std::count_if(current.events.begin(), current.events.end(), [&](const CalendarEvent& e) { return e.groupID == groupID; }), 0);
+}
+
+TEST_F(GoogleCalendarServiceTest, MeetLinkAskedOnCreateArrivesWithALaterSync) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    auto event = groupOnThree(onDisk(), UUID::random()).front();
+    event.meetURL = CalendarEvent::pendingMeetURL();
+    syncWait(service->createEvents({event}));
+
+    const auto insert = aliceGoogle.server().requests().back();
+    EXPECT_EQ(insert.query, "sendUpdates=all&conferenceDataVersion=1");
+    EXPECT_TRUE(insert.body.contains(event.id.toString().remove('-').toLower().toUtf8()));
+    // Google has not made the conference yet: the placeholder stays.
+    EXPECT_EQ(storedEventByID(onDisk(), event.id)->meetURL, CalendarEvent::pendingMeetURL());
+
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const auto linked = storedEventByID(onDisk(), event.id)->meetURL;
+    ASSERT_TRUE(linked);
+    EXPECT_TRUE(linked->toString().startsWith("https://meet.google.com/")) << linked->toString().toStdString();
+}
+
+// The child half of the kill test: syncs the file at TAVELO_KILL_FILE against
+// the stand-in at TAVELO_KILL_URL until it is killed.
+TEST(GoogleCalendarServiceKillTest, DISABLED_ChildSyncsUntilKilled) {
+    const QString file = qEnvironmentVariable("TAVELO_KILL_FILE");
+    const QUrl url(qEnvironmentVariable("TAVELO_KILL_URL"));
+    ASSERT_FALSE(file.isEmpty());
+    GoogleCalendarService::Functions f;
+    f.connectGoogleIdentity = [](std::stop_token) -> QCoro::Task<GoogleIdentity> { throw CancellationError(); };
+    f.reconnectGoogleIdentity = [](QString, std::stop_token) -> QCoro::Task<GoogleIdentity> { throw CancellationError(); };
+    f.disconnectGoogleIdentity = [](QString) -> QCoro::Task<void> { co_return; };
+    auto transport = std::make_shared<NetworkHTTPTransport>();
+    f.makeAPIClient = [transport, url](const QString&) {
+        return GoogleCalendarAPIClient(std::make_shared<FixedTokenProvider>("alice-token"), transport, eventLoopSleep(),
+                                       [] { return 0.5; }, url);
+    };
+    GoogleCalendarService service(std::make_shared<LocalCalendarService>(file), std::move(f));
+    const AppSnapshot snapshot = syncWait(service.load()).snapshot;
+    ASSERT_FALSE(snapshot.accounts.empty());
+    try {
+        syncWait(service.syncAllGoogleAccounts({}));
+    } catch (...) {
+    }
+}
+
+TEST_F(GoogleCalendarServiceTest, ProcessKilledDuringAFullRestartLosesNoEvent) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    service.reset();
+    local.reset();
+    const AppSnapshot before = onDisk();
+    ASSERT_EQ(eventsOn(before, kAlice), 30);
+
+    // The token expires and the restart runs to more than one page; the second
+    // page never comes, and the process dies waiting for it.
+    aliceGoogle.expireSyncTokens();
+    for (int i = 0; i < 300; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("bulk%1").arg(i), "Bulk", 10));
+    aliceGoogle.cancelEvent(kAlice, "alice7");
+    aliceGoogle.holdAt("GET", "pageToken=");
+
+    QProcess child;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("TAVELO_KILL_FILE", path);
+    environment.insert("TAVELO_KILL_URL", aliceGoogle.baseURL().toString());
+    child.setProcessEnvironment(environment);
+    child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    child.start(QCoreApplication::applicationFilePath(),
+                {"--gtest_also_run_disabled_tests", "--gtest_filter=GoogleCalendarServiceKillTest.DISABLED_ChildSyncsUntilKilled"});
+    ASSERT_TRUE(child.waitForStarted(10000));
+    const bool reachedSecondPage = LocalHttpServer::waitUntil([&] { return aliceGoogle.server().heldCount() > 0; }, 30000);
+    ::kill(pid_t(child.processId()), SIGKILL);
+    child.waitForFinished(10000);
+    ASSERT_TRUE(reachedSecondPage) << "the child never asked for the second page";
+    EXPECT_EQ(child.exitStatus(), QProcess::CrashExit);
+
+    // Nothing was lost: the file holds what it held before the restart.
+    const CalendarLoadResult afterKill = syncWait(LocalCalendarService(path).load());
+    EXPECT_FALSE(afterKill.warning);
+    EXPECT_EQ(eventsOn(afterKill.snapshot, kAlice), 30);
+    EXPECT_EQ(eventsOn(afterKill.snapshot, kFamily), eventsOn(before, kFamily));
+
+    // On restart the next sync completes the full listing.
+    aliceGoogle.clearHolds();
+    local = std::make_shared<LocalCalendarService>(path);
+    service = makeService(local);
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const AppSnapshot after = onDisk();
+    EXPECT_EQ(eventsOn(after, kAlice), 29 + 300);
+    EXPECT_FALSE(eventByGoogleID(after, "alice7"));
+}
+
+TEST_F(GoogleCalendarServiceTest, HostileListingsEndInErrorsAndLeaveTheStoreAlone) {
+    const Account alice = connect();
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const AppSnapshot before = onDisk();
+    const UUID aliceCalendar = calendarID(before, kAlice);
+
+    // Damage to a whole reply fails that calendar and changes nothing stored.
+    const std::vector<QByteArray> broken{
+        R"({"items": [{"id": "alice1", "summary": "Half)",
+        R"({"items": {"id": "alice1"}})",
+        R"(["not", "an", "object"])",
+        R"({"items": [], "nextPageToken": "same"})",
+    };
+    for (const QByteArray& body : broken) {
+        aliceGoogle.failNextAt("GET", "/calendars/alice%40example.com/events", CannedResponse::json(200, body));
+        if (body.contains("same")) {
+            // A listing that names the same page again and again.
+            aliceGoogle.failNextAt("GET", "pageToken=same", CannedResponse::json(200, body));
+        }
+        auto failure = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
+        ASSERT_TRUE(failure) << body.toStdString();
+        EXPECT_EQ(failure->failedCalendarIDs(), std::vector<UUID>{aliceCalendar}) << body.toStdString();
+        const AppSnapshot now = onDisk();
+        EXPECT_EQ(now.events, before.events) << body.toStdString();
+    }
+
+    // Damage inside single items: the rest is kept, the bad items are counted.
+    aliceGoogle.failNextAt("GET", "/calendars/alice%40example.com/events", CannedResponse::json(200, R"({
+        "items": [
+            {"id": "alice1", "summary": "Twice", "start": {"dateTime": "2026-12-01T01:00:00Z"}, "end": {"dateTime": "2026-12-01T02:00:00Z"}},
+            {"id": "alice1", "summary": "Twice", "start": {"dateTime": "2026-12-01T01:00:00Z"}, "end": {"dateTime": "2026-12-01T02:00:00Z"}},
+            {"id": "alice2", "summary": 42},
+            {"id": "odd1", "summary": "Odd", "transparency": "sometimes", "visibility": "secretive",
+             "start": {"dateTime": "2026-12-02T01:00:00Z"}, "end": {"dateTime": "2026-12-02T02:00:00Z"}}
+        ],
+        "nextSyncToken": "hostile-sync"})"));
+    syncWait(service->syncGoogleAccount(alice.id, {}));
+    const AppSnapshot after = onDisk();
+    EXPECT_EQ(std::count_if(after.events.begin(), after.events.end(),
+                            [](const CalendarEvent& e) { return e.googleEventID == QStringLiteral("alice1"); }),
+              1);
+    EXPECT_EQ(eventByGoogleID(after, "alice2")->title, eventByGoogleID(before, "alice2")->title);
+    EXPECT_TRUE(eventByGoogleID(after, "odd1"));
+    const auto warnings = syncWait(service->googleSyncWarnings(alice.id));
+    EXPECT_NE(std::find(warnings.begin(), warnings.end(), GoogleSyncWarning::skippedEvents(aliceCalendar, 1)), warnings.end());
+}
+
+TEST_F(GoogleCalendarServiceTest, FreeBusyAsksEachAccountOnceAndTheEditedGroupDoesNotBlockItself) {
+    const Account alice = connect();
+    const Account bob = connect();
+    syncWait(service->syncAllGoogleAccounts({}));
+    const UUID groupID = UUID::random();
+    syncWait(service->createEvents(groupOnThree(onDisk(), groupID)));
+    const AppSnapshot stored = onDisk();
+    std::set<UUID> calendars;
+    for (const auto& c : stored.calendars) calendars.insert(c.id);
+    const DateInterval window{*Date::fromIsoString("2026-12-10T00:00:00Z"), *Date::fromIsoString("2026-12-11T00:00:00Z")};
+
+    const int alicePosts = aliceGoogle.countOf("POST");
+    const auto all = syncWait(service->freeBusy(calendars, window, std::nullopt));
+    EXPECT_EQ(aliceGoogle.countOf("POST"), alicePosts + 1) << "one request for both of Alice's calendars";
+    std::set<UUID> busyCalendars;
+    for (const auto& b : all) {
+        busyCalendars.insert(b.calendarID);
+        EXPECT_GE(b.interval.start, window.start);
+        EXPECT_LE(b.interval.end, window.end);
+    }
+    EXPECT_EQ(busyCalendars, (std::set<UUID>{calendarID(stored, kAlice), calendarID(stored, kFamily), calendarID(stored, kBob)}));
+
+    // Editing the group: its own hour blocks nothing, other events still do.
+    aliceGoogle.putEvent(kFamily, timed("other1", "Other", 10, 20));
+    const auto editing = syncWait(service->freeBusy(calendars, window, groupID));
+    ASSERT_EQ(editing.size(), 1u);
+    EXPECT_EQ(editing[0].calendarID, calendarID(stored, kFamily));
+
+    // A calendar Google no longer knows fails that account's answer as a whole.
+    bobGoogle.failNextAt("POST", "freeBusy", CannedResponse::json(200, R"({"calendars": {"bob@work.example": {"errors": [{"domain": "global", "reason": "notFound"}]}}})"));
+    auto failure = failureOf([&] { syncWait(service->freeBusy(calendars, window, std::nullopt)); });
+    EXPECT_EQ(failure, GoogleCalendarServiceError::syncFailed(bob.id));
+    (void)alice;
+}
+
+} // namespace
+} // namespace tavelo::testing
