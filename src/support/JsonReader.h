@@ -216,38 +216,6 @@ std::optional<T> optional(const JsonObject& object, std::string_view key) {
     return out;
 }
 
-// The same three rules, decoding into an existing member.
-template <class T>
-void readRequired(const JsonObject& object, std::string_view key, T& out) {
-    auto element = object.find(key);
-    if (!element) object.fail(JsonDecodingError::Kind::keyNotFound, "No value associated with key " + std::string(key));
-    JsonPath path{object.path(), key, -1};
-    JsonValue value(*element, &path);
-    if (value.isNull()) value.fail(JsonDecodingError::Kind::keyNotFound, "Expected a value but found null instead");
-    readJson(value, out);
-}
-
-template <class T>
-void readOptional(const JsonObject& object, std::string_view key, std::optional<T>& out) {
-    auto element = object.find(key);
-    if (!element) return;
-    JsonPath path{object.path(), key, -1};
-    JsonValue value(*element, &path);
-    if (value.isNull()) return;
-    readJson(value, out.emplace());
-}
-
-// A key that may be absent or null, leaving `out` as it was.
-template <class T>
-void readDefaulted(const JsonObject& object, std::string_view key, T& out) {
-    auto element = object.find(key);
-    if (!element) return;
-    JsonPath path{object.path(), key, -1};
-    JsonValue value(*element, &path);
-    if (value.isNull()) return;
-    readJson(value, out);
-}
-
 // Parses documents one after another with one reusable parser. The value
 // returned by `parse` is valid until the next call.
 class JsonDocumentParser {

@@ -11,7 +11,8 @@
 // Keys are written in the listed order. A `std::optional` member is optional
 // both ways: left out when empty, read as empty when absent or null. Every
 // other member is required, unless listed with `jsonDefaulted`: always
-// written, kept at its default when absent or null.
+// written, kept at its default when absent or null. A field whose value is
+// coded differently names a codec: `jsonField<UnixDateCodec>(...)`.
 
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
@@ -21,20 +22,29 @@
 
 namespace tavelo {
 
-template <class T, class M>
+// How a field's value is read and written when the field names no codec of
+// its own: the readJson / writeJson overloads of its type.
+struct JsonDefaultCodec {
+    template <class V>
+    static void read(const JsonValue& value, V& out) { readJson(value, out); }
+    template <class V>
+    static void write(JsonWriter& w, const V& value) { writeJson(w, value); }
+};
+
+template <class T, class M, class Codec = JsonDefaultCodec>
 struct JsonField {
     std::string_view key;
     M T::*member;
     bool defaulted = false;
 };
 
-template <class T, class M>
-constexpr JsonField<T, M> jsonField(std::string_view key, M T::*member) {
+template <class Codec = JsonDefaultCodec, class T, class M>
+constexpr JsonField<T, M, Codec> jsonField(std::string_view key, M T::*member) {
     return {key, member, false};
 }
 
-template <class T, class M>
-constexpr JsonField<T, M> jsonDefaulted(std::string_view key, M T::*member) {
+template <class Codec = JsonDefaultCodec, class T, class M>
+constexpr JsonField<T, M, Codec> jsonDefaulted(std::string_view key, M T::*member) {
     return {key, member, true};
 }
 
@@ -45,30 +55,53 @@ inline constexpr bool isOptional = false;
 template <class M>
 inline constexpr bool isOptional<std::optional<M>> = true;
 
-template <class T, class M>
-void readField(const JsonObject& object, T& record, const JsonField<T, M>& field) {
+template <class T, class M, class Codec>
+void readField(const JsonObject& object, T& record, const JsonField<T, M, Codec>& field) {
+    const bool mayBeMissing = isOptional<M> || field.defaulted;
+    auto element = object.find(field.key);
+    if (!element) {
+        if (mayBeMissing) return;
+        object.fail(JsonDecodingError::Kind::keyNotFound, "No value associated with key " + std::string(field.key));
+    }
+    JsonPath path{object.path(), field.key, -1};
+    JsonValue value(*element, &path);
+    if (value.isNull()) {
+        if (mayBeMissing) return;
+        value.fail(JsonDecodingError::Kind::keyNotFound, "Expected a value but found null instead");
+    }
     M& out = record.*field.member;
     if constexpr (isOptional<M>)
-        readOptional(object, field.key, out);
-    else if (field.defaulted)
-        readDefaulted(object, field.key, out);
+        Codec::read(value, out.emplace());
     else
-        readRequired(object, field.key, out);
+        Codec::read(value, out);
+}
+
+template <class T, class M, class Codec>
+void writeField(JsonWriter& w, const T& record, const JsonField<T, M, Codec>& field) {
+    const M& value = record.*field.member;
+    if constexpr (isOptional<M>) {
+        if (!value) return;
+        w.key(field.key);
+        Codec::write(w, *value);
+    } else {
+        w.key(field.key);
+        Codec::write(w, value);
+    }
 }
 
 } // namespace detail
 
-template <class T, class... M>
-void encodeRecord(JsonWriter& w, const T& record, const JsonField<T, M>&... fields) {
+template <class T, class... M, class... C>
+void encodeRecord(JsonWriter& w, const T& record, const JsonField<T, M, C>&... fields) {
     w.beginObject();
-    (writeField(w, fields.key, record.*fields.member), ...);
+    (detail::writeField(w, record, fields), ...);
     w.endObject();
 }
 
 // Fields are looked up in the listed order, so the first missing key of the
 // list is the one reported.
-template <class T, class... M>
-T decodeRecord(const JsonValue& v, const JsonField<T, M>&... fields) {
+template <class T, class... M, class... C>
+T decodeRecord(const JsonValue& v, const JsonField<T, M, C>&... fields) {
     const auto object = v.object();
     T record{};
     (detail::readField(object, record, fields), ...);
