@@ -1,6 +1,7 @@
 #include "ai/AISchedule.h"
 
 #include "ai/CloudJson.h"
+#include "support/JsonRecord.h"
 #include "support/DateCalendar.h"
 
 #include <QTextBoundaryFinder>
@@ -97,30 +98,24 @@ std::vector<Date> AISchedule::occurrences(const DateInterval& interval) const {
     return dates;
 }
 
-AISchedule AISchedule::decode(const JsonValue& value) {
-    const auto o = value.object();
-    return AISchedule{
-        .id = required<UUID>(o, "id"),
-        .title = required<QString>(o, "title"),
-        .prompt = required<QString>(o, "prompt"),
-        .firstRun = cloudjson::requiredDate(o, "firstRun"),
-        .timeZoneID = required<QString>(o, "timeZoneID"),
-        .recurrence = optional<EventRecurrence>(o, "recurrence"),
-        .isPaused = required<bool>(o, "isPaused"),
-    };
-}
+namespace {
 
-void AISchedule::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "title", title);
-    writeField(w, "prompt", prompt);
-    cloudjson::writeDate(w, "firstRun", firstRun);
-    writeField(w, "timeZoneID", timeZoneID);
-    writeField(w, "recurrence", recurrence);
-    writeField(w, "isPaused", isPaused);
-    w.endObject();
-}
+// Dates on the wire are seconds since 1970.
+struct UnixDateCodec {
+    static void read(const JsonValue& value, Date& out) { out = cloudjson::readUnixDate(value); }
+    static void write(JsonWriter& w, Date date) { w.number(date.unixSeconds()); }
+};
+
+} // namespace
+
+TAVELO_JSON_RECORD(AISchedule,
+                   jsonField("id", &AISchedule::id),
+                   jsonField("title", &AISchedule::title),
+                   jsonField("prompt", &AISchedule::prompt),
+                   jsonField<UnixDateCodec>("firstRun", &AISchedule::firstRun),
+                   jsonField("timeZoneID", &AISchedule::timeZoneID),
+                   jsonField("recurrence", &AISchedule::recurrence),
+                   jsonField("isPaused", &AISchedule::isPaused))
 
 AISchedule AISchedule::fromCloudJson(std::string_view text) { return decodeJson<AISchedule>(text); }
 
@@ -134,32 +129,15 @@ QString AIRun::statusLabel() const {
     return QStringLiteral("失敗");
 }
 
-AIRun AIRun::decode(const JsonValue& value) {
-    const auto o = value.object();
-    return AIRun{
-        .id = required<QString>(o, "id"),
-        .scheduleID = required<UUID>(o, "scheduleID"),
-        .scheduledAt = cloudjson::requiredDate(o, "scheduledAt"),
-        .startedAt = cloudjson::optionalDate(o, "startedAt"),
-        .endedAt = cloudjson::optionalDate(o, "endedAt"),
-        .status = required<QString>(o, "status"),
-        .output = required<QString>(o, "output"),
-        .error = optional<QString>(o, "error"),
-    };
-}
-
-void AIRun::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "scheduleID", scheduleID);
-    cloudjson::writeDate(w, "scheduledAt", scheduledAt);
-    cloudjson::writeDate(w, "startedAt", startedAt);
-    cloudjson::writeDate(w, "endedAt", endedAt);
-    writeField(w, "status", status);
-    writeField(w, "output", output);
-    writeField(w, "error", error);
-    w.endObject();
-}
+TAVELO_JSON_RECORD(AIRun,
+                   jsonField("id", &AIRun::id),
+                   jsonField("scheduleID", &AIRun::scheduleID),
+                   jsonField<UnixDateCodec>("scheduledAt", &AIRun::scheduledAt),
+                   jsonField<UnixDateCodec>("startedAt", &AIRun::startedAt),
+                   jsonField<UnixDateCodec>("endedAt", &AIRun::endedAt),
+                   jsonField("status", &AIRun::status),
+                   jsonField("output", &AIRun::output),
+                   jsonField("error", &AIRun::error))
 
 std::optional<AIRun> AICloudState::latestRun(const UUID& id, std::optional<Date> at) const {
     for (const auto& run : runs) {
@@ -181,20 +159,9 @@ std::vector<AIOccurrence> AICloudState::occurrences(Date day, const DateCalendar
     return result;
 }
 
-AICloudState AICloudState::decode(const JsonValue& value) {
-    const auto o = value.object();
-    return AICloudState{
-        .schedules = required<std::vector<AISchedule>>(o, "schedules"),
-        .runs = required<std::vector<AIRun>>(o, "runs"),
-    };
-}
-
-void AICloudState::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "schedules", schedules);
-    writeField(w, "runs", runs);
-    w.endObject();
-}
+TAVELO_JSON_RECORD(AICloudState,
+                   jsonField("schedules", &AICloudState::schedules),
+                   jsonField("runs", &AICloudState::runs))
 
 AICloudState AICloudState::fromCloudJson(std::string_view text) { return decodeJson<AICloudState>(text); }
 

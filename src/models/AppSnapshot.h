@@ -3,7 +3,6 @@
 #include "models/CalendarEvent.h"
 #include "models/Tag.h"
 #include "support/Date.h"
-#include "support/EnumNames.h"
 #include "support/UUID.h"
 
 #include <QString>
@@ -16,12 +15,6 @@ namespace tavelo {
 
 class JsonWriter;
 class JsonValue;
-
-enum class AccountKind { work, personal, family };
-TAVELO_STRING_ENUM(AccountKind, "work", "personal", "family")
-
-enum class BusyBlockScope { all, workOnly, custom };
-TAVELO_STRING_ENUM(BusyBlockScope, "all", "workOnly", "custom")
 
 struct Account {
     UUID id;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "support/Date.h"
-#include "support/EnumNames.h"
+#include "models/RecordEnums.h"
 #include "support/UUID.h"
 
 #include <QString>
@@ -14,21 +14,6 @@ namespace tavelo {
 
 class JsonWriter;
 class JsonValue;
-
-enum class EventKind { event, task };
-TAVELO_STRING_ENUM(EventKind, "event", "task")
-
-enum class EventRecurrence { daily, weekly, monthly };
-TAVELO_STRING_ENUM(EventRecurrence, "daily", "weekly", "monthly")
-
-enum class Availability { busy, free };
-TAVELO_STRING_ENUM(Availability, "busy", "free")
-
-enum class EventVisibility { normal, privateTitle, privateDetails };
-TAVELO_STRING_ENUM(EventVisibility, "normal", "privateTitle", "privateDetails")
-
-enum class GuestStatus { accepted, tentative, declined, pending };
-TAVELO_STRING_ENUM(GuestStatus, "accepted", "tentative", "declined", "pending")
 
 struct Guest {
     UUID id;

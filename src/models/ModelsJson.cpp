@@ -1,37 +1,24 @@
-// JSON coding of the calendar records. Keys are written in field order;
-// optional fields are left out when empty and read as empty when absent or
-// null; every other key is required.
+// JSON coding of the calendar records. Each record lists its keys once, in
+// field order; optional fields are left out when empty and read as empty when
+// absent or null; every other key is required.
 
 #include "models/AppSnapshot.h"
 #include "models/CalendarEvent.h"
 #include "models/Tag.h"
-#include "support/JsonReader.h"
-#include "support/JsonWriter.h"
+#include "support/JsonRecord.h"
 
+#include <tuple>
 #include <unordered_map>
 
 namespace tavelo {
 
 // --- Guest --------------------------------------------------------------------
 
-void Guest::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "name", name);
-    writeField(w, "email", email);
-    writeField(w, "status", status);
-    w.endObject();
-}
-
-Guest Guest::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return Guest{
-        .id = required<UUID>(o, "id"),
-        .name = required<QString>(o, "name"),
-        .email = required<QString>(o, "email"),
-        .status = required<GuestStatus>(o, "status"),
-    };
-}
+TAVELO_JSON_RECORD(Guest,
+                   jsonField("id", &Guest::id),
+                   jsonField("name", &Guest::name),
+                   jsonField("email", &Guest::email),
+                   jsonField("status", &Guest::status))
 
 // --- CalendarEvent ------------------------------------------------------------
 
@@ -40,64 +27,31 @@ const QUrl& CalendarEvent::pendingMeetURL() {
     return url;
 }
 
-void CalendarEvent::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "groupID", groupID);
-    writeField(w, "sourceEventID", sourceEventID);
-    writeField(w, "kind", kind);
-    writeField(w, "title", title);
-    writeField(w, "start", start);
-    writeField(w, "end", end);
-    writeField(w, "isAllDay", isAllDay);
-    writeField(w, "recurrence", recurrence);
-    writeField(w, "calendarID", calendarID);
-    writeField(w, "tagID", tagID);
-    writeField(w, "location", location);
-    writeField(w, "notes", notes);
-    writeField(w, "guests", guests);
-    writeField(w, "notifications", notifications);
-    writeField(w, "meetURL", meetURL);
-    writeField(w, "availability", availability);
-    writeField(w, "visibility", visibility);
-    writeField(w, "isCompleted", isCompleted);
-    writeField(w, "isGeneratedBusyBlock", isGeneratedBusyBlock);
-    writeField(w, "externalUID", externalUID);
-    writeField(w, "googleEventID", googleEventID);
-    writeField(w, "googleETag", googleETag);
-    writeField(w, "googleUpdatedAt", googleUpdatedAt);
-    w.endObject();
-}
-
-CalendarEvent CalendarEvent::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return CalendarEvent{
-        .id = required<UUID>(o, "id"),
-        .groupID = required<UUID>(o, "groupID"),
-        .sourceEventID = optional<UUID>(o, "sourceEventID"),
-        .kind = required<EventKind>(o, "kind"),
-        .title = required<QString>(o, "title"),
-        .start = required<Date>(o, "start"),
-        .end = required<Date>(o, "end"),
-        .isAllDay = required<bool>(o, "isAllDay"),
-        .recurrence = optional<EventRecurrence>(o, "recurrence"),
-        .calendarID = required<UUID>(o, "calendarID"),
-        .tagID = optional<UUID>(o, "tagID"),
-        .location = required<QString>(o, "location"),
-        .notes = required<QString>(o, "notes"),
-        .guests = required<std::vector<Guest>>(o, "guests"),
-        .notifications = required<std::vector<int>>(o, "notifications"),
-        .meetURL = optional<QUrl>(o, "meetURL"),
-        .availability = required<Availability>(o, "availability"),
-        .visibility = required<EventVisibility>(o, "visibility"),
-        .isCompleted = required<bool>(o, "isCompleted"),
-        .isGeneratedBusyBlock = required<bool>(o, "isGeneratedBusyBlock"),
-        .externalUID = optional<QString>(o, "externalUID"),
-        .googleEventID = optional<QString>(o, "googleEventID"),
-        .googleETag = optional<QString>(o, "googleETag"),
-        .googleUpdatedAt = optional<Date>(o, "googleUpdatedAt"),
-    };
-}
+TAVELO_JSON_RECORD(CalendarEvent,
+                   jsonField("id", &CalendarEvent::id),
+                   jsonField("groupID", &CalendarEvent::groupID),
+                   jsonField("sourceEventID", &CalendarEvent::sourceEventID),
+                   jsonField("kind", &CalendarEvent::kind),
+                   jsonField("title", &CalendarEvent::title),
+                   jsonField("start", &CalendarEvent::start),
+                   jsonField("end", &CalendarEvent::end),
+                   jsonField("isAllDay", &CalendarEvent::isAllDay),
+                   jsonField("recurrence", &CalendarEvent::recurrence),
+                   jsonField("calendarID", &CalendarEvent::calendarID),
+                   jsonField("tagID", &CalendarEvent::tagID),
+                   jsonField("location", &CalendarEvent::location),
+                   jsonField("notes", &CalendarEvent::notes),
+                   jsonField("guests", &CalendarEvent::guests),
+                   jsonField("notifications", &CalendarEvent::notifications),
+                   jsonField("meetURL", &CalendarEvent::meetURL),
+                   jsonField("availability", &CalendarEvent::availability),
+                   jsonField("visibility", &CalendarEvent::visibility),
+                   jsonField("isCompleted", &CalendarEvent::isCompleted),
+                   jsonField("isGeneratedBusyBlock", &CalendarEvent::isGeneratedBusyBlock),
+                   jsonField("externalUID", &CalendarEvent::externalUID),
+                   jsonField("googleEventID", &CalendarEvent::googleEventID),
+                   jsonField("googleETag", &CalendarEvent::googleETag),
+                   jsonField("googleUpdatedAt", &CalendarEvent::googleUpdatedAt))
 
 // --- Tags ---------------------------------------------------------------------
 
@@ -133,74 +87,30 @@ TagRuleCondition TagRuleCondition::decode(const JsonValue& v) {
     o.fail(JsonDecodingError::Kind::dataCorrupted, "Unknown TagRuleCondition case.");
 }
 
-void TagRule::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "condition", condition);
-    w.endObject();
-}
+TAVELO_JSON_RECORD(TagRule,
+                   jsonField("id", &TagRule::id),
+                   jsonField("condition", &TagRule::condition))
 
-TagRule TagRule::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return TagRule{
-        .id = required<UUID>(o, "id"),
-        .condition = required<TagRuleCondition>(o, "condition"),
-    };
-}
-
-void Tag::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "name", name);
-    writeField(w, "colorHex", colorHex);
-    writeField(w, "sortOrder", sortOrder);
-    writeField(w, "weeklyTargetMinutes", weeklyTargetMinutes);
-    writeField(w, "warnsWhenExceeded", warnsWhenExceeded);
-    writeField(w, "rules", rules);
-    w.endObject();
-}
-
-Tag Tag::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return Tag{
-        .id = required<UUID>(o, "id"),
-        .name = required<QString>(o, "name"),
-        .colorHex = required<QString>(o, "colorHex"),
-        .sortOrder = required<int>(o, "sortOrder"),
-        .weeklyTargetMinutes = optional<int>(o, "weeklyTargetMinutes"),
-        .warnsWhenExceeded = required<bool>(o, "warnsWhenExceeded"),
-        .rules = required<std::vector<TagRule>>(o, "rules"),
-    };
-}
+TAVELO_JSON_RECORD(Tag,
+                   jsonField("id", &Tag::id),
+                   jsonField("name", &Tag::name),
+                   jsonField("colorHex", &Tag::colorHex),
+                   jsonField("sortOrder", &Tag::sortOrder),
+                   jsonField("weeklyTargetMinutes", &Tag::weeklyTargetMinutes),
+                   jsonField("warnsWhenExceeded", &Tag::warnsWhenExceeded),
+                   jsonField("rules", &Tag::rules))
 
 // --- Accounts, calendars, preferences -----------------------------------------
 
-void Account::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "name", name);
-    writeField(w, "email", email);
-    writeField(w, "kind", kind);
-    writeField(w, "colorHex", colorHex);
-    writeField(w, "isConnected", isConnected);
-    writeField(w, "lastSync", lastSync);
-    writeField(w, "googleSubject", googleSubject);
-    w.endObject();
-}
-
-Account Account::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return Account{
-        .id = required<UUID>(o, "id"),
-        .name = required<QString>(o, "name"),
-        .email = required<QString>(o, "email"),
-        .kind = required<AccountKind>(o, "kind"),
-        .colorHex = required<QString>(o, "colorHex"),
-        .isConnected = required<bool>(o, "isConnected"),
-        .lastSync = optional<Date>(o, "lastSync"),
-        .googleSubject = optional<QString>(o, "googleSubject"),
-    };
-}
+TAVELO_JSON_RECORD(Account,
+                   jsonField("id", &Account::id),
+                   jsonField("name", &Account::name),
+                   jsonField("email", &Account::email),
+                   jsonField("kind", &Account::kind),
+                   jsonField("colorHex", &Account::colorHex),
+                   jsonField("isConnected", &Account::isConnected),
+                   jsonField("lastSync", &Account::lastSync),
+                   jsonField("googleSubject", &Account::googleSubject))
 
 const CalendarSource& CalendarSource::tavelo() {
     static const CalendarSource source{
@@ -216,72 +126,28 @@ const CalendarSource& CalendarSource::tavelo() {
     return source;
 }
 
-void CalendarSource::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "id", id);
-    writeField(w, "accountID", accountID);
-    writeField(w, "name", name);
-    writeField(w, "colorHex", colorHex);
-    writeField(w, "isVisible", isVisible);
-    writeField(w, "receivesBusyBlocks", receivesBusyBlocks);
-    writeField(w, "googleCalendarID", googleCalendarID);
-    writeField(w, "googleTimeZoneIdentifier", googleTimeZoneIdentifier);
-    w.endObject();
-}
+TAVELO_JSON_RECORD(CalendarSource,
+                   jsonField("id", &CalendarSource::id),
+                   jsonField("accountID", &CalendarSource::accountID),
+                   jsonField("name", &CalendarSource::name),
+                   jsonField("colorHex", &CalendarSource::colorHex),
+                   jsonField("isVisible", &CalendarSource::isVisible),
+                   jsonField("receivesBusyBlocks", &CalendarSource::receivesBusyBlocks),
+                   jsonField("googleCalendarID", &CalendarSource::googleCalendarID),
+                   jsonField("googleTimeZoneIdentifier", &CalendarSource::googleTimeZoneIdentifier))
 
-CalendarSource CalendarSource::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return CalendarSource{
-        .id = required<UUID>(o, "id"),
-        .accountID = optional<UUID>(o, "accountID"),
-        .name = required<QString>(o, "name"),
-        .colorHex = required<QString>(o, "colorHex"),
-        .isVisible = required<bool>(o, "isVisible"),
-        .receivesBusyBlocks = required<bool>(o, "receivesBusyBlocks"),
-        .googleCalendarID = optional<QString>(o, "googleCalendarID"),
-        .googleTimeZoneIdentifier = optional<QString>(o, "googleTimeZoneIdentifier"),
-    };
-}
+TAVELO_JSON_RECORD(AppPreferences,
+                   jsonField("mergeDuplicates", &AppPreferences::mergeDuplicates),
+                   jsonField("crossAccountAvailability", &AppPreferences::crossAccountAvailability),
+                   jsonField("automaticBusyBlocks", &AppPreferences::automaticBusyBlocks),
+                   jsonField("busyBlockScope", &AppPreferences::busyBlockScope),
+                   jsonField("customBusyBlockCalendarIDs", &AppPreferences::customBusyBlockCalendarIDs),
+                   jsonField("includePastSearchResults", &AppPreferences::includePastSearchResults))
 
-void AppPreferences::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "mergeDuplicates", mergeDuplicates);
-    writeField(w, "crossAccountAvailability", crossAccountAvailability);
-    writeField(w, "automaticBusyBlocks", automaticBusyBlocks);
-    writeField(w, "busyBlockScope", busyBlockScope);
-    writeField(w, "customBusyBlockCalendarIDs", customBusyBlockCalendarIDs);
-    writeField(w, "includePastSearchResults", includePastSearchResults);
-    w.endObject();
-}
-
-AppPreferences AppPreferences::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return AppPreferences{
-        .mergeDuplicates = required<bool>(o, "mergeDuplicates"),
-        .crossAccountAvailability = required<bool>(o, "crossAccountAvailability"),
-        .automaticBusyBlocks = required<bool>(o, "automaticBusyBlocks"),
-        .busyBlockScope = required<BusyBlockScope>(o, "busyBlockScope"),
-        .customBusyBlockCalendarIDs = required<std::set<UUID>>(o, "customBusyBlockCalendarIDs"),
-        .includePastSearchResults = required<bool>(o, "includePastSearchResults"),
-    };
-}
-
-void GoogleCalendarSyncState::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "calendarID", calendarID);
-    writeField(w, "syncToken", syncToken);
-    writeField(w, "lastSync", lastSync);
-    w.endObject();
-}
-
-GoogleCalendarSyncState GoogleCalendarSyncState::decode(const JsonValue& v) {
-    const auto o = v.object();
-    return GoogleCalendarSyncState{
-        .calendarID = required<UUID>(o, "calendarID"),
-        .syncToken = optional<QString>(o, "syncToken"),
-        .lastSync = optional<Date>(o, "lastSync"),
-    };
-}
+TAVELO_JSON_RECORD(GoogleCalendarSyncState,
+                   jsonField("calendarID", &GoogleCalendarSyncState::calendarID),
+                   jsonField("syncToken", &GoogleCalendarSyncState::syncToken),
+                   jsonField("lastSync", &GoogleCalendarSyncState::lastSync))
 
 // --- AppSnapshot --------------------------------------------------------------
 
@@ -306,25 +172,30 @@ AppSnapshot::AppSnapshot(int version, std::vector<Account> accounts, std::vector
       tags(std::move(tags)), preferences(std::move(preferences)),
       googleSyncStates(normalizedSyncStates(std::move(googleSyncStates))) {}
 
+namespace {
+
+// "googleSyncStates" is missing in files written before Google sync existed.
+constexpr auto kSnapshotFields = std::tuple{
+    jsonField("version", &AppSnapshot::version),
+    jsonField("accounts", &AppSnapshot::accounts),
+    jsonField("calendars", &AppSnapshot::calendars),
+    jsonField("events", &AppSnapshot::events),
+    jsonField("tags", &AppSnapshot::tags),
+    jsonField("preferences", &AppSnapshot::preferences),
+    jsonDefaulted("googleSyncStates", &AppSnapshot::googleSyncStates),
+};
+
+} // namespace
+
 void AppSnapshot::encode(JsonWriter& w) const {
-    w.beginObject();
-    writeField(w, "version", version);
-    writeField(w, "accounts", accounts);
-    writeField(w, "calendars", calendars);
-    writeField(w, "events", events);
-    writeField(w, "tags", tags);
-    writeField(w, "preferences", preferences);
-    writeField(w, "googleSyncStates", googleSyncStates);
-    w.endObject();
+    std::apply([&](const auto&... fields) { encodeRecord(w, *this, fields...); }, kSnapshotFields);
 }
 
 AppSnapshot AppSnapshot::decode(const JsonValue& v) {
-    const auto o = v.object();
-    auto syncStates = optional<std::vector<GoogleCalendarSyncState>>(o, "googleSyncStates");
-    return AppSnapshot(required<int>(o, "version"), required<std::vector<Account>>(o, "accounts"),
-                       required<std::vector<CalendarSource>>(o, "calendars"),
-                       required<std::vector<CalendarEvent>>(o, "events"), required<std::vector<Tag>>(o, "tags"),
-                       required<AppPreferences>(o, "preferences"), syncStates.value_or(std::vector<GoogleCalendarSyncState>{}));
+    auto snapshot = std::apply([&](const auto&... fields) { return decodeRecord<AppSnapshot>(v, fields...); },
+                               kSnapshotFields);
+    snapshot.googleSyncStates = normalizedSyncStates(std::move(snapshot.googleSyncStates));
+    return snapshot;
 }
 
 } // namespace tavelo

@@ -61,33 +61,45 @@ void combineText(std::size_t& seed, const QString& text) { combine(seed, static_
 
 } // namespace
 
+namespace {
+
+// The fields an event and a draft share, under the same names: the one list
+// both directions copy, so a field added to both cannot be forgotten in one.
+template <class From, class To>
+void copySharedFields(const From& from, To& to) {
+    to.kind = from.kind;
+    to.title = from.title;
+    to.start = from.start;
+    to.end = from.end;
+    to.isAllDay = from.isAllDay;
+    to.recurrence = from.recurrence;
+    to.tagID = from.tagID;
+    to.location = from.location;
+    to.notes = from.notes;
+    to.guests = from.guests;
+    to.notifications = from.notifications;
+    to.meetURL = from.meetURL;
+    to.availability = from.availability;
+    to.visibility = from.visibility;
+    to.isCompleted = from.isCompleted;
+    to.externalUID = from.externalUID;
+}
+
+} // namespace
+
 EventDraft EventDraft::fromEvent(const CalendarEvent& event, std::vector<UUID> calendarIDs, const DateCalendar& calendar) {
-    Date end = event.end;
+    EventDraft draft;
+    copySharedFields(event, draft);
+    draft.groupID = event.groupID;
+    draft.calendarIDs = std::move(calendarIDs);
     if (event.isAllDay && event.end > event.start) {
         const auto lastDay = calendar.adding(DateCalendar::Unit::day, -1, event.end);
-        end = lastDay ? *lastDay : event.end.addingSeconds(-1);
+        draft.end = lastDay ? *lastDay : event.end.addingSeconds(-1);
     }
-    return EventDraft{
-        .groupID = event.groupID,
-        .kind = event.kind,
-        .title = event.title,
-        .start = event.start,
-        .end = end,
-        .isAllDay = event.isAllDay,
-        .recurrence = event.recurrence,
-        .calendarIDs = std::move(calendarIDs),
-        .tagID = event.tagID,
-        .location = event.location,
-        .notes = event.notes,
-        .guests = event.guests,
-        .notifications = event.notifications,
-        .meetURL = event.meetURL,
-        .availability = event.availability,
-        .visibility = event.visibility,
-        .isCompleted = event.isCompleted,
-        .externalUID = event.externalUID,
-    };
+    return draft;
 }
+
+void EventDraft::applyTo(CalendarEvent& event) const { copySharedFields(*this, event); }
 
 EventDraft EventDraft::normalizedForMutation(const DateCalendar& calendar) const {
     if (!isAllDay) return *this;

@@ -49,6 +49,10 @@ struct EventDraft {
     // or one second earlier where the calendar cannot step back.
     static EventDraft fromEvent(const CalendarEvent& event, std::vector<UUID> calendarIDs, const DateCalendar& calendar);
 
+    // Sets on `event` every field it shares with a draft, as the draft holds
+    // them; its identity, calendar, busy-block and Google fields stay.
+    void applyTo(CalendarEvent& event) const;
+
     // The draft with stored bounds. Timed drafts come back unchanged; an
     // all-day draft starts at the start of its first day and ends at the start
     // of the day after its last day (or at the start of the last day where

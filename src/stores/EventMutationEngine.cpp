@@ -28,32 +28,13 @@ std::optional<UUID> matchRules(const QString& title, const UUID& calendarID, con
     return std::nullopt;
 }
 
-// A copy of the event on `calendarID` with every draft field set; identity,
-// tag and Google fields are left to the caller.
+// A copy of the event on `calendarID` with every draft field set; the tag
+// is left to the caller.
 CalendarEvent copyFromDraft(const EventDraft& draft, const UUID& groupID, const UUID& calendarID) {
-    return CalendarEvent{
-        .id = UUID::random(),
-        .groupID = groupID,
-        .sourceEventID = std::nullopt,
-        .kind = draft.kind,
-        .title = draft.title,
-        .start = draft.start,
-        .end = draft.end,
-        .isAllDay = draft.isAllDay,
-        .recurrence = draft.recurrence,
-        .calendarID = calendarID,
-        .tagID = std::nullopt,
-        .location = draft.location,
-        .notes = draft.notes,
-        .guests = draft.guests,
-        .notifications = draft.notifications,
-        .meetURL = draft.meetURL,
-        .availability = draft.availability,
-        .visibility = draft.visibility,
-        .isCompleted = draft.isCompleted,
-        .isGeneratedBusyBlock = false,
-        .externalUID = draft.externalUID,
-    };
+    CalendarEvent event{.id = UUID::random(), .groupID = groupID, .calendarID = calendarID};
+    draft.applyTo(event);
+    event.tagID = std::nullopt;
+    return event;
 }
 
 CalendarEvent busyBlock(const EventDraft& draft, const UUID& groupID, const UUID& sourceEventID,

@@ -2,6 +2,8 @@
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
 
+#include <QMetaEnum>
+
 #include <gtest/gtest.h>
 
 using namespace tavelo;
@@ -144,4 +146,129 @@ TEST(CalendarModelJsonTest, TagRuleConditionsUseTheSingleKeyForm) {
 TEST(CalendarModelJsonTest, TheBuiltInCalendarKeepsItsIdentity) {
     EXPECT_EQ(encodeJson(CalendarSource::tavelo()), R"({"id":"785A676B-A42A-46B9-8D45-6335F8B12837","name":"Tavelo",)"
                                                     R"("colorHex":"#6558D9","isVisible":true,"receivesBusyBlocks":false})");
+}
+
+namespace {
+
+// Decodes `json` with one top-level key left out; "" when it decodes, the
+// error's text otherwise.
+template <class T>
+std::string decodeWithout(const std::string& json, const std::string& key) {
+    const std::string needle = "\"" + key + "\":";
+    const auto at = json.find(needle);
+    if (at == std::string::npos) return "key not written";
+    // Values in these samples hold no top-level commas outside brackets.
+    std::size_t end = at + needle.size();
+    int depth = 0;
+    bool inString = false;
+    for (; end < json.size(); ++end) {
+        const char c = json[end];
+        if (inString) {
+            if (c == '\\') ++end;
+            else if (c == '"') inString = false;
+        } else if (c == '"') inString = true;
+        else if (c == '[' || c == '{') ++depth;
+        else if ((c == ']' || c == '}') && depth-- == 0) break;
+        else if (c == ',' && depth == 0) break;
+    }
+    std::string cut = json;
+    const bool trailingComma = end < json.size() && json[end] == ',';
+    cut.erase(trailingComma ? at : at - 1, end - at + 1);
+    try {
+        decodeJson<T>(cut);
+        return {};
+    } catch (const JsonDecodingError& error) {
+        return error.what();
+    }
+}
+
+// Every key written must be read back, and each is required unless it is one
+// of the record's optional keys: a field table that forgets one direction or
+// gives a field the wrong presence shows up here.
+template <class T>
+void expectPresence(const T& full, std::vector<std::string> keys, const std::set<std::string>& optionalKeys) {
+    const std::string json = encodeJson(full);
+    EXPECT_EQ(decodeJson<T>(json), full) << json;
+    for (const auto& key : keys) {
+        const std::string error = decodeWithout<T>(json, key);
+        if (optionalKeys.contains(key))
+            EXPECT_EQ(error, "") << key;
+        else
+            EXPECT_NE(error.find(key), std::string::npos) << key << ": " << error;
+    }
+}
+
+} // namespace
+
+TEST(CalendarModelJsonTest, EveryRecordReadsBackEveryKeyWithItsPresence) {
+    CalendarEvent event = sampleEvent();
+    event.sourceEventID = id("DDDDDDDD-0000-4000-8000-000000000001");
+    event.tagID = id("EEEEEEEE-0000-4000-8000-000000000001");
+    event.googleEventID = QStringLiteral("g1");
+    event.googleETag = QStringLiteral("\"etag\"");
+    event.googleUpdatedAt = *Date::fromIsoString("2026-01-04T08:00:00Z");
+    expectPresence(event,
+                   {"id", "groupID", "sourceEventID", "kind", "title", "start", "end", "isAllDay", "recurrence",
+                    "calendarID", "tagID", "location", "notes", "guests", "notifications", "meetURL", "availability",
+                    "visibility", "isCompleted", "isGeneratedBusyBlock", "externalUID", "googleEventID",
+                    "googleETag", "googleUpdatedAt"},
+                   {"sourceEventID", "recurrence", "tagID", "meetURL", "externalUID", "googleEventID", "googleETag",
+                    "googleUpdatedAt"});
+
+    expectPresence(Tag{.id = kCal2, .name = "Deep work", .colorHex = "#112233", .sortOrder = 3,
+                       .weeklyTargetMinutes = 600, .warnsWhenExceeded = true,
+                       .rules = {TagRule{kCal1, TagRuleCondition::titleContains("focus")}}},
+                   {"id", "name", "colorHex", "sortOrder", "weeklyTargetMinutes", "warnsWhenExceeded", "rules"},
+                   {"weeklyTargetMinutes"});
+
+    expectPresence(Account{.id = kCal1, .name = "Work", .email = "a@example.com", .kind = AccountKind::family,
+                           .colorHex = "#000000", .isConnected = true,
+                           .lastSync = *Date::fromIsoString("2026-01-01T00:00:00Z"), .googleSubject = "sub"},
+                   {"id", "name", "email", "kind", "colorHex", "isConnected", "lastSync", "googleSubject"},
+                   {"lastSync", "googleSubject"});
+
+    expectPresence(CalendarSource{.id = kCal2, .accountID = kCal1, .name = "Team", .colorHex = "#ABCDEF",
+                                  .isVisible = false, .receivesBusyBlocks = true, .googleCalendarID = "team@x",
+                                  .googleTimeZoneIdentifier = "Asia/Tokyo"},
+                   {"id", "accountID", "name", "colorHex", "isVisible", "receivesBusyBlocks", "googleCalendarID",
+                    "googleTimeZoneIdentifier"},
+                   {"accountID", "googleCalendarID", "googleTimeZoneIdentifier"});
+
+    expectPresence(GoogleCalendarSyncState{.calendarID = kCal1, .syncToken = "tok",
+                                           .lastSync = *Date::fromIsoString("2026-01-02T00:00:00Z")},
+                   {"calendarID", "syncToken", "lastSync"}, {"syncToken", "lastSync"});
+
+    AppPreferences preferences;
+    preferences.busyBlockScope = BusyBlockScope::custom;
+    preferences.customBusyBlockCalendarIDs = {kCal1, kCal2};
+    expectPresence(preferences,
+                   {"mergeDuplicates", "crossAccountAvailability", "automaticBusyBlocks", "busyBlockScope",
+                    "customBusyBlockCalendarIDs", "includePastSearchResults"},
+                   {});
+}
+
+namespace {
+
+// The names QML sees are the names the files hold, case for case.
+template <class E, std::size_t N>
+void expectMetaNamesMatch(const std::array<std::string_view, N>& names) {
+    const QMetaEnum meta = QMetaEnum::fromType<E>();
+    ASSERT_TRUE(meta.isValid());
+    ASSERT_EQ(static_cast<std::size_t>(meta.keyCount()), N) << meta.name();
+    for (std::size_t i = 0; i < N; ++i) {
+        EXPECT_EQ(std::string_view(meta.key(static_cast<int>(i))), names[i]) << meta.name();
+        EXPECT_EQ(meta.value(static_cast<int>(i)), static_cast<int>(i)) << meta.name();
+    }
+}
+
+} // namespace
+
+TEST(CalendarModelJsonTest, EnumerationsShowTheirStoredNames) {
+    expectMetaNamesMatch<EventKind>(kEventKindNames);
+    expectMetaNamesMatch<EventRecurrence>(kEventRecurrenceNames);
+    expectMetaNamesMatch<Availability>(kAvailabilityNames);
+    expectMetaNamesMatch<EventVisibility>(kEventVisibilityNames);
+    expectMetaNamesMatch<GuestStatus>(kGuestStatusNames);
+    expectMetaNamesMatch<AccountKind>(kAccountKindNames);
+    expectMetaNamesMatch<BusyBlockScope>(kBusyBlockScopeNames);
 }

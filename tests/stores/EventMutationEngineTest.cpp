@@ -75,6 +75,31 @@ TEST(EventDraftBoundsTest, AllDayDraftsStoreAnExclusiveEndThatEditingTakesBack) 
     EXPECT_EQ(EventDraft::fromEvent(empty, {}, tokyo()).end, monday(9));
 }
 
+// Editing an event and saving the draft back changes nothing the editor does
+// not show: every field the two records share survives the trip.
+TEST(EventDraftBoundsTest, AnEventThroughTheEditorComesBackUnchanged) {
+    const CalendarEvent original{
+        .id = UUID::random(), .groupID = UUID::random(), .sourceEventID = UUID::random(), .kind = EventKind::task,
+        .title = "Review", .start = monday(9), .end = monday(11), .isAllDay = false,
+        .recurrence = EventRecurrence::monthly, .calendarID = UUID::random(), .tagID = UUID::random(),
+        .location = "Room 4", .notes = "bring notes",
+        .guests = {Guest{UUID::random(), "Bo", "bo@example.com", GuestStatus::tentative}}, .notifications = {5, 30},
+        .meetURL = QUrl("https://meet.example.com/abc"), .availability = Availability::free,
+        .visibility = EventVisibility::privateDetails, .isCompleted = true, .isGeneratedBusyBlock = false,
+        .externalUID = "ext@example.com", .googleEventID = "g", .googleETag = "e", .googleUpdatedAt = monday(8)};
+    const EventDraft draft = EventDraft::fromEvent(original, {original.calendarID}, tokyo());
+    EXPECT_EQ(draft.groupID, original.groupID);
+    EXPECT_EQ(draft.calendarIDs, std::vector<UUID>{original.calendarID});
+
+    // Only the fields the draft does not hold are carried over by hand.
+    CalendarEvent saved{.id = original.id, .groupID = original.groupID, .sourceEventID = original.sourceEventID,
+                        .calendarID = original.calendarID, .isGeneratedBusyBlock = original.isGeneratedBusyBlock,
+                        .googleEventID = original.googleEventID, .googleETag = original.googleETag,
+                        .googleUpdatedAt = original.googleUpdatedAt};
+    draft.applyTo(saved);
+    EXPECT_EQ(saved, original);
+}
+
 // The engine and the editor check the same things in the same order.
 TEST_F(EventMutationEngineTest, ValidationChecksTitleThenRangeThenCalendars) {
     const UUID stale = UUID::random();
