@@ -330,9 +330,9 @@ void AppStore::restoreAuthenticationStatuses(const std::map<UUID, GoogleSyncStat
 
 void AppStore::startBackgroundGoogleSync(UUID accountID) {
     QPointer<AppStore> self(this);
-    googleBackgroundSync_ = BackgroundTask<bool>::start([self, accountID](std::stop_token) -> QCoro::Task<bool> {
+    googleBackgroundSync_ = BackgroundTask<bool>::start([self, accountID](std::stop_token token) -> QCoro::Task<bool> {
         if (!self) return [](std::stop_token) -> QCoro::Task<bool> { co_return false; }({});
-        return self->syncGoogleAccount(accountID);
+        return self->syncGoogleAccount(accountID, std::move(token));
     });
 }
 
