@@ -2,7 +2,7 @@
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
 
-#include <QMetaEnum>
+#include "support/MetaEnumCheck.h"
 
 #include <gtest/gtest.h>
 
@@ -247,23 +247,8 @@ TEST(CalendarModelJsonTest, EveryRecordReadsBackEveryKeyWithItsPresence) {
                    {});
 }
 
-namespace {
-
-// The names QML sees are the names the files hold, case for case.
-template <class E, std::size_t N>
-void expectMetaNamesMatch(const std::array<std::string_view, N>& names) {
-    const QMetaEnum meta = QMetaEnum::fromType<E>();
-    ASSERT_TRUE(meta.isValid());
-    ASSERT_EQ(static_cast<std::size_t>(meta.keyCount()), N) << meta.name();
-    for (std::size_t i = 0; i < N; ++i) {
-        EXPECT_EQ(std::string_view(meta.key(static_cast<int>(i))), names[i]) << meta.name();
-        EXPECT_EQ(meta.value(static_cast<int>(i)), static_cast<int>(i)) << meta.name();
-    }
-}
-
-} // namespace
-
 TEST(CalendarModelJsonTest, EnumerationsShowTheirStoredNames) {
+    using tavelo::testing::expectMetaNamesMatch;
     expectMetaNamesMatch<EventKind>(kEventKindNames);
     expectMetaNamesMatch<EventRecurrence>(kEventRecurrenceNames);
     expectMetaNamesMatch<Availability>(kAvailabilityNames);
