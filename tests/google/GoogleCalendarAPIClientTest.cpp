@@ -1,6 +1,7 @@
 #include "google/GoogleCalendarAPIClient.h"
 #include "google/GoogleCalendarStandIn.h"
 #include "google/GoogleTestSupport.h"
+#include "support/FailureOf.h"
 
 #include "google/GoogleAccessTokenProvider.h"
 #include "support/HTTPTransport.h"
@@ -78,19 +79,9 @@ protected:
         return c;
     }
 
-    // Runs `body` and returns the API error it ended in.
     template <class Body>
     std::optional<GoogleCalendarAPIError> failureOf(Body body) {
-        try {
-            body();
-        } catch (const GoogleCalendarAPIError& error) {
-            return error;
-        } catch (const std::exception& other) {
-            ADD_FAILURE() << "unexpected error: " << localizedDescription(other).toStdString();
-            return std::nullopt;
-        }
-        ADD_FAILURE() << "no error thrown";
-        return std::nullopt;
+        return tavelo::testing::failureOf<GoogleCalendarAPIError>(body);
     }
 
     std::vector<RecordedRequest> requestsTo(const QByteArray& method) const {

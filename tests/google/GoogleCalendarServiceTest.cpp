@@ -4,6 +4,7 @@
 #include "google/GoogleCalendarAPIClient.h"
 #include "google/GoogleCalendarStandIn.h"
 #include "google/GoogleTestSupport.h"
+#include "support/FailureOf.h"
 #include "services/LocalCalendarService.h"
 #include "support/HTTPTransport.h"
 
@@ -121,16 +122,7 @@ protected:
 
     template <class Body>
     std::optional<GoogleCalendarServiceError> failureOf(Body body) {
-        try {
-            body();
-        } catch (const GoogleCalendarServiceError& error) {
-            return error;
-        } catch (const std::exception& other) {
-            ADD_FAILURE() << "unexpected error: " << localizedDescription(other).toStdString();
-            return std::nullopt;
-        }
-        ADD_FAILURE() << "no error thrown";
-        return std::nullopt;
+        return tavelo::testing::failureOf<GoogleCalendarServiceError>(body);
     }
 
     QTemporaryDir dir;
