@@ -510,15 +510,8 @@ TEST_F(AppStoreTest, StandaloneMeetingsLiveOnTheLocalCalendarAddedOnce) {
 
 TEST_F(AppStoreTest, TheFirstEventOnTheLocalCalendarAddsTheCalendarOnce) {
     auto& store = loaded();
-    EventDraft draft;
-    draft.title = "Focus";
-    draft.start = at(13);
-    draft.end = at(14);
-    draft.calendarIDs = {local};
-    ASSERT_TRUE(syncWait(store.saveEvent(draft, std::nullopt)));
-    draft.start = at(15);
-    draft.end = at(16);
-    ASSERT_TRUE(syncWait(store.saveEvent(draft, std::nullopt)));
+    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(13), at(14)), std::nullopt)));
+    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(15), at(16)), std::nullopt)));
     EXPECT_EQ(std::count_if(store.calendars().begin(), store.calendars().end(),
                             [&](const CalendarSource& c) { return c.id == local; }), 1);
     EXPECT_EQ(store.events().size(), initial.events.size() + 2);
