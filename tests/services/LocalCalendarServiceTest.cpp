@@ -274,21 +274,6 @@ TEST_F(LocalCalendarServiceTest, FileSystemFailuresLeaveTheFileAndTheCache) {
 
 // --- event operations ---------------------------------------------------------------
 
-TEST_F(LocalCalendarServiceTest, UpdateEventsReplacesAGroupInPlace) {
-    const UUID g1 = UUID::random(), g2 = UUID::random();
-    const auto a1 = event("a1", 1, 2, kCalA, g1), b = event("b", 2, 3, kCalA, g2), a2 = event("a2", 3, 4, kCalB, g1);
-    const auto x = event("x", 5, 6, kCalA, g1), y = event("y", 5, 6, kCalB, g1);
-    struct Case { UUID group; std::vector<CalendarEvent> with, expected; };
-    for (const auto& c : {Case{g1, {x, y}, {x, y, b}}, Case{g2, {x}, {a1, x, a2}}, Case{UUID::random(), {x}, {a1, b, a2, x}},
-                          Case{g1, {}, {b}}}) {
-        auto snapshot = seed;
-        snapshot.events = {a1, b, a2};
-        save(snapshot);
-        EXPECT_EQ(syncWait(service->updateEvents(c.group, c.with)), c.expected);
-        EXPECT_EQ(reload().events, c.expected);
-    }
-}
-
 // The operations edit the cached list in place and write only the rows of the
 // events they touched; a full save of the same result must leave the same
 // file, and a failed operation must leave the file and the cache as they were.
@@ -325,6 +310,7 @@ TEST_F(LocalCalendarServiceTest, EventOperationsWriteWhatAFullSaveWritesAndUndoF
         {"update: kept, changed, new, gone", [&](auto& s) { return s.updateEvents(g, {a2, y, a1Moved}); }, replace({a2, y, a1Moved})},
         {"update: unchanged", [&](auto& s) { return s.updateEvents(h, {b}); }, [](auto&) {}},
         {"update: unknown group", [&](auto& s) { return s.updateEvents(UUID::random(), {x}); }, [&](auto& events) { events.push_back(x); }},
+        {"update: emptied", [&](auto& s) { return s.updateEvents(g, {}); }, replace({})},
         {"delete", [&](auto& s) { return s.deleteEvents(g); }, replace({})},
         {"delete: unknown group", [&](auto& s) { return s.deleteEvents(UUID::random()); }, [](auto&) {}},
         {"create: id in use", [&](auto& s) { return s.createEvents({x, taken}); },
