@@ -70,10 +70,6 @@ void writeBytes(const QString& path, const QByteArray& bytes) {
     ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size());
 }
 
-std::string payloadOf(const QString& path, const CalendarEvent& e) {
-    return SqliteFile(path).value("SELECT payload FROM events WHERE id = '" + e.id.toStdString() + "'");
-}
-
 class LocalCalendarServiceTest : public ::testing::Test {
 protected:
     QTemporaryDir dir;
@@ -115,25 +111,6 @@ TEST_F(LocalCalendarServiceTest, MissingFileGivesTheSeedAndTheFirstSaveADatabase
         EXPECT_EQ(service->cachedSnapshot(), snapshot);
         EXPECT_EQ(reload(), snapshot);
     }
-}
-
-TEST_F(LocalCalendarServiceTest, SaveRewritesOnlyChangedRowsAndDeletesVanishedOnes) {
-    auto snapshot = sample();
-    save(snapshot);
-    // Mark an unchanged row: a rewrite of it would remove the leading space.
-    SqliteFile(path).exec("UPDATE events SET payload = ' ' || payload WHERE id = '" + snapshot.events[2].id.toStdString() + "'");
-    snapshot.events[0].title = "Zulu (moved)";
-    save(snapshot);
-    const auto& stats = service->lastWriteStats();
-    EXPECT_EQ(std::tuple(stats.eventRowsWritten, stats.eventRowsDeleted, stats.metadataRowsWritten), std::tuple(1, 0, 1));
-    EXPECT_EQ(payloadOf(path, snapshot.events[2])[0], ' ');
-    EXPECT_NE(payloadOf(path, snapshot.events[0]).find("(moved)"), std::string::npos);
-
-    const auto remaining = syncWait(service->deleteEvents(snapshot.events[1].groupID));
-    EXPECT_EQ(std::tuple(stats.eventRowsWritten, stats.eventRowsDeleted), std::tuple(0, 1));
-    snapshot.events.erase(snapshot.events.begin() + 1);
-    EXPECT_EQ(remaining, snapshot.events);
-    EXPECT_EQ(reload(), snapshot);
 }
 
 TEST_F(LocalCalendarServiceTest, LegacyJsonBecomesADatabaseAndKeepsALegacyBackup) {
