@@ -125,7 +125,7 @@ TEST_F(GoogleCalendarAPIClientTest, RequestsCarryTheirPathQueryAndHeadersInOrder
     EXPECT_EQ(google.server().requests().size(), sent);
 }
 
-TEST_F(GoogleCalendarAPIClientTest, FullListingPagesThenIncrementalChangesThenExpiredToken) {
+TEST_F(GoogleCalendarAPIClientTest, FullListingPagesThenExpiredToken) {
     for (int i = 0; i < 600; ++i)
         google.putEvent(kPrimary, timedEvent(QStringLiteral("ev%1").arg(i, 4, 10, QChar('0')), QStringLiteral("Event %1").arg(i),
                                              "2026-12-01T10:00:00+09:00", "2026-12-01T11:00:00+09:00"));
@@ -151,28 +151,10 @@ TEST_F(GoogleCalendarAPIClientTest, FullListingPagesThenIncrementalChangesThenEx
     EXPECT_EQ(deleted, std::vector<QString>{QStringLiteral("ev0003")});
     ASSERT_TRUE(syncToken);
 
-    // Changes made elsewhere come back alone, deletions as ids.
-    auto edited = timedEvent(QStringLiteral("ev0010"), QStringLiteral("Moved"), "2026-12-02T10:00:00+09:00",
-                             "2026-12-02T11:00:00+09:00");
-    google.putEvent(kPrimary, edited);
-    google.cancelEvent(kPrimary, QStringLiteral("ev0020"));
-    google.putEvent(kPrimary, timedEvent(QStringLiteral("new1"), QStringLiteral("New"), "2026-12-03T10:00:00+09:00",
-                                         "2026-12-03T11:00:00+09:00"));
-    GoogleEventPage changes = syncWait(api.listEvents(kPrimary, syncToken, std::nullopt));
-    ASSERT_EQ(changes.events.size(), 2u);
-    EXPECT_EQ(changes.events[0].summary, QStringLiteral("Moved"));
-    EXPECT_EQ(changes.events[1].id, QStringLiteral("new1"));
-    EXPECT_EQ(changes.deletedEventIDs, std::vector<QString>{QStringLiteral("ev0020")});
-    ASSERT_TRUE(changes.nextSyncToken);
-
-    // Nothing changed: an empty page with a new token.
-    GoogleEventPage quiet = syncWait(api.listEvents(kPrimary, changes.nextSyncToken, std::nullopt));
-    EXPECT_TRUE(quiet.events.empty());
-    EXPECT_TRUE(quiet.deletedEventIDs.empty());
-
-    // An expired token means restart; a 410 on a full listing is only a failed request.
+    // An expired token means restart; a 410 on a full listing is only a failed
+    // request. (What an incremental listing holds is the calendar service's test.)
     google.expireSyncTokens();
-    auto expired = failureOf([&] { syncWait(api.listEvents(kPrimary, quiet.nextSyncToken, std::nullopt)); });
+    auto expired = failureOf([&] { syncWait(api.listEvents(kPrimary, syncToken, std::nullopt)); });
     EXPECT_EQ(expired, GoogleCalendarAPIError(APIKind::syncTokenExpired));
     google.failNext("GET", GoogleCalendarStandIn::googleError(410, "fullSyncRequired", "Gone"));
     auto gone = failureOf([&] { syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt)); });
