@@ -322,17 +322,12 @@ TEST_F(GoogleCalendarAPIClientTest, PatchAndDeleteAreGuardedByTheEtag) {
     GoogleEventPatchDTO quiet;
     quiet.etag = QStringLiteral("  ") + *created.etag + QStringLiteral(" ");
     quiet.transparency = GooglePatchValue<QString>::value(QStringLiteral("transparent"));
-    quiet.extendedProperties = GooglePatchValue<GoogleExtendedPropertiesPatchDTO>::value(
-        GoogleExtendedPropertiesPatchDTO{{{QStringLiteral("tavelo"), std::nullopt}, {QStringLiteral("note"), QStringLiteral("n")}}});
     GoogleEventDTO patched = syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), quiet));
     auto patchRequest = requestsTo("PATCH").back();
     EXPECT_EQ(patchRequest.query, "");
     EXPECT_EQ(patchRequest.header("if-match"), created.etag->toUtf8());
     EXPECT_FALSE(patchRequest.body.contains("etag"));
     EXPECT_EQ(patched.transparency, QStringLiteral("transparent"));
-    ASSERT_TRUE(patched.extendedProperties && patched.extendedProperties->privateProperties);
-    EXPECT_EQ(*patched.extendedProperties->privateProperties,
-              (std::map<QString, QString>{{QStringLiteral("note"), QStringLiteral("n")}}));
 
     // The old etag is stale now.
     GoogleEventPatchDTO stale;
