@@ -20,11 +20,20 @@
 
 namespace tavelo {
 
+// The screens QML switches between; their meta-object names are the names
+// the scene's properties carry.
+inline namespace scene {
+Q_NAMESPACE
+
 enum class NavigationItem { week, month, search, report, meetings, settings };
+Q_ENUM_NS(NavigationItem)
 TAVELO_STRING_ENUM(NavigationItem, "week", "month", "search", "report", "meetings", "settings")
 
 enum class SettingsSection { accounts, tags, meetings, meetingGuides, aiCloud };
+Q_ENUM_NS(SettingsSection)
 TAVELO_STRING_ENUM(SettingsSection, "accounts", "tags", "meetings", "meetingGuides", "aiCloud")
+
+} // namespace scene
 
 // The editor being shown: a new event, or an existing one. Two edits of one
 // event are the same presentation.

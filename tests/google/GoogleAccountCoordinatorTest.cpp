@@ -78,9 +78,7 @@ TEST_F(AccountCoordinatorTest, ConnectStoresTheCredentialOfWhoeverSignedIn) {
     EXPECT_EQ(identity, (GoogleIdentity{hanako.subject, hanako.email, hanako.name}));
 
     const auto consent = google.lastAuthorizationQuery();
-    EXPECT_EQ(consent.at("code_challenge"), pkce.challenge);
-    EXPECT_EQ(consent.at("prompt"), QStringLiteral("consent"));
-    EXPECT_EQ(consent.at("access_type"), QStringLiteral("offline"));
+    EXPECT_EQ(consent.at("code_challenge"), pkce.challenge); // the URL's other items: AuthorizationURLTest
     EXPECT_EQ(consent.at("redirect_uri"), QStringLiteral("http://127.0.0.1:%1/oauth/callback").arg(opener->redirectPort()));
     EXPECT_EQ(opener->finalPage(), loopbackResponse(true).mid(loopbackResponse(true).indexOf("\r\n\r\n") + 4));
     EXPECT_TRUE(portIsClosed(opener->redirectPort()));
@@ -140,9 +138,6 @@ TEST_F(AccountCoordinatorTest, FailedSignInsStoreNothingAndCloseTheListener) {
                     CannedResponse::json(401, R"({"error":"invalid_client","error_description":"Unauthorized"})"));
     expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::httpFailure);
     EXPECT_TRUE(portIsClosed(opener->redirectPort()));
-    google.failNext(GoogleOAuthStandIn::kTokenPath, CannedResponse{200, {{"Content-Type", "text/plain"}}, "ok"});
-    expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::invalidResponse);
-    EXPECT_TRUE(portIsClosed(opener->redirectPort()));
     google.failNext(GoogleOAuthStandIn::kUserInfoPath, CannedResponse{502, {}, ""});
     expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::httpFailure);
     store->failSave = true;
@@ -153,7 +148,7 @@ TEST_F(AccountCoordinatorTest, FailedSignInsStoreNothingAndCloseTheListener) {
     opener->mode = TestOpener::Mode::ignore;
     std::stop_source stop;
     auto waiting = coordinator.connect(stop.get_token());
-    ASSERT_TRUE(LocalHttpServer::waitUntil([&] { return opener->opened.size() == 7; }));
+    ASSERT_TRUE(LocalHttpServer::waitUntil([&] { return opener->opened.size() == 6; }));
     const quint16 port = opener->redirectPort();
     stop.request_stop();
     EXPECT_THROW(syncWait(waiting), CancellationError);

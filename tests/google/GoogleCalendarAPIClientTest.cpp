@@ -1,6 +1,7 @@
 #include "google/GoogleCalendarAPIClient.h"
 #include "google/GoogleCalendarStandIn.h"
 #include "google/GoogleTestSupport.h"
+#include "support/FailureOf.h"
 
 #include "google/GoogleAccessTokenProvider.h"
 #include "support/HTTPTransport.h"
@@ -78,19 +79,9 @@ protected:
         return c;
     }
 
-    // Runs `body` and returns the API error it ended in.
     template <class Body>
     std::optional<GoogleCalendarAPIError> failureOf(Body body) {
-        try {
-            body();
-        } catch (const GoogleCalendarAPIError& error) {
-            return error;
-        } catch (const std::exception& other) {
-            ADD_FAILURE() << "unexpected error: " << localizedDescription(other).toStdString();
-            return std::nullopt;
-        }
-        ADD_FAILURE() << "no error thrown";
-        return std::nullopt;
+        return tavelo::testing::failureOf<GoogleCalendarAPIError>(body);
     }
 
     std::vector<RecordedRequest> requestsTo(const QByteArray& method) const {
@@ -134,7 +125,7 @@ TEST_F(GoogleCalendarAPIClientTest, RequestsCarryTheirPathQueryAndHeadersInOrder
     EXPECT_EQ(google.server().requests().size(), sent);
 }
 
-TEST_F(GoogleCalendarAPIClientTest, FullListingPagesThenIncrementalChangesThenExpiredToken) {
+TEST_F(GoogleCalendarAPIClientTest, FullListingPagesThenExpiredToken) {
     for (int i = 0; i < 600; ++i)
         google.putEvent(kPrimary, timedEvent(QStringLiteral("ev%1").arg(i, 4, 10, QChar('0')), QStringLiteral("Event %1").arg(i),
                                              "2026-12-01T10:00:00+09:00", "2026-12-01T11:00:00+09:00"));
@@ -160,28 +151,10 @@ TEST_F(GoogleCalendarAPIClientTest, FullListingPagesThenIncrementalChangesThenEx
     EXPECT_EQ(deleted, std::vector<QString>{QStringLiteral("ev0003")});
     ASSERT_TRUE(syncToken);
 
-    // Changes made elsewhere come back alone, deletions as ids.
-    auto edited = timedEvent(QStringLiteral("ev0010"), QStringLiteral("Moved"), "2026-12-02T10:00:00+09:00",
-                             "2026-12-02T11:00:00+09:00");
-    google.putEvent(kPrimary, edited);
-    google.cancelEvent(kPrimary, QStringLiteral("ev0020"));
-    google.putEvent(kPrimary, timedEvent(QStringLiteral("new1"), QStringLiteral("New"), "2026-12-03T10:00:00+09:00",
-                                         "2026-12-03T11:00:00+09:00"));
-    GoogleEventPage changes = syncWait(api.listEvents(kPrimary, syncToken, std::nullopt));
-    ASSERT_EQ(changes.events.size(), 2u);
-    EXPECT_EQ(changes.events[0].summary, QStringLiteral("Moved"));
-    EXPECT_EQ(changes.events[1].id, QStringLiteral("new1"));
-    EXPECT_EQ(changes.deletedEventIDs, std::vector<QString>{QStringLiteral("ev0020")});
-    ASSERT_TRUE(changes.nextSyncToken);
-
-    // Nothing changed: an empty page with a new token.
-    GoogleEventPage quiet = syncWait(api.listEvents(kPrimary, changes.nextSyncToken, std::nullopt));
-    EXPECT_TRUE(quiet.events.empty());
-    EXPECT_TRUE(quiet.deletedEventIDs.empty());
-
-    // An expired token means restart; a 410 on a full listing is only a failed request.
+    // An expired token means restart; a 410 on a full listing is only a failed
+    // request. (What an incremental listing holds is the calendar service's test.)
     google.expireSyncTokens();
-    auto expired = failureOf([&] { syncWait(api.listEvents(kPrimary, quiet.nextSyncToken, std::nullopt)); });
+    auto expired = failureOf([&] { syncWait(api.listEvents(kPrimary, syncToken, std::nullopt)); });
     EXPECT_EQ(expired, GoogleCalendarAPIError(APIKind::syncTokenExpired));
     google.failNext("GET", GoogleCalendarStandIn::googleError(410, "fullSyncRequired", "Gone"));
     auto gone = failureOf([&] { syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt)); });
@@ -349,17 +322,12 @@ TEST_F(GoogleCalendarAPIClientTest, PatchAndDeleteAreGuardedByTheEtag) {
     GoogleEventPatchDTO quiet;
     quiet.etag = QStringLiteral("  ") + *created.etag + QStringLiteral(" ");
     quiet.transparency = GooglePatchValue<QString>::value(QStringLiteral("transparent"));
-    quiet.extendedProperties = GooglePatchValue<GoogleExtendedPropertiesPatchDTO>::value(
-        GoogleExtendedPropertiesPatchDTO{{{QStringLiteral("tavelo"), std::nullopt}, {QStringLiteral("note"), QStringLiteral("n")}}});
     GoogleEventDTO patched = syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), quiet));
     auto patchRequest = requestsTo("PATCH").back();
     EXPECT_EQ(patchRequest.query, "");
     EXPECT_EQ(patchRequest.header("if-match"), created.etag->toUtf8());
     EXPECT_FALSE(patchRequest.body.contains("etag"));
     EXPECT_EQ(patched.transparency, QStringLiteral("transparent"));
-    ASSERT_TRUE(patched.extendedProperties && patched.extendedProperties->privateProperties);
-    EXPECT_EQ(*patched.extendedProperties->privateProperties,
-              (std::map<QString, QString>{{QStringLiteral("note"), QStringLiteral("n")}}));
 
     // The old etag is stale now.
     GoogleEventPatchDTO stale;
@@ -387,21 +355,15 @@ TEST_F(GoogleCalendarAPIClientTest, PatchAndDeleteAreGuardedByTheEtag) {
     EXPECT_EQ(google.countOf("DELETE"), 4);
 }
 
-TEST_F(GoogleCalendarAPIClientTest, MeetConferenceIsRequestedAndCompletesLater) {
+// A requested conference asks for the data version; when the link arrives is
+// followed through the calendar service.
+TEST_F(GoogleCalendarAPIClientTest, MeetConferenceIsRequestedWithTheDataVersion) {
     auto api = client();
     auto event = insertion(QStringLiteral("meet01"), QStringLiteral("Sync"));
     event.conferenceData = GoogleConferenceDataRequestDTO{
         GoogleConferenceCreateRequestDTO{QStringLiteral("req-1"), GoogleConferenceSolutionKeyDTO{QStringLiteral("hangoutsMeet")}}};
-    GoogleEventDTO created = syncWait(api.insertEvent(kPrimary, event));
+    syncWait(api.insertEvent(kPrimary, event));
     EXPECT_EQ(requestsTo("POST").back().query, "sendUpdates=all&conferenceDataVersion=1");
-    EXPECT_FALSE(created.hangoutLink);
-    ASSERT_TRUE(created.conferenceData);
-    EXPECT_FALSE(created.conferenceData->entryPoints);
-
-    GoogleEventDTO later = syncWait(api.getEvent(kPrimary, QStringLiteral("meet01")));
-    ASSERT_TRUE(later.hangoutLink);
-    ASSERT_TRUE(later.conferenceData && later.conferenceData->entryPoints);
-    EXPECT_EQ(later.conferenceData->entryPoints->front().uri, later.hangoutLink);
 
     // Adding a conference to an existing event patches with the version flag.
     GoogleEventPatchDTO patch;
@@ -411,29 +373,10 @@ TEST_F(GoogleCalendarAPIClientTest, MeetConferenceIsRequestedAndCompletesLater) 
     EXPECT_EQ(requestsTo("PATCH").back().query, "sendUpdates=all&conferenceDataVersion=1");
 }
 
-TEST_F(GoogleCalendarAPIClientTest, HostileListingsKeepWhatCanBeRead) {
+// Which items of a listing are kept is the wire records' rule; here a reply
+// that is not a listing at all, or too big, fails the request.
+TEST_F(GoogleCalendarAPIClientTest, HostileListingsAreInvalidResponses) {
     auto api = client();
-    google.failNext("GET", CannedResponse::json(200, R"({"items": [
-        {"id": "good1", "summary": "Fine", "start": {"dateTime": "2026-12-01T10:00:00Z"}},
-        {"id": "bad1", "start": 7},
-        {"status": "cancelled"},
-        {"status": "cancelled", "id": "  gone1 "},
-        "not an object",
-        {"id": "   "}
-    ], "nextSyncToken": 5, "timeZone": "  "})"));
-    GoogleEventPage page = syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt));
-    ASSERT_EQ(page.events.size(), 1u);
-    EXPECT_EQ(page.events[0].id, QStringLiteral("good1"));
-    EXPECT_EQ(page.deletedEventIDs, std::vector<QString>{QStringLiteral("gone1")});
-    EXPECT_EQ(page.skippedItemCount, 4);
-    EXPECT_FALSE(page.nextSyncToken);
-    EXPECT_FALSE(page.timeZone);
-
-    google.failNext("GET", CannedResponse::json(200, R"({"kind": "calendar#events"})"));
-    GoogleEventPage empty = syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt));
-    EXPECT_TRUE(empty.events.empty());
-    EXPECT_EQ(empty.skippedItemCount, 0);
-
     for (QByteArray body : {QByteArray(R"({"items": {"id": "x"}})"), QByteArray(R"({"items": [{"id": "a"}, )"),
                             QByteArray("[]"), QByteArray("<html>502</html>")}) {
         google.failNext("GET", CannedResponse::json(200, body));

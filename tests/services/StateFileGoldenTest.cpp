@@ -6,12 +6,12 @@
 #include "support/Async.h"
 #include "support/Golden.h"
 #include "support/JsonWriter.h"
+#include "support/SqliteFile.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 using namespace tavelo;
 
@@ -78,27 +78,9 @@ AppSnapshot fixedSnapshot() {
 }
 
 QByteArray rows(const QString& path) {
-    sqlite3* db = nullptr;
-    sqlite3_open_v2(QFile::encodeName(path), &db, SQLITE_OPEN_READONLY, nullptr);
-    QByteArray out;
-    const auto collect = [&](const char* sql) {
-        sqlite3_stmt* stmt = nullptr;
-        sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
-        while (sqlite3_step(stmt) == SQLITE_ROW) {
-            for (int column = 0; column < sqlite3_column_count(stmt); ++column) {
-                if (column > 0) out += ' ';
-                out += QByteArray(static_cast<const char*>(sqlite3_column_blob(stmt, column)),
-                                  sqlite3_column_bytes(stmt, column));
-            }
-            out += '\n';
-        }
-        sqlite3_finalize(stmt);
-    };
-    collect("SELECT sql FROM sqlite_master ORDER BY name");
-    collect("SELECT id, payload FROM metadata");
-    collect("SELECT id, payload FROM events ORDER BY id");
-    sqlite3_close_v2(db);
-    return out;
+    tavelo::testing::SqliteFile db(path);
+    return db.rows("SELECT sql FROM sqlite_master ORDER BY name") + db.rows("SELECT id, payload FROM metadata") +
+           db.rows("SELECT id, payload FROM events ORDER BY id");
 }
 
 TEST(StateFileGoldenTest, TheDatabaseAndTheOldJsonFormatKeepTheirBytes) {

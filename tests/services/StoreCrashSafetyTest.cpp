@@ -5,6 +5,7 @@
 
 #include "services/LocalCalendarService.h"
 #include "support/Async.h"
+#include "support/SqliteFile.h"
 
 #include <QDir>
 #include <QFile>
@@ -16,6 +17,8 @@
 #include <fstream>
 
 using namespace tavelo;
+using tavelo::testing::quickCheck;
+using tavelo::testing::SqliteFile;
 
 namespace {
 
@@ -35,23 +38,6 @@ AppSnapshot snapshotWith(int count, const char* title) {
         s.events.push_back(e);
     }
     return s;
-}
-
-int exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
-
-std::string quickCheck(const QString& path) {
-    sqlite3* db = nullptr;
-    sqlite3_open_v2(QFile::encodeName(path), &db, SQLITE_OPEN_READONLY, nullptr);
-    std::string out;
-    sqlite3_exec(
-        db, "PRAGMA quick_check",
-        [](void* into, int, char** values, char**) {
-            *static_cast<std::string*>(into) += values[0] ? values[0] : "";
-            return 0;
-        },
-        &out, nullptr);
-    sqlite3_close_v2(db);
-    return out;
 }
 
 class StoreCrashSafetyTest : public ::testing::Test {
@@ -77,17 +63,14 @@ TEST_F(StoreCrashSafetyTest, AKillInsideAWriteLoadsTheStateBeforeIt) {
     QTemporaryDir crashed;
     const QString crashedPath = crashed.filePath("state.json");
     {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open_v2(QFile::encodeName(path), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
-        ASSERT_EQ(exec(db, "PRAGMA cache_size = 2"), SQLITE_OK); // spill changed pages into the file
-        ASSERT_EQ(exec(db, "BEGIN IMMEDIATE"), SQLITE_OK);
-        ASSERT_EQ(exec(db, "UPDATE events SET payload = replace(payload, 'before', 'AFTER!')"), SQLITE_OK);
+        SqliteFile writer(path);
+        ASSERT_EQ(writer.exec("PRAGMA cache_size = 2"), SQLITE_OK); // spill changed pages into the file
+        ASSERT_EQ(writer.exec("BEGIN IMMEDIATE"), SQLITE_OK);
+        ASSERT_EQ(writer.exec("UPDATE events SET payload = replace(payload, 'before', 'AFTER!')"), SQLITE_OK);
         ASSERT_TRUE(QFile::exists(path + "-journal"));
         ASSERT_NE(quickCheck(path), "ok") << "the half-written file alone is not a database one can trust";
         ASSERT_TRUE(QFile::copy(path, crashedPath));
         ASSERT_TRUE(QFile::copy(path + "-journal", crashedPath + "-journal"));
-        exec(db, "ROLLBACK");
-        sqlite3_close_v2(db);
     }
 
     const auto result = loadFresh(crashedPath);
@@ -109,11 +92,10 @@ TEST_F(StoreCrashSafetyTest, AKillInsideAWriteLoadsTheStateBeforeIt) {
 // while a hot journal waits to be rolled back.
 TEST_F(StoreCrashSafetyTest, ALockedFileWithAHotJournalFailsTheLoadAndStaysInPlace) {
     syncWait(LocalCalendarService(path).save(snapshotWith(50, "kept")));
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open_v2(QFile::encodeName(path), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
-    ASSERT_EQ(exec(db, "PRAGMA cache_size = 2"), SQLITE_OK);
-    ASSERT_EQ(exec(db, "BEGIN EXCLUSIVE"), SQLITE_OK);
-    ASSERT_EQ(exec(db, "UPDATE events SET payload = payload || ' '"), SQLITE_OK);
+    SqliteFile holder(path);
+    ASSERT_EQ(holder.exec("PRAGMA cache_size = 2"), SQLITE_OK);
+    ASSERT_EQ(holder.exec("BEGIN EXCLUSIVE"), SQLITE_OK);
+    ASSERT_EQ(holder.exec("UPDATE events SET payload = payload || ' '"), SQLITE_OK);
 
     LocalCalendarService service(path);
     try {
@@ -123,8 +105,6 @@ TEST_F(StoreCrashSafetyTest, ALockedFileWithAHotJournalFailsTheLoadAndStaysInPla
         EXPECT_EQ(error.kind(), SQLitePersistenceError::Kind::operation) << error.detail();
     }
     EXPECT_EQ(files(dir.path()), (QStringList{"state.json", "state.json-journal"}));
-    exec(db, "ROLLBACK");
-    sqlite3_close_v2(db);
 }
 
 // Damage that only SQLite's own check sees: the reader never walks the
@@ -133,22 +113,8 @@ TEST_F(StoreCrashSafetyTest, ALockedFileWithAHotJournalFailsTheLoadAndStaysInPla
 TEST_F(StoreCrashSafetyTest, DamageTheQuickCheckFindsIsRepairedKeepingTheDamagedFile) {
     const AppSnapshot stored = snapshotWith(300, "kept");
     syncWait(LocalCalendarService(path).save(stored));
-    int pageSize = 0, indexRoot = 0;
-    std::pair<int*, int*> into(&pageSize, &indexRoot);
-    {
-        sqlite3* db = nullptr;
-        sqlite3_open_v2(QFile::encodeName(path), &db, SQLITE_OPEN_READONLY, nullptr);
-        sqlite3_exec(
-            db, "SELECT (SELECT page_size FROM pragma_page_size), rootpage FROM sqlite_master WHERE type = 'index'",
-            [](void* into, int, char** values, char**) {
-                auto* out = static_cast<std::pair<int*, int*>*>(into);
-                *out->first = std::atoi(values[0]);
-                *out->second = std::atoi(values[1]);
-                return 0;
-            },
-            &into, nullptr);
-        sqlite3_close_v2(db);
-    }
+    const int pageSize = std::stoi(SqliteFile(path).value("PRAGMA page_size"));
+    const int indexRoot = std::stoi(SqliteFile(path).value("SELECT rootpage FROM sqlite_master WHERE type = 'index'"));
     ASSERT_GT(indexRoot, 1);
     {
         // An invalid b-tree page type at the top of the index.
@@ -229,12 +195,7 @@ TEST_F(StoreCrashSafetyTest, OnlyOneStoreAtATimeWritesTheFile) {
 
     // A damaged file is left to its holder too.
     syncWait(first->save(stored));
-    {
-        sqlite3* db = nullptr;
-        sqlite3_open_v2(QFile::encodeName(path), &db, SQLITE_OPEN_READWRITE, nullptr);
-        exec(db, "DELETE FROM metadata");
-        sqlite3_close_v2(db);
-    }
+    ASSERT_EQ(SqliteFile(path).exec("DELETE FROM metadata"), SQLITE_OK);
     EXPECT_THROW(syncWait(LocalCalendarService(path).load()), FileSystemError);
     EXPECT_EQ(files(dir.path()).filter(".corrupt.").size(), 0);
 

@@ -1,6 +1,7 @@
 #include "stores/AppStore.h"
 
 #include "services/LocalCalendarService.h"
+#include "support/SqliteFile.h"
 #include "support/TestWait.h"
 #include "stores/EventAccessPolicy.h"
 #include "stores/EventMutationEngine.h"
@@ -14,7 +15,6 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <deque>
 #include <functional>
@@ -31,23 +31,9 @@ namespace {
 Date at(int hour, int minute = 0) { return on(tokyo(), 1, 5, hour, minute); }
 QString lockedSaveMessage() { return localizedDescription(SQLitePersistenceError(SQLitePersistenceError::Kind::operation)); }
 
-// Holds an exclusive SQLite lock on the state file, so that every save fails
-// with SQLITE_BUSY until `release`.
-class ExclusiveDatabaseLock {
-public:
-    explicit ExclusiveDatabaseLock(const QString& path) {
-        EXPECT_EQ(sqlite3_open_v2(QFile::encodeName(path).constData(), &db_, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-    }
-    ~ExclusiveDatabaseLock() { release(); }
-    void release() {
-        if (db_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-        sqlite3_close(std::exchange(db_, nullptr));
-    }
-
-private:
-    sqlite3* db_ = nullptr;
-};
+// Holds the state file's lock, so that every save fails with SQLITE_BUSY
+// until `release`.
+using ExclusiveDatabaseLock = tavelo::testing::ExclusiveLock;
 
 // The local store seen as a remote one: each free-busy answer waits until the
 // test lets it through, and Google reports each account connected.
@@ -306,49 +292,22 @@ TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
 }
 
 // The events are compared before they are announced, by value: an equal list
-// built anew announces nothing, a difference anywhere in one event does.
+// built anew announces nothing, a difference announces once. Which fields
+// count is the equality's own test.
 TEST_F(AppStoreTest, EventsAreAnnouncedOnlyWhenAValueDiffers) {
     auto& store = loaded();
     int announced = 0;
     QObject::connect(&store, &AppStore::eventsChanged, [&] { ++announced; });
-    auto rich = initial;
-    auto& event = rich.events[1];
-    event.guests = {Guest{UUID::random(), "Ann", "ann@example.com", GuestStatus::accepted}};
-    event.notifications = {10};
-    event.meetURL = QUrl("https://meet.example.com/abc");
-    event.googleEventID = "g1";
-    store.apply(rich);
-    ASSERT_EQ(announced, 1);
-
-    const auto own = [](const QString& text) { return QString(text.constData(), text.size()); }; // a buffer of its own
-    auto rebuilt = rich;
-    for (auto& e : rebuilt.events) {
-        e.title = own(e.title);
-        for (auto& guest : e.guests) guest.email = own(guest.email);
-        if (e.meetURL) e.meetURL = QUrl(e.meetURL->toString());
-        if (e.googleEventID) e.googleEventID = own(*e.googleEventID);
-    }
+    auto rebuilt = initial;
+    for (auto& e : rebuilt.events) e.title = QString(e.title.constData(), e.title.size()); // a buffer of its own
     store.apply(rebuilt);
-    EXPECT_EQ(announced, 1);
+    EXPECT_EQ(announced, 0);
 
-    const std::vector<std::function<void(CalendarEvent&)>> changes = {
-        [](auto& e) { e.title += "!"; },
-        [](auto& e) { e.guests[0].email = "ann@example.org"; },
-        [](auto& e) { e.notifications.push_back(60); },
-        [](auto& e) { e.meetURL = QUrl("https://meet.example.com/abd"); },
-        [](auto& e) { e.googleEventID.reset(); },
-        [](auto& e) { e.groupID = UUID::random(); },
-        [](auto& e) { e.end = e.end.addingSeconds(1); },
-    };
-    for (const auto& change : changes) {
-        auto changed = rich;
-        change(changed.events[1]);
-        announced = 0;
-        store.apply(changed);
-        EXPECT_EQ(announced, 1);
-        EXPECT_EQ(store.events(), changed.events);
-        store.apply(rich);
-    }
+    auto changed = initial;
+    changed.events[1].end = changed.events[1].end.addingSeconds(1);
+    store.apply(changed);
+    EXPECT_EQ(announced, 1);
+    EXPECT_EQ(store.events(), changed.events);
 }
 
 TEST_F(AppStoreTest, FailedPersistKeepsTheStateAndTheRetryWritesIt) {
@@ -554,15 +513,8 @@ TEST_F(AppStoreTest, StandaloneMeetingsLiveOnTheLocalCalendarAddedOnce) {
 
 TEST_F(AppStoreTest, TheFirstEventOnTheLocalCalendarAddsTheCalendarOnce) {
     auto& store = loaded();
-    EventDraft draft;
-    draft.title = "Focus";
-    draft.start = at(13);
-    draft.end = at(14);
-    draft.calendarIDs = {local};
-    ASSERT_TRUE(syncWait(store.saveEvent(draft, std::nullopt)));
-    draft.start = at(15);
-    draft.end = at(16);
-    ASSERT_TRUE(syncWait(store.saveEvent(draft, std::nullopt)));
+    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(13), at(14)), std::nullopt)));
+    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(15), at(16)), std::nullopt)));
     EXPECT_EQ(std::count_if(store.calendars().begin(), store.calendars().end(),
                             [&](const CalendarSource& c) { return c.id == local; }), 1);
     EXPECT_EQ(store.events().size(), initial.events.size() + 2);
