@@ -147,8 +147,10 @@ public:
             query.replace(QLatin1String("maxResults=250"), QStringLiteral("maxResults=%1").arg(pageSize_));
             request.url.setQuery(query, QUrl::StrictMode);
         }
+        const auto sent = std::chrono::steady_clock::now();
         HTTPResponse response = co_await inner_.send(std::move(request), stop);
         if (listing) {
+            waitingSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - sent).count();
             listingBytes += response.body.size();
             ++listings;
         }
@@ -157,6 +159,8 @@ public:
 
     std::int64_t listingBytes = 0;
     int listings = 0;
+    // From sending a listing request to having its whole reply.
+    double waitingSeconds = 0;
 
 private:
     NetworkHTTPTransport inner_;
@@ -247,6 +251,7 @@ struct RunFigures {
     double seconds = 0;
     // CPU time of this process (all its threads), the stand-in's not included.
     double cpuSeconds = 0;
+    double waitingSeconds = 0;
     std::int64_t jsonBytes = 0;
     int pages = 0;
     std::int64_t peakGrowth = 0;
@@ -287,6 +292,7 @@ int measure(const QUrl& baseURL, const Options& options, Shape shape, int pageSi
 
             transport->listingBytes = 0;
             transport->listings = 0;
+            transport->waitingSeconds = 0;
             mi_collect(true);
             const std::int64_t before = statusBytes("VmRSS");
             if (!resetPeakResident()) {
@@ -303,6 +309,7 @@ int measure(const QUrl& baseURL, const Options& options, Shape shape, int pageSi
             figures.retained = statusBytes("VmRSS") - before;
             figures.jsonBytes = transport->listingBytes;
             figures.pages = transport->listings;
+            figures.waitingSeconds = transport->waitingSeconds;
 
             const auto& cached = local->cachedSnapshot();
             const std::size_t stored = cached ? cached->events.size() : 0;
@@ -313,8 +320,9 @@ int measure(const QUrl& baseURL, const Options& options, Shape shape, int pageSi
                 return 1;
             }
         }
-        std::printf("  run %d: %d pages, %.1f MB of JSON, %.0f ms wall, %.0f ms CPU, peak growth %.1f MB (%.2fx), %.1f MB kept after\n",
-                    run + 1, figures.pages, megabytes(figures.jsonBytes), figures.seconds * 1e3, figures.cpuSeconds * 1e3,
+        std::printf("  run %d: %d pages, %.1f MB of JSON, %.0f ms wall (%.0f ms awaiting replies), %.0f ms CPU, peak growth %.1f MB (%.2fx), %.1f MB kept after\n",
+                    run + 1, figures.pages, megabytes(figures.jsonBytes), figures.seconds * 1e3, figures.waitingSeconds * 1e3,
+                    figures.cpuSeconds * 1e3,
                     megabytes(figures.peakGrowth),
                     static_cast<double>(figures.peakGrowth) / static_cast<double>(figures.jsonBytes),
                     megabytes(figures.retained));
