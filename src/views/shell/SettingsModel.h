@@ -3,7 +3,7 @@
 #include <QAbstractListModel>
 #include <QDate>
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <QUrl>
 #include <QtQml/qqmlregistration.h>
 
@@ -18,6 +18,7 @@
 #include <vector>
 
 namespace tavelo {
+class RowDiff;
 class AICloudStore;
 class AppStore;
 }
@@ -50,8 +51,7 @@ public:
     const std::vector<Row>& rows() const { return rows_; }
 
 private:
-    template <class R, class K, class M>
-    friend void syncRows(M&, std::vector<R>&, std::vector<R>, K);
+    friend class tavelo::RowDiff;
     std::vector<Row> rows_;
 };
 
@@ -154,8 +154,8 @@ private:
     void setBusy(bool value);
     void setErrorText(const QString& text);
 
-    QPointer<AppStore> store_;
-    QPointer<AICloudStore> cloud_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<AICloudStore> cloud_;
     AIScheduleListModel* schedules_;
     bool isBusy_ = false;
     QString errorText_;
