@@ -76,7 +76,7 @@ void AppStore::apply(AppSnapshot&& snapshot) {
     setEvents(std::move(snapshot.events));
     setTags(std::move(snapshot.tags));
     setPreferences(std::move(snapshot.preferences));
-    googleSyncStates_ = normalizedSyncStates(snapshot.googleSyncStates);
+    setGoogleSyncStates(normalizedSyncStates(snapshot.googleSyncStates));
 }
 
 void AppStore::apply(const AppSnapshot& snapshot) {
@@ -86,7 +86,7 @@ void AppStore::apply(const AppSnapshot& snapshot) {
     setEvents(snapshot.events);
     setTags(snapshot.tags);
     setPreferences(snapshot.preferences);
-    googleSyncStates_ = normalizedSyncStates(snapshot.googleSyncStates);
+    setGoogleSyncStates(normalizedSyncStates(snapshot.googleSyncStates));
 }
 
 // --- Persistence transaction ---------------------------------------------
@@ -443,6 +443,10 @@ void AppStore::setGoogleAuthenticationMessage(std::optional<QString> value) {
 
 void AppStore::setGoogleSyncStatuses(std::map<UUID, GoogleSyncStatus> value) {
     if (assignIfChanged(googleSyncStatuses_, std::move(value))) emit googleSyncStatusesChanged();
+}
+
+void AppStore::setGoogleSyncStates(std::vector<GoogleCalendarSyncState> value) {
+    if (assignIfChanged(googleSyncStates_, std::move(value))) emit googleSyncStatesChanged();
 }
 
 void AppStore::setGoogleSyncWarnings(std::map<UUID, std::vector<GoogleSyncWarning>> value) {

@@ -212,10 +212,40 @@ public:
     // Sets each tag's `sortOrder` to its position, from 0.
     static void normalizeTagOrder(std::vector<Tag>& tags);
 
-    // The Google actions (connect, reconnect, sync, disconnect, the automatic
-    // refresh, status texts and the targeted retry of a partial mutation)
-    // join here as well; they go through `refreshGoogleState` and the retry
-    // seams below.
+    // --- Google accounts ---------------------------------------------------
+    //
+    // Every action answers true when it ran to its end and false when it did
+    // not start (no Google service, another action under way) or failed; a
+    // failure is already in the message bar with its retry. While one action
+    // or a browser authentication runs, `isSyncing` is true and every further
+    // action answers false at once.
+
+    // The automatic refresh: does nothing (false) within 300 seconds of the
+    // last attempt, failed or not; otherwise records `now` and refreshes.
+    QCoro::Task<bool> refreshGoogleAccountsIfNeeded(Date now, std::stop_token token = {});
+    // Loads if needed and syncs every Google account. True without doing
+    // anything when there is no Google account.
+    QCoro::Task<bool> refreshGoogleAccounts(std::stop_token token = {});
+    QCoro::Task<bool> syncAllGoogleAccounts(std::stop_token token = {});
+    QCoro::Task<bool> syncGoogleAccount(UUID accountID, std::stop_token token = {});
+    // Erases the account's local copy; nothing changes at Google.
+    QCoro::Task<bool> disconnectGoogleAccount(UUID accountID, std::stop_token token = {});
+    // Connects a new account or reconnects one through the browser. Nothing
+    // when it does not start: another authentication or action under way, or
+    // no Google service. The task answers whether it succeeded; after a
+    // success the account's first sync starts on its own.
+    std::optional<BackgroundTask<bool>> beginGoogleAuthentication(GoogleAuthenticationRequest request);
+
+    // What to show for an account.
+    GoogleSyncStatus googleSyncStatus(const UUID& accountID) const;
+    QString googleStatusMessage(const UUID& accountID) const;
+    // When the account's calendars last synced completely; announced through
+    // `accountsChanged`. Per calendar: `googleSyncStates`.
+    std::optional<Date> googleLastSync(const UUID& accountID) const;
+    // Present exactly when Google is not configured: where to put the OAuth
+    // settings.
+    std::optional<QString> googleConfigurationMessage() const;
+    const std::optional<Date>& lastAutomaticGoogleRefresh() const { return lastAutomaticGoogleRefresh_; }
 
 signals:
     void snapshotVersionChanged();
@@ -231,6 +261,7 @@ signals:
     void googleAuthenticationMessageChanged();
     void googleSyncStatusesChanged();
     void googleSyncWarningsChanged();
+    void googleSyncStatesChanged();
 
 private:
     // Holds the transaction for one operation and releases it exactly once,
@@ -328,6 +359,7 @@ private:
     void setGoogleAuthenticationMessage(std::optional<QString> value);
     void setGoogleSyncStatuses(std::map<UUID, GoogleSyncStatus> value);
     void setGoogleSyncWarnings(std::map<UUID, std::vector<GoogleSyncWarning>> value);
+    void setGoogleSyncStates(std::vector<GoogleCalendarSyncState> value);
 
     std::shared_ptr<CalendarService> service_;
     std::shared_ptr<GoogleAccountService> googleAccountService_;
@@ -342,6 +374,9 @@ private:
     std::vector<GoogleCalendarSyncState> googleSyncStates_;
     // The browser authentication under way, if any.
     std::optional<BackgroundTask<bool>> googleAuthenticationTask_;
+    // Identity of that authentication: a newer one makes an older result void.
+    std::optional<UUID> googleAuthenticationGeneration_;
+    std::optional<Date> lastAutomaticGoogleRefresh_;
 
     int snapshotVersion_ = AppSnapshot::kCurrentVersion;
     std::vector<Account> accounts_;

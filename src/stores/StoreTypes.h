@@ -9,6 +9,7 @@
 #include <QString>
 
 #include <cstddef>
+#include <optional>
 #include <variant>
 #include <vector>
 
@@ -39,6 +40,20 @@ struct PendingGoogleMutation {
 
     bool operator==(const PendingGoogleMutation&) const = default;
 };
+
+// What a browser authentication is for: a new account, or the account with
+// `reconnectAccountID` again.
+struct GoogleAuthenticationRequest {
+    std::optional<UUID> reconnectAccountID;
+
+    static GoogleAuthenticationRequest connect() { return {}; }
+    static GoogleAuthenticationRequest reconnect(UUID accountID) { return {accountID}; }
+    bool isReconnect() const { return reconnectAccountID.has_value(); }
+    bool operator==(const GoogleAuthenticationRequest&) const = default;
+};
+
+// The Google actions of the store, for their messages and retries.
+enum class GoogleStoreAction { connect, sync, reconnect, disconnect };
 
 // What the retry action of the message bar does. The cases keep their
 // declaration order; `kind()` names the case held.
