@@ -1,6 +1,7 @@
 #pragma once
 
 #include "models/AppSnapshot.h"
+#include "services/GoogleMutation.h"
 #include "support/EnumNames.h"
 #include "support/UUID.h"
 
@@ -56,6 +57,14 @@ public:
     virtual QCoro::Task<void> syncAllGoogleAccounts(std::stop_token token) = 0;
     virtual QCoro::Task<Account> reconnectGoogleAccount(UUID accountID, std::stop_token token) = 0;
     virtual QCoro::Task<void> disconnectGoogleAccount(UUID accountID, std::stop_token token) = 0;
+
+    // Sends a mutation that reached only some of its calendars once more, to
+    // `remainingDestinations` only; every other copy stays exactly as stored.
+    // Answers with all stored events; a new partial failure is thrown as a
+    // GoogleMutationPartialFailure again.
+    virtual QCoro::Task<std::vector<CalendarEvent>> retryMutation(
+        GoogleMutationOperation operation, UUID groupID, std::vector<CalendarEvent> completeDesiredEvents,
+        std::vector<GoogleMutationDestination> remainingDestinations) = 0;
 
     virtual QCoro::Task<GoogleSyncStatus> googleSyncStatus(UUID accountID) = 0;
     virtual QCoro::Task<std::vector<GoogleSyncWarning>> googleSyncWarnings(UUID accountID) = 0;

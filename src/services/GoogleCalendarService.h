@@ -100,7 +100,7 @@ public:
     // A retry of a partial mutation, through the gate.
     QCoro::Task<std::vector<CalendarEvent>> retryMutation(GoogleMutationOperation operation, UUID groupID,
                                                           std::vector<CalendarEvent> completeDesiredEvents,
-                                                          std::vector<GoogleMutationDestination> remainingDestinations);
+                                                          std::vector<GoogleMutationDestination> remainingDestinations) override;
 
     // One copy's work of a mutation; public for the helpers of its file.
     struct MutationRun;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "services/GoogleMutation.h"
 #include "support/Error.h"
 #include "support/UUID.h"
 
@@ -8,21 +9,8 @@
 
 namespace tavelo {
 
-enum class GoogleMutationOperation { create, update, delete_ };
-enum class GoogleMutationFailureCause { requestFailure, cancellation };
-
-// One copy of a group on one Google calendar.
-struct GoogleMutationDestination {
-    UUID accountID;
-    UUID calendarID;
-    UUID eventID;
-
-    bool operator==(const GoogleMutationDestination&) const = default;
-    auto operator<=>(const GoogleMutationDestination&) const = default;
-};
-
 // Failures of the Google calendar service, in the words shown to the user.
-class GoogleCalendarServiceError final : public Error {
+class GoogleCalendarServiceError final : public Error, public GoogleMutationPartialFailure {
 public:
     enum class Kind { reconnectRequired, syncFailed, partialSync, partialOperation, accountNotFound, authorizationFailed };
 
@@ -60,10 +48,12 @@ public:
     const std::optional<UUID>& accountID() const { return accountID_; }
     const std::vector<UUID>& failedAccountIDs() const { return failedAccountIDs_; }
     const std::vector<UUID>& failedCalendarIDs() const { return failedCalendarIDs_; }
-    GoogleMutationOperation operation() const { return operation_; }
-    const std::vector<GoogleMutationDestination>& remainingDestinations() const { return remainingDestinations_; }
-    const std::vector<GoogleMutationDestination>& conflictingDestinations() const { return conflictingDestinations_; }
-    GoogleMutationFailureCause cause() const { return cause_; }
+    // GoogleMutationPartialFailure
+    bool isPartialMutation() const override { return kind_ == Kind::partialOperation; }
+    GoogleMutationOperation operation() const override { return operation_; }
+    const std::vector<GoogleMutationDestination>& remainingDestinations() const override { return remainingDestinations_; }
+    const std::vector<GoogleMutationDestination>& conflictingDestinations() const override { return conflictingDestinations_; }
+    GoogleMutationFailureCause cause() const override { return cause_; }
 
     std::optional<QString> errorDescription() const override;
     const char* domain() const override { return "GoogleCalendarServiceError"; }

@@ -376,7 +376,17 @@ QCoro::Task<std::vector<CalendarEvent>> GoogleCalendarService::updateEventsUngat
     }
     for (const auto& desired : events) steps.push_back({false, desired, mutationDestination(desired, run.snapshot)});
 
+    // Events of a move whose old copy could not be deleted. The old copy
+    // keeps its place in the snapshot, with its Google id, until its delete
+    // succeeds: were the new copy stored over it (both have the same id),
+    // nothing would remember the copy left at Google, and no retry could
+    // remove it. So the new copy waits as well, and both are retried.
+    std::set<UUID> undeletedMoves;
     for (auto& step : steps) {
+        if (!step.isDelete && undeletedMoves.contains(step.event.id)) {
+            if (step.destination) run.fail(*step.destination);
+            continue;
+        }
         if (!step.destination) {
             if (step.isDelete)
                 removeEvent(run.snapshot, step.event.id);
@@ -387,6 +397,7 @@ QCoro::Task<std::vector<CalendarEvent>> GoogleCalendarService::updateEventsUngat
         if (!run.resolve(*step.destination)) continue;
         if (run.cancelled) {
             run.fail(*step.destination);
+            if (step.isDelete && desiredIDs.contains(step.event.id)) undeletedMoves.insert(step.event.id);
             continue;
         }
         std::exception_ptr failure;
@@ -416,6 +427,9 @@ QCoro::Task<std::vector<CalendarEvent>> GoogleCalendarService::updateEventsUngat
             }
             recordFailure(run, *step.destination, failure);
         }
+        // A conflict keeps Google's version of the old copy: that copy stays, too.
+        const bool oldCopyRemains = failure || std::find(run.failed.begin(), run.failed.end(), *step.destination) != run.failed.end();
+        if (step.isDelete && oldCopyRemains && desiredIDs.contains(step.event.id)) undeletedMoves.insert(step.event.id);
     }
     std::vector<CalendarEvent> result = co_await finishMutation(run);
     co_return result;
@@ -424,7 +438,7 @@ QCoro::Task<std::vector<CalendarEvent>> GoogleCalendarService::updateEventsUngat
 QCoro::Task<std::vector<CalendarEvent>> GoogleCalendarService::deleteEventsUngated(
     UUID groupID, std::optional<std::vector<GoogleMutationDestination>> targeting) {
     CalendarLoadResult loaded = co_await local_->load();
-    MutationRun run{GoogleMutationOperation::delete_, std::move(loaded.snapshot), targetSet(targeting)};
+    MutationRun run{GoogleMutationOperation::remove, std::move(loaded.snapshot), targetSet(targeting)};
     std::vector<CalendarEvent> group;
     for (const auto& e : run.snapshot.events)
         if (e.groupID == groupID) group.push_back(e);
@@ -487,7 +501,7 @@ QCoro::Task<std::vector<CalendarEvent>> GoogleCalendarService::retryMutation(
     case GoogleMutationOperation::update:
         result = co_await updateEventsUngated(groupID, std::move(completeDesiredEvents), targeting);
         break;
-    case GoogleMutationOperation::delete_:
+    case GoogleMutationOperation::remove:
         result = co_await deleteEventsUngated(groupID, targeting);
         break;
     }

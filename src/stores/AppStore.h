@@ -235,6 +235,9 @@ public:
     // no Google service. The task answers whether it succeeded; after a
     // success the account's first sync starts on its own.
     std::optional<BackgroundTask<bool>> beginGoogleAuthentication(GoogleAuthenticationRequest request);
+    // Gives up the browser authentication under way: the store is free for a
+    // new one at once, and whatever the old one brings back later is void.
+    void cancelGoogleAuthentication();
 
     // What to show for an account.
     GoogleSyncStatus googleSyncStatus(const UUID& accountID) const;
@@ -318,25 +321,55 @@ private:
     // The end of an event mutation whose service call has returned `stored`
     // or failed with `failure`: on success the stored events are shown and
     // the message clears; on a failure (the caller has put the screen back as
-    // it was before the change) it is reported without a retry. The caller
+    // it was before the change) it is reported without a retry, unless it
+    // reached some Google calendars, when the rest is offered. The caller
     // holds the transaction.
-    QCoro::Task<bool> concludeEventMutation(std::vector<CalendarEvent> stored, std::exception_ptr failure,
-                                            GoogleMutationOperation operation, UUID groupID,
+    QCoro::Task<bool> concludeEventMutation(std::vector<CalendarEvent> stored, std::exception_ptr failure, UUID groupID,
                                             std::vector<CalendarEvent> desiredGroup);
-    // Where a mutation that reached only some of its Google calendars is taken
-    // over: it restores what the service really holds and offers the rest as
-    // a targeted retry. Answers whether it took the failure; none is taken
-    // until the Google service reports partial mutations.
-    QCoro::Task<bool> recoverPartialGoogleMutation(std::exception_ptr failure, GoogleMutationOperation operation,
-                                                   UUID groupID, std::vector<CalendarEvent> completeDesiredEvents,
-                                                   AppSnapshot previous);
+    // What the store keeps of a mutation that reached only some of its
+    // Google calendars.
+    struct PartialMutationReport {
+        GoogleMutationOperation operation = GoogleMutationOperation::create;
+        std::vector<GoogleMutationDestination> remainingDestinations;
+        std::size_t conflictingCount = 0;
+    };
+    // The report carried by `failure`, when it is a partial mutation.
+    static std::optional<PartialMutationReport> partialMutationReport(std::exception_ptr failure);
+    // Shows what the service truly holds after a mutation that reached only
+    // some of its calendars, and offers the rest as a targeted retry. The
+    // caller holds the transaction.
+    QCoro::Task<void> handlePartialGoogleMutation(PartialMutationReport report, UUID groupID,
+                                                  std::vector<CalendarEvent> completeDesiredEvents,
+                                                  AppSnapshot previousSnapshot);
     // The body of the tag operations: shows `tags` in their new order and
     // saves, rolling back on a failure. Unchanged tags are saved all the same.
     QCoro::Task<bool> commitTags(std::vector<Tag> tags);
 
-    // Retry seams of the Google cases. They lead to the Google actions of the
-    // same name once those exist; until then the offer stays on screen as it
-    // is.
+    // The frame of every Google action: mutual exclusion through
+    // `isSyncing`, the statuses shown meanwhile, the transaction, and after
+    // the service's answer the reload, the refreshed statuses and the
+    // message of a failure.
+    using GoogleOperation = std::function<QCoro::Task<void>(GoogleAccountService&, std::stop_token)>;
+    QCoro::Task<bool> performGoogleAction(GoogleStoreAction action, std::vector<UUID> accountIDs, bool ownsTransaction,
+                                          GoogleOperation operation, std::stop_token token);
+    // The body of the authentication task.
+    QCoro::Task<bool> runGoogleAuthentication(UUID generation, GoogleAuthenticationRequest request,
+                                              std::map<UUID, GoogleSyncStatus> previousStatuses, std::stop_token token);
+    // The end of an authentication; nothing when `generation` is no longer
+    // the current one. `account` is the result of a success.
+    void completeGoogleAuthentication(const UUID& generation, const GoogleAuthenticationRequest& request,
+                                      const std::map<UUID, GoogleSyncStatus>& previousStatuses,
+                                      std::exception_ptr providerError, bool ownsPersistenceTransaction,
+                                      const std::optional<Account>& account);
+    void restoreAuthenticationStatuses(const std::map<UUID, GoogleSyncStatus>& previousStatuses,
+                                       bool onlyWhenStillSyncing);
+    // The message and retry offer of a failed Google action.
+    void recordGoogleActionFailure(std::exception_ptr failure, GoogleStoreAction action,
+                                   const std::vector<UUID>& accountIDs);
+    // Starts a sync of one account that nobody awaits.
+    void startBackgroundGoogleSync(UUID accountID);
+
+    // Retry seams of the Google cases.
     QCoro::Task<void> retrySyncGoogleAccount(UUID accountID);
     QCoro::Task<void> retrySyncAllGoogleAccounts();
     // `reconnectAccountID` is nothing for a new connection.
@@ -377,6 +410,11 @@ private:
     // Identity of that authentication: a newer one makes an older result void.
     std::optional<UUID> googleAuthenticationGeneration_;
     std::optional<Date> lastAutomaticGoogleRefresh_;
+    // What the authentication under way is for and the statuses it replaced.
+    GoogleAuthenticationRequest googleAuthenticationRequest_;
+    std::map<UUID, GoogleSyncStatus> googleAuthenticationPreviousStatuses_;
+    // The sync started after a successful authentication.
+    std::optional<BackgroundTask<bool>> googleBackgroundSync_;
 
     int snapshotVersion_ = AppSnapshot::kCurrentVersion;
     std::vector<Account> accounts_;

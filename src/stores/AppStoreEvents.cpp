@@ -114,11 +114,10 @@ QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> edit
         failure = std::current_exception();
     }
     if (!self) co_return false;
-    const auto operation = isCreation ? GoogleMutationOperation::create : GoogleMutationOperation::update;
     // The screen goes back to the state before the change before anything
     // else looks at it.
     if (failure && shown) restoreGroup(groupID, before);
-    co_return co_await concludeEventMutation(std::move(stored), failure, operation, groupID, std::move(group));
+    co_return co_await concludeEventMutation(std::move(stored), failure, groupID, std::move(group));
 }
 
 QCoro::Task<bool> AppStore::moveEvent(UUID eventID, DateInterval interval) {
@@ -169,8 +168,7 @@ QCoro::Task<bool> AppStore::deleteEvent(UUID eventID) {
     // Nothing of the group is meant to remain.
     std::vector<CalendarEvent> desiredGroup;
     if (failure) restoreGroup(groupID, before);
-    co_return co_await concludeEventMutation(std::move(stored), failure, GoogleMutationOperation::remove, groupID,
-                                             std::move(desiredGroup));
+    co_return co_await concludeEventMutation(std::move(stored), failure, groupID, std::move(desiredGroup));
 }
 
 AppStore::GroupPlaces AppStore::groupPlaces(const UUID& groupID) const {
@@ -203,7 +201,7 @@ void AppStore::restoreGroup(const UUID& groupID, const GroupPlaces& before) {
 }
 
 QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> stored, std::exception_ptr failure,
-                                                  GoogleMutationOperation operation, UUID groupID,
+                                                  UUID groupID,
                                                   std::vector<CalendarEvent> desiredGroup) {
     QPointer<AppStore> self(this);
     if (!failure) {
@@ -229,18 +227,14 @@ QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> sto
         clearPersistenceMessage();
         co_return true;
     }
-    AppSnapshot previous = snapshot();
-    const bool recovered =
-        co_await recoverPartialGoogleMutation(failure, operation, groupID, std::move(desiredGroup), std::move(previous));
-    if (!self || recovered) co_return false;
+    // A mutation that reached some of its Google calendars is not undone:
+    // what the service holds is shown and the rest is offered.
+    if (auto report = partialMutationReport(failure)) {
+        AppSnapshot previous = snapshot();
+        co_await handlePartialGoogleMutation(std::move(*report), groupID, std::move(desiredGroup), std::move(previous));
+        co_return false;
+    }
     recordMutationFailure(failure, std::nullopt);
-    co_return false;
-}
-
-// The Google service does not report partial mutations yet; every failure is
-// a whole one.
-QCoro::Task<bool> AppStore::recoverPartialGoogleMutation(std::exception_ptr, GoogleMutationOperation, UUID,
-                                                         std::vector<CalendarEvent>, AppSnapshot) {
     co_return false;
 }
 

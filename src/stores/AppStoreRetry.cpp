@@ -80,22 +80,5 @@ QCoro::Task<void> AppStore::retryLastOperation() {
     }
 }
 
-// The Google actions that these lead to arrive with the account operations.
-QCoro::Task<void> AppStore::retrySyncGoogleAccount(UUID) {
-    co_return;
-}
-
-QCoro::Task<void> AppStore::retrySyncAllGoogleAccounts() {
-    co_return;
-}
-
-QCoro::Task<void> AppStore::retryGoogleAuthentication(std::optional<UUID>) {
-    co_return;
-}
-
-QCoro::Task<void> AppStore::retryGoogleMutation(PendingGoogleMutation) {
-    co_return;
-}
-
 
 } // namespace tavelo

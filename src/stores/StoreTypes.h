@@ -2,6 +2,7 @@
 
 #include "models/AppSnapshot.h"
 #include "models/CalendarEvent.h"
+#include "services/GoogleMutation.h"
 #include "support/EnumNames.h"
 #include "support/Error.h"
 #include "support/UUID.h"
@@ -14,32 +15,6 @@
 #include <vector>
 
 namespace tavelo {
-
-enum class GoogleMutationOperation { create, update, remove };
-// The raw values are the words of the operation; `delete` is a keyword in
-// C++, so that case is spelled `remove` in code.
-TAVELO_STRING_ENUM(GoogleMutationOperation, "create", "update", "delete")
-
-// One copy of a group that a mutation still has to reach.
-struct GoogleMutationDestination {
-    UUID accountID;
-    UUID calendarID;
-    UUID eventID;
-
-    bool operator==(const GoogleMutationDestination&) const = default;
-};
-
-// A mutation that reached only some of its calendars, kept so that the retry
-// sends it to the rest only.
-struct PendingGoogleMutation {
-    GoogleMutationOperation operation = GoogleMutationOperation::create;
-    UUID groupID;
-    // The whole group as it shall stand, not only the missing copies.
-    std::vector<CalendarEvent> completeDesiredEvents;
-    std::vector<GoogleMutationDestination> remainingDestinations;
-
-    bool operator==(const PendingGoogleMutation&) const = default;
-};
 
 // What a browser authentication is for: a new account, or the account with
 // `reconnectAccountID` again.

@@ -77,6 +77,9 @@ public:
     QCoro::Task<void> syncAllGoogleAccounts(std::stop_token) override { throw std::logic_error("unexpected"); }
     QCoro::Task<Account> reconnectGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
     QCoro::Task<void> disconnectGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
+    QCoro::Task<Events> retryMutation(GoogleMutationOperation, UUID, Events, std::vector<GoogleMutationDestination>) override {
+        throw std::logic_error("unexpected");
+    }
 };
 
 // Two Google accounts with a calendar each, a calendar without an account

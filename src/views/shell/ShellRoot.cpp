@@ -1,6 +1,7 @@
 #include "views/shell/ShellRoot.h"
 
 #include "ai/AICloudStore.h"
+#include "app/GoogleRefreshSchedule.h"
 #include "app/TaveloApp.h"
 #include "app/TaveloWorkspace.h"
 #include "stores/AppStore.h"
@@ -39,6 +40,9 @@ ShellRoot::ShellRoot(TaveloApp& app, LocalCloudServer* localServer, QObject* par
 }
 
 void ShellRoot::followWorkspace() {
+    if (!googleRefresh_) googleRefresh_ = std::make_unique<GoogleRefreshSchedule>();
+    // After the load that adoptWorkspace started, which it waits behind.
+    googleRefresh_->setStore(store_);
     if (!store_) {
         cloudRefresh_.stop();
         return;

@@ -11,6 +11,7 @@
 namespace tavelo {
 class AICloudStore;
 class AppStore;
+class GoogleRefreshSchedule;
 class SceneState;
 class TaveloApp;
 class TaveloWorkspace;
@@ -95,6 +96,8 @@ private:
     // Refreshes the cloud's schedules and runs every 15 seconds while a
     // workspace is open.
     QTimer cloudRefresh_;
+    // Knocks on the store's Google refresh every minute and on activation.
+    std::unique_ptr<GoogleRefreshSchedule> googleRefresh_;
     bool isStarting_ = false;
     bool isQuitting_ = false;
 };
