@@ -79,9 +79,7 @@ QObject* SettingsModel::cloudObject() const { return cloud_.get(); }
 void SettingsModel::setStoreObject(QObject* object) {
     auto* store = qobject_cast<AppStore*>(object);
     if (!store_.follow(store)) return;
-    store_.on(&AppStore::accountsChanged, this, &SettingsModel::googleAccountsChanged);
     emit storeChanged();
-    emit googleAccountsChanged();
 }
 
 void SettingsModel::setCloudObject(QObject* object) {
@@ -103,25 +101,6 @@ QString SettingsModel::accountText() const {
 }
 
 QString SettingsModel::endpoint() const { return cloud_ ? cloud_->endpoint() : QString(); }
-
-QString SettingsModel::googleConfigurationMessage() const {
-    if (!store_ || store_->hasGoogleAccountService()) return {};
-    return QStringLiteral("Google連携を利用するには %1 にOAuth設定を保存してください。ローカル機能は引き続き利用できます。")
-        .arg(store_->googleOAuthConfigurationPath());
-}
-
-QVariantList SettingsModel::googleAccounts() const {
-    QVariantList list;
-    if (!store_) return list;
-    for (const Account& account : store_->accounts()) {
-        if (!account.googleSubject) continue;
-        list.push_back(QVariantMap{{QStringLiteral("name"), account.name},
-                                   {QStringLiteral("email"), account.email},
-                                   {QStringLiteral("color"), account.colorHex},
-                                   {QStringLiteral("connected"), account.isConnected}});
-    }
-    return list;
-}
 
 bool SettingsModel::isChatGPTConnected() const { return cloud_ && cloud_->isChatGPTConnected(); }
 

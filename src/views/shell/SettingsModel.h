@@ -55,9 +55,9 @@ private:
     std::vector<Row> rows_;
 };
 
-// The settings that are not tags: the cloud account and sign-out, where the
-// Google accounts stand, the ChatGPT link with its device login, and the AI
-// schedules with their editor.
+// The settings that are neither tags nor Google accounts: the cloud account
+// and sign-out, the ChatGPT link with its device login, and the AI schedules
+// with their editor.
 class SettingsModel : public QObject {
     Q_OBJECT
     QML_ELEMENT
@@ -65,8 +65,6 @@ class SettingsModel : public QObject {
     Q_PROPERTY(QObject* cloud READ cloudObject WRITE setCloudObject NOTIFY cloudChanged)
     Q_PROPERTY(QString accountText READ accountText NOTIFY accountChanged)
     Q_PROPERTY(QString endpoint READ endpoint NOTIFY accountChanged)
-    Q_PROPERTY(QString googleConfigurationMessage READ googleConfigurationMessage NOTIFY storeChanged)
-    Q_PROPERTY(QVariantList googleAccounts READ googleAccounts NOTIFY googleAccountsChanged)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY isBusyChanged)
     Q_PROPERTY(QString errorText READ errorText NOTIFY errorTextChanged)
     Q_PROPERTY(bool isChatGPTConnected READ isChatGPTConnected NOTIFY accountChanged)
@@ -95,8 +93,6 @@ public:
 
     QString accountText() const;
     QString endpoint() const;
-    QString googleConfigurationMessage() const;
-    QVariantList googleAccounts() const;
     bool isBusy() const { return isBusy_; }
     QString errorText() const { return errorText_; }
     bool isChatGPTConnected() const;
@@ -139,7 +135,6 @@ signals:
     void storeChanged();
     void cloudChanged();
     void accountChanged();
-    void googleAccountsChanged();
     void isBusyChanged();
     void errorTextChanged();
     void loginChanged();

@@ -7,6 +7,7 @@
 #include "views/shell/ShellRoot.h"
 #include "views/shell/TrayMenu.h"
 #include "views/shell/ShellWorkspace.h"
+#include "views/shell/GoogleAccountsDouble.h"
 
 #include <QAction>
 #include <QInputMethodEvent>
@@ -53,6 +54,17 @@ struct Harness {
     template <class T = QQuickItem>
     T* find(const char* name) const {
         return root ? root->findChild<T*>(QString::fromLatin1(name)) : nullptr;
+    }
+    // Through the visual tree, where delegates of repeaters stand.
+    static QQuickItem* findItem(QQuickItem* under, const QString& name) {
+        if (!under) return nullptr;
+        if (under->objectName() == name) return under;
+        for (QQuickItem* child : under->childItems())
+            if (QQuickItem* found = findItem(child, name)) return found;
+        return nullptr;
+    }
+    QQuickItem* item(const char* name) const {
+        return window ? findItem(window->contentItem(), QString::fromLatin1(name)) : nullptr;
     }
     void click(QQuickItem* item) const {
         const QPointF centre = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
@@ -258,4 +270,63 @@ TEST_F(ShellQuickTest, TheWindowsCommandsDriveTheScene) {
     }));
     QTest::keyClick(window, Qt::Key_Escape);
     ASSERT_TRUE(waitUntil([&] { return !w.scene->editorPresentation(); }));
+}
+
+TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroughTheStore) {
+    auto google = std::make_shared<GoogleAccountsDouble>();
+    google->signedIn = Account{.id = uuid(0xA9), .name = "新規", .email = "new@gmail.example", .isConnected = true,
+                               .googleSubject = QStringLiteral("sub-9")};
+    ShellWorkspace w;
+    w.open(ShellWorkspace::march(4, 12), google);
+    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+              {});
+    ASSERT_TRUE(h.root);
+    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    auto* connectButton = h.find("connectGoogleButton");
+    auto* configuration = h.find("googleConfigurationMessage");
+    ASSERT_TRUE(connectButton && configuration);
+    ASSERT_TRUE(waitUntil([&] { return connectButton->isVisible(); }));
+    EXPECT_FALSE(configuration->isVisible());
+
+    // Connect opens the browser sign-in through the store.
+    h.click(connectButton);
+    ASSERT_TRUE(waitUntil([&] { return google->connects == 1 && !w.store->isSyncing(); }));
+
+    // Disconnect asks first: Escape leaves the account alone, confirming
+    // disconnects exactly that account.
+    auto* row = h.item("googleAccount:me@work.example");
+    ASSERT_TRUE(row);
+    auto* disconnectButton = Harness::findItem(row, "disconnectButton");
+    ASSERT_TRUE(disconnectButton);
+    auto* dialog = h.find<QObject>("disconnectDialog");
+    ASSERT_TRUE(dialog);
+    h.click(disconnectButton);
+    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    QTest::keyClick(h.window, Qt::Key_Escape);
+    ASSERT_TRUE(waitUntil([&] { return !dialog->property("visible").toBool(); }));
+    QTest::qWait(50);
+    EXPECT_TRUE(google->disconnected.empty());
+
+    h.click(disconnectButton);
+    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    QMetaObject::invokeMethod(dialog, "accept");
+    ASSERT_TRUE(waitUntil([&] { return !google->disconnected.empty() && !w.store->isSyncing(); }));
+    EXPECT_EQ(google->disconnected, std::vector<UUID>{w.workAccount});
+}
+
+TEST_F(ShellQuickTest, WithoutGoogleConfiguredTheAccountsPageSaysWhereTheSettingsGo) {
+    ShellWorkspace w;
+    w.open();
+    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+              {});
+    ASSERT_TRUE(h.root);
+    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    auto* configuration = h.find("googleConfigurationMessage");
+    ASSERT_TRUE(configuration);
+    ASSERT_TRUE(waitUntil([&] { return configuration->isVisible(); }));
+    EXPECT_EQ(configuration->property("text").toString(), *w.store->googleConfigurationMessage());
+    EXPECT_FALSE(h.find("connectGoogleButton")->isVisible());
+    EXPECT_EQ(h.item("googleAccount:me@work.example"), nullptr);
 }

@@ -281,16 +281,26 @@ Pane {
                         objectName: "event:" + title
                         readonly property real laneWidth: week.dayWidth / laneCount
                         readonly property bool dragged: week.dragActive && week.dragEventId === eventId
-                        x: week.gutterWidth + dayIndex * week.dayWidth + lane * laneWidth + 1
+                        // Many overlapping entries would leave lanes too narrow
+                        // to read: such a block keeps a legible width and
+                        // overlaps its neighbours in a cascade, later lanes on
+                        // top, each edged in the background colour.
+                        readonly property real laneExtent: laneSpan * laneWidth - 3
+                        readonly property real legibleWidth: Math.min(week.dayWidth - 4, 52)
+                        readonly property bool cascaded: laneExtent < legibleWidth
+                        readonly property bool narrow: width < 96
+                        x: week.gutterWidth + dayIndex * week.dayWidth + Math.min(lane * laneWidth, week.dayWidth - width - 3) + 1
                         y: itemTop + 1
-                        width: laneSpan * laneWidth - 3
+                        z: lane
+                        width: Math.max(laneExtent, legibleWidth)
                         height: Math.max(itemHeight - 2, 18)
                         radius: 4
                         opacity: dragged ? 0.35 : (isPast ? 0.75 : 1)
                         color: root.eventColor(colorHex, isBusyBlock)
                         border.color: activeFocus ? root.palette.highlight
-                                                  : (isBusyBlock ? Qt.rgba(root.palette.text.r, root.palette.text.g, root.palette.text.b, 0.35) : "transparent")
-                        border.width: activeFocus ? 2 : (isBusyBlock ? 1 : 0)
+                                                  : (isBusyBlock ? Qt.rgba(root.palette.text.r, root.palette.text.g, root.palette.text.b, 0.35)
+                                                                 : (cascaded ? root.palette.base : "transparent"))
+                        border.width: activeFocus ? 2 : (isBusyBlock || cascaded ? 1 : 0)
                         // Tab reaches each entry; Enter or Space opens its detail.
                         activeFocusOnTab: true
                         function openDetail() {
@@ -313,7 +323,7 @@ Pane {
                         // Only whole lines: the time shows when a title line
                         // and it fit, the title takes what is left.
                         readonly property real room: height - 4
-                        readonly property bool showsTime: room >= titleMetrics.height + timeMetrics.height
+                        readonly property bool showsTime: !narrow && room >= titleMetrics.height + timeMetrics.height
                         Column {
                             x: 7
                             y: 2
@@ -326,7 +336,9 @@ Pane {
                                 font.bold: !item.isBusyBlock
                                 font.italic: item.isBusyBlock
                                 elide: Text.ElideRight
-                                maximumLineCount: Math.max(1, Math.floor((item.room - (item.showsTime ? timeMetrics.height : 0)) / titleMetrics.height))
+                                // Narrow blocks: at most two lines, elided.
+                                maximumLineCount: Math.max(1, Math.min(item.narrow ? 2 : 99,
+                                    Math.floor((item.room - (item.showsTime ? timeMetrics.height : 0)) / titleMetrics.height)))
                                 wrapMode: Text.Wrap
                             }
                             Label {

@@ -60,11 +60,31 @@ Pane {
 
         Rectangle { Layout.fillWidth: true; Layout.preferredHeight: 1; Layout.topMargin: 8; Layout.bottomMargin: 4; color: palette.mid; opacity: 0.4 }
 
-        Label {
-            text: "カレンダー"
-            font.weight: Font.DemiBold
-            opacity: 0.7
+        RowLayout {
+            Layout.fillWidth: true
             Layout.leftMargin: 6
+            spacing: 6
+            Label {
+                text: "カレンダー"
+                font.weight: Font.DemiBold
+                opacity: 0.7
+                Layout.fillWidth: true
+            }
+            // Google accounts syncing.
+            BusyIndicator {
+                objectName: "syncIndicator"
+                visible: sidebar.store !== null && sidebar.store.isSyncing
+                running: visible
+                Layout.preferredWidth: 18
+                Layout.preferredHeight: 18
+                Accessible.name: "Googleカレンダーを同期中"
+            }
+            Label {
+                visible: sidebar.store !== null && sidebar.store.isSyncing
+                text: "同期中"
+                font.pointSize: 10
+                opacity: 0.6
+            }
         }
 
         ListView {
