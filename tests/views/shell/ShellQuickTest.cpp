@@ -9,6 +9,7 @@
 #include "views/shell/ShellWorkspace.h"
 #include "views/shell/GoogleAccountsDouble.h"
 
+#include <QAccessible>
 #include <QAction>
 #include <QInputMethodEvent>
 #include <QMenu>
@@ -329,4 +330,58 @@ TEST_F(ShellQuickTest, WithoutGoogleConfiguredTheAccountsPageSaysWhereTheSetting
     EXPECT_EQ(configuration->property("text").toString(), *w.store->googleConfigurationMessage());
     EXPECT_FALSE(h.find("connectGoogleButton")->isVisible());
     EXPECT_EQ(h.item("googleAccount:me@work.example"), nullptr);
+}
+
+// The name a screen reader gives the item with the keyboard focus.
+static QString focusName(QQuickWindow* window) {
+    QQuickItem* item = window->activeFocusItem();
+    if (!item) return QStringLiteral("<none>");
+    QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(item);
+    const QString name = accessible ? accessible->text(QAccessible::Name) : QString();
+    return name.isEmpty() ? QStringLiteral("<unnamed %1>").arg(QString::fromLatin1(item->metaObject()->className())) : name;
+}
+
+TEST_F(ShellQuickTest, TabWalksTheEditorInReadingOrderAndStaysInTheDialog) {
+    ShellWorkspace w;
+    w.open();
+    Harness h("property alias dialog: editorDialog\nproperty alias model: editorModel\n"
+              "EventEditorModel { id: editorModel }\nEventEditorDialog { id: editorDialog; editor: editorModel }",
+              {});
+    ASSERT_TRUE(h.root);
+    QObject* dialog = h.root->property("dialog").value<QObject*>();
+    QObject* model = h.root->property("model").value<QObject*>();
+    model->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    model->setProperty("scene", QVariant::fromValue<QObject*>(w.scene.get()));
+    EventDraft draft;
+    draft.title = QStringLiteral("設計レビュー");
+    draft.start = ShellWorkspace::march(6, 10);
+    draft.end = ShellWorkspace::march(6, 11);
+    draft.calendarIDs = {w.work};
+    w.scene->setPendingEventDraft(draft);
+    w.scene->setEditorPresentation(EditorPresentation::create());
+    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    ASSERT_TRUE(waitUntil([&] { return focusName(h.window) == "タイトル"; }));
+
+    QStringList order{focusName(h.window)};
+    for (int step = 0; step < 40; ++step) {
+        QTest::keyClick(h.window, Qt::Key_Tab);
+        const QString name = focusName(h.window);
+        if (name == order.front()) break;
+        order.push_back(name);
+    }
+    // Every stop has a name, the fields come in the order they stand, the
+    // notes do not swallow Tab, and the walk ends on the buttons and comes
+    // back to the title without leaving the dialog.
+    for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << name.toStdString();
+    auto at = [&](const char* name) { return order.indexOf(QString::fromUtf8(name)); };
+    EXPECT_EQ(order.mid(0, 6), (QStringList{"タイトル", "終日", "開始日", "開始時刻", "終了日", "終了時刻"}));
+    EXPECT_LT(at("終了時刻"), at("カレンダー「業務」"));
+    EXPECT_LT(at("カレンダー「業務」"), at("繰り返し"));
+    EXPECT_LT(at("繰り返し"), at("メモ"));
+    EXPECT_LT(at("メモ"), at("キャンセル"));
+    EXPECT_EQ(order.mid(order.size() - 2), (QStringList{"キャンセル", "保存"})) << order.join(" → ").toStdString();
+    EXPECT_EQ(focusName(h.window), "タイトル");
+    // Shift+Tab goes back the same way.
+    QTest::keyClick(h.window, Qt::Key_Backtab);
+    EXPECT_EQ(focusName(h.window), "保存");
 }

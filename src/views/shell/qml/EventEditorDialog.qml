@@ -151,7 +151,7 @@ Dialog {
                         required property bool receivesBusyBlocks
                         checked: selected
                         text: name + "  ·  " + accountName + (receivesBusyBlocks ? "  ・予定ありブロックを受け取る" : "")
-                        Accessible.name: name
+                        Accessible.name: "カレンダー「" + name + "」"
                         onToggled: editor.toggleCalendar(index)
                     }
                 }
@@ -273,7 +273,9 @@ Dialog {
                     placeholderText: "メモを追加"
                     Accessible.name: "メモ"
                     background: Rectangle { color: palette.base; border.color: palette.mid; radius: 2 }
-                    KeyNavigation.priority: KeyNavigation.BeforeItem
+                    // Tab moves on instead of typing a tab character.
+                    Keys.onTabPressed: (event) => nextItemInFocusChain(true).forceActiveFocus(Qt.TabFocusReason)
+                    Keys.onBacktabPressed: (event) => nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
                     onTextChanged: if (text !== editor.notes) editor.notes = text
                 }
             }

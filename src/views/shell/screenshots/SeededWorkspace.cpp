@@ -26,9 +26,12 @@ AppSnapshot seededSnapshot(Date today, const DateCalendar& calendar, int fillerE
     const UUID work = fixedID(1), personal = fixedID(2), family = fixedID(3);
     s.accounts = {
         Account{.id = work, .name = "株式会社タベロ", .email = "sato@tavelo-corp.example", .kind = AccountKind::work,
-                .colorHex = "#3B82F6", .isConnected = true, .googleSubject = QStringLiteral("1001")},
+                .colorHex = "#3B82F6", .isConnected = true, .lastSync = today.addingSeconds(-25 * 60),
+                .googleSubject = QStringLiteral("1001")},
+        // Its sign-in has expired: it needs reconnecting.
         Account{.id = personal, .name = "個人", .email = "sato.hanako@gmail.example", .kind = AccountKind::personal,
-                .colorHex = "#10B981", .isConnected = true, .googleSubject = QStringLiteral("1002")},
+                .colorHex = "#10B981", .isConnected = false, .lastSync = today.addingSeconds(-3 * 86400),
+                .googleSubject = QStringLiteral("1002")},
         Account{.id = family, .name = "家族", .email = "", .kind = AccountKind::family, .colorHex = "#F59E0B"},
     };
     const UUID local = CalendarSource::tavelo().id;
