@@ -282,14 +282,17 @@ Pane {
                         readonly property real laneWidth: week.dayWidth / laneCount
                         readonly property bool dragged: week.dragActive && week.dragEventId === eventId
                         // Many overlapping entries would leave lanes too narrow
-                        // to read: such a block keeps a legible width and
-                        // overlaps its neighbours in a cascade, later lanes on
-                        // top, each edged in the background colour.
+                        // to read: then each block keeps a legible width and
+                        // the lanes cascade across the day, later (later
+                        // starting) lanes on top, each edged in the background
+                        // colour, so every title shows above the next block.
                         readonly property real laneExtent: laneSpan * laneWidth - 3
-                        readonly property real legibleWidth: Math.min(week.dayWidth - 4, 52)
+                        readonly property real legibleWidth: Math.min(week.dayWidth - 4, 84)
                         readonly property bool cascaded: laneExtent < legibleWidth
+                        readonly property real cascadeStep: (week.dayWidth - legibleWidth - 3) / Math.max(1, laneCount - 1)
                         readonly property bool narrow: width < 96
-                        x: week.gutterWidth + dayIndex * week.dayWidth + Math.min(lane * laneWidth, week.dayWidth - width - 3) + 1
+                        x: week.gutterWidth + dayIndex * week.dayWidth + 1
+                           + (cascaded ? lane * cascadeStep : lane * laneWidth)
                         y: itemTop + 1
                         z: lane
                         width: Math.max(laneExtent, legibleWidth)
