@@ -311,7 +311,7 @@ TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroug
 
     h.click(disconnectButton);
     ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
-    QMetaObject::invokeMethod(dialog, "accept");
+    QTest::keyClick(h.window, Qt::Key_Return);
     ASSERT_TRUE(waitUntil([&] { return !google->disconnected.empty() && !w.store->isSyncing(); }));
     EXPECT_EQ(google->disconnected, std::vector<UUID>{w.workAccount});
 }

@@ -158,5 +158,11 @@ Pane {
         standardButtons: Dialog.Cancel | Dialog.Ok
         Label { text: "以降の定期実行を停止します。すでに実行中の処理は完了まで続きます。"; wrapMode: Text.WordWrap; width: 360 }
         onAccepted: page.settings.deleteSchedule(row)
+        Component.onCompleted: {
+            standardButton(Dialog.Ok).text = "削除"
+            standardButton(Dialog.Cancel).text = "キャンセル"
+        }
+        // Enter confirms, Escape cancels.
+        Shortcut { sequences: ["Return", "Enter"]; enabled: confirm.opened; onActivated: confirm.accept() }
     }
 }

@@ -227,6 +227,8 @@ ScrollView {
                 text: "「" + disconnectDialog.accountTitle + "」の接続を解除しますか？\nこのコンピューターに保存されたこのアカウントのカレンダーと予定は削除されます。Google上のデータは変わりません。"
             }
             onAccepted: page.google.disconnectAccount(row)
+            // Enter confirms, Escape cancels.
+            Shortcut { sequences: ["Return", "Enter"]; enabled: disconnectDialog.opened; onActivated: disconnectDialog.accept() }
         }
 
         Label {

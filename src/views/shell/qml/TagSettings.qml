@@ -92,6 +92,7 @@ Pane {
                         Label { text: "時間" }
                         CheckBox {
                             text: "超過を警告"
+                            Accessible.name: card.name + " の超過を警告"
                             checked: card.warnsWhenExceeded
                             enabled: card.weeklyTargetHours > 0
                             onToggled: tags.setWeeklyTarget(card.index, card.weeklyTargetHours, checked)
