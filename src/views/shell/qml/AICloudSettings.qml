@@ -122,7 +122,7 @@ Pane {
                 onActivated: page.settings.scheduleRecurrence = currentValue
             }
             Label { text: "一時停止" }
-            Switch { checked: page.settings.schedulePaused; Accessible.name: "一時停止"; onToggled: page.settings.schedulePaused = checked }
+            ToggleSwitch { checked: page.settings.schedulePaused; Accessible.name: "一時停止"; onToggled: page.settings.schedulePaused = checked }
             Label { text: "次回以降"; Layout.alignment: Qt.AlignTop }
             Label { text: page.settings.scheduleNextOccurrences.join("\n") || "—"; opacity: 0.8 }
             Label {

@@ -91,7 +91,7 @@ Dialog {
             }
 
             Label { text: "終日" }
-            Switch {
+            ToggleSwitch {
                 objectName: "allDaySwitch"
                 checked: editor.isAllDay
                 Accessible.name: "終日"
@@ -141,15 +141,37 @@ Dialog {
                 Repeater {
                     model: editor.calendars
                     delegate: CheckBox {
+                        id: choice
                         Layout.fillWidth: true
                         Layout.minimumWidth: 0
                         Layout.preferredWidth: 10
                         required property int index
                         required property string name
                         required property string accountName
+                        required property string calendarColor
                         required property bool selected
                         required property bool receivesBusyBlocks
                         checked: selected
+                        // As in the sidebar: the calendar's colour is its check box.
+                        readonly property color swatch: calendarColor.length > 0 ? calendarColor : palette.highlight
+                        indicator: Rectangle {
+                            x: choice.leftPadding
+                            y: (choice.height - height) / 2
+                            width: 14
+                            height: 14
+                            radius: 3
+                            color: choice.checked ? choice.swatch : "transparent"
+                            border.color: choice.visualFocus ? palette.highlight : choice.swatch
+                            border.width: choice.visualFocus ? 2 : 1.5
+                            Label {
+                                anchors.centerIn: parent
+                                visible: choice.checked
+                                text: "✓"
+                                color: "white"
+                                font.pointSize: 8
+                                font.bold: true
+                            }
+                        }
                         text: name + "  ·  " + accountName + (receivesBusyBlocks ? "  ・予定ありブロックを受け取る" : "")
                         Accessible.name: "カレンダー「" + name + "」"
                         onToggled: editor.toggleCalendar(index)
