@@ -75,6 +75,11 @@ std::exception_ptr cancellation() {
     return std::make_exception_ptr(CancellationError());
 }
 
+// The body of a background task whose store has gone.
+QCoro::Task<bool> nothingToDo() {
+    co_return false;
+}
+
 } // namespace
 
 QCoro::Task<bool> AppStore::refreshGoogleAccountsIfNeeded(Date now, std::stop_token token) {
@@ -218,7 +223,7 @@ std::optional<BackgroundTask<bool>> AppStore::beginGoogleAuthentication(GoogleAu
     QPointer<AppStore> self(this);
     auto task = BackgroundTask<bool>::start(
         [self, generation, request, previousStatuses](std::stop_token token) -> QCoro::Task<bool> {
-            if (!self) return [](std::stop_token) -> QCoro::Task<bool> { co_return false; }(token);
+            if (!self) return nothingToDo();
             return self->runGoogleAuthentication(generation, request, previousStatuses, std::move(token));
         });
     // An authentication that ended before `start` returned has already
@@ -330,9 +335,9 @@ void AppStore::restoreAuthenticationStatuses(const std::map<UUID, GoogleSyncStat
 
 void AppStore::startBackgroundGoogleSync(UUID accountID) {
     QPointer<AppStore> self(this);
-    googleBackgroundSync_ = BackgroundTask<bool>::start([self, accountID](std::stop_token) -> QCoro::Task<bool> {
-        if (!self) return [](std::stop_token) -> QCoro::Task<bool> { co_return false; }({});
-        return self->syncGoogleAccount(accountID);
+    googleBackgroundSync_ = BackgroundTask<bool>::start([self, accountID](std::stop_token token) -> QCoro::Task<bool> {
+        if (!self) return nothingToDo();
+        return self->syncGoogleAccount(accountID, std::move(token));
     });
 }
 
