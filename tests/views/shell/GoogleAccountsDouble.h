@@ -7,6 +7,7 @@
 #include "support/Async.h"
 
 #include <deque>
+#include <functional>
 
 #include <map>
 #include <vector>
@@ -62,9 +63,13 @@ public:
     QCoro::Task<std::vector<GoogleSyncWarning>> googleSyncWarnings(UUID id) override {
         co_return std::vector<GoogleSyncWarning>(warnings[id]);
     }
+    // Receives the copies a targeted retry sends; the stored events stay.
+    std::function<void(std::vector<GoogleMutationDestination>)> onRetry;
     QCoro::Task<std::vector<CalendarEvent>> retryMutation(GoogleMutationOperation, UUID, std::vector<CalendarEvent>,
-                                                          std::vector<GoogleMutationDestination>) override {
-        throw std::logic_error("no mutation is retried here");
+                                                          std::vector<GoogleMutationDestination> rest) override {
+        if (!onRetry) throw std::logic_error("no mutation is retried here");
+        onRetry(std::move(rest));
+        co_return std::vector<CalendarEvent>{};
     }
 };
 

@@ -8,6 +8,7 @@
 #include "views/shell/TrayMenu.h"
 #include "views/shell/ShellWorkspace.h"
 #include "views/shell/GoogleAccountsDouble.h"
+#include "stores/StoreTestSupport.h"
 
 #include <QAccessible>
 #include <QAction>
@@ -384,4 +385,83 @@ TEST_F(ShellQuickTest, TabWalksTheEditorInReadingOrderAndStaysInTheDialog) {
     // Shift+Tab goes back the same way.
     QTest::keyClick(h.window, Qt::Key_Backtab);
     EXPECT_EQ(focusName(h.window), "保存");
+}
+
+namespace {
+
+// An edit that reached the first Google calendar and not the second, as the
+// Google calendar service reports it.
+struct CutShort : std::runtime_error, GoogleMutationPartialFailure {
+    std::vector<GoogleMutationDestination> remaining, conflicting;
+    explicit CutShort(std::vector<GoogleMutationDestination> rest)
+        : std::runtime_error("cut short"), remaining(std::move(rest)) {}
+    bool isPartialMutation() const override { return true; }
+    GoogleMutationOperation operation() const override { return GoogleMutationOperation::create; }
+    const std::vector<GoogleMutationDestination>& remainingDestinations() const override { return remaining; }
+    const std::vector<GoogleMutationDestination>& conflictingDestinations() const override { return conflicting; }
+    GoogleMutationFailureCause cause() const override { return GoogleMutationFailureCause::requestFailure; }
+};
+
+// Creating fails half-way once: the local file gets the copies that arrived.
+class HalfWayService final : public ForwardingCalendarService {
+public:
+    using ForwardingCalendarService::ForwardingCalendarService;
+    std::optional<GoogleMutationDestination> missing;
+    UUID account;
+    QCoro::Task<Events> createEvents(Events events) override {
+        auto inner = in;
+        if (events.size() < 2 || missing) co_return co_await inner->createEvents(std::move(events));
+        const CalendarEvent last = events.back();
+        missing = GoogleMutationDestination{account, last.calendarID, last.id};
+        events.pop_back();
+        co_await inner->createEvents(std::move(events));
+        throw CutShort({*missing});
+    }
+};
+
+} // namespace
+
+TEST_F(ShellQuickTest, APartialGoogleEditShowsInTheMessageBarAndItsRetrySendsOnlyTheRest) {
+    ShellWorkspace w;
+    const UUID hiring = uuid(0xC3);
+    w.seed.calendars.push_back(CalendarSource{.id = hiring, .accountID = w.workAccount, .name = "採用",
+                                              .googleCalendarID = QStringLiteral("hiring@group.calendar.google.com")});
+    auto google = std::make_shared<GoogleAccountsDouble>();
+    std::vector<GoogleMutationDestination> retried;
+    google->onRetry = [&](std::vector<GoogleMutationDestination> rest) { retried = std::move(rest); };
+    auto local = std::make_shared<LocalCalendarService>(w.path(), [&] { return w.seed; });
+    auto halfWay = std::make_shared<HalfWayService>(local);
+    halfWay->account = w.workAccount;
+    w.store = std::make_unique<AppStore>(halfWay, google, w.dir.filePath("google-oauth.json"), tokyo());
+    syncWait(w.store->load());
+
+    Harness h("property alias shell: controller\nShellController { id: controller }\n"
+              "MessageBar { objectName: \"bar\"; width: 600; text: controller.storeMessage; canRetry: controller.canRetry;"
+              " onRetry: controller.retry(); onDismissed: controller.dismissStoreMessage() }",
+              {});
+    ASSERT_TRUE(h.root);
+    h.root->property("shell").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+
+    EventDraft draft{.title = QStringLiteral("合同会議"), .start = ShellWorkspace::march(5, 10),
+                     .end = ShellWorkspace::march(5, 11), .calendarIDs = {w.work, hiring}};
+    EXPECT_FALSE(syncWait(w.store->saveEvent(draft, std::nullopt)));
+    ASSERT_TRUE(halfWay->missing) << w.store->lastError().value_or(QString()).toStdString();
+
+    auto* bar = h.item("bar");
+    ASSERT_TRUE(bar);
+    ASSERT_TRUE(waitUntil([&] { return bar->isVisible(); }));
+    EXPECT_EQ(Harness::findItem(bar, "messageText")->property("text").toString(),
+              "一部のカレンダーへの変更が未完了です（残り1件、競合0件）。確認後に再試行してください。");
+    QQuickItem* retry = nullptr;
+    std::function<void(QQuickItem*)> findRetry = [&](QQuickItem* item) {
+        if (item->property("text").toString() == "再試行") retry = item;
+        for (QQuickItem* child : item->childItems()) findRetry(child);
+    };
+    findRetry(bar);
+    ASSERT_TRUE(retry && retry->isVisible());
+
+    h.click(retry);
+    ASSERT_TRUE(waitUntil([&] { return !retried.empty() && !bar->isVisible(); }));
+    EXPECT_EQ(retried, std::vector<GoogleMutationDestination>{*halfWay->missing});
+    EXPECT_FALSE(w.store->canRetry());
 }
