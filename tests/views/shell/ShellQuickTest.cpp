@@ -342,6 +342,47 @@ static QString focusName(QQuickWindow* window) {
     return name.isEmpty() ? QStringLiteral("<unnamed %1>").arg(QString::fromLatin1(item->metaObject()->className())) : name;
 }
 
+// The names of the stops Tab reaches from `first`, until it comes back.
+static QStringList tabWalk(QQuickWindow* window, QQuickItem* first, int limit = 40) {
+    first->forceActiveFocus(Qt::TabFocusReason);
+    QStringList order{focusName(window)};
+    for (int step = 0; step < limit; ++step) {
+        QTest::keyClick(window, Qt::Key_Tab);
+        const QString name = focusName(window);
+        if (name == order.front()) break;
+        order.push_back(name);
+    }
+    return order;
+}
+
+TEST_F(ShellQuickTest, TabReachesEveryNamedControlOfTheLoginAndTheAccountsPage) {
+    auto cloud = makeStore();
+    {
+        Harness h("property alias login: loginView\nLoginView { id: loginView; anchors.fill: parent }", {});
+        ASSERT_TRUE(h.root);
+        h.root->property("login").value<QObject*>()->setProperty("cloud", QVariant::fromValue<QObject*>(cloud.get()));
+        const QStringList order = tabWalk(h.window, h.find("emailField"));
+        for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
+        EXPECT_LT(order.indexOf("メールアドレス"), order.indexOf("パスワード")) << order.join(" → ").toStdString();
+        EXPECT_TRUE(order.contains("ログイン")) << order.join(" → ").toStdString();
+    }
+    {
+        auto google = std::make_shared<GoogleAccountsDouble>();
+        ShellWorkspace w;
+        w.open(ShellWorkspace::march(4, 12), google);
+        Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+                  "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+                  {});
+        ASSERT_TRUE(h.root);
+        h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+        ASSERT_TRUE(waitUntil([&] { return h.find("connectGoogleButton")->isVisible(); }));
+        const QStringList order = tabWalk(h.window, h.find("signOutButton"));
+        for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
+        EXPECT_TRUE(order.contains("me@work.example の接続を解除")) << order.join(" → ").toStdString();
+        EXPECT_LT(order.indexOf("me@work.example の接続を解除"), order.indexOf("Googleアカウントを接続"));
+    }
+}
+
 TEST_F(ShellQuickTest, TabWalksTheEditorInReadingOrderAndStaysInTheDialog) {
     ShellWorkspace w;
     w.open();
