@@ -287,7 +287,7 @@ Pane {
                         // starting) lanes on top, each edged in the background
                         // colour, so every title shows above the next block.
                         readonly property real laneExtent: laneSpan * laneWidth - 3
-                        readonly property real legibleWidth: Math.min(week.dayWidth - 4, 84)
+                        readonly property real legibleWidth: Math.min(week.dayWidth - 4, 60)
                         readonly property bool cascaded: laneExtent < legibleWidth
                         readonly property real cascadeStep: (week.dayWidth - legibleWidth - 3) / Math.max(1, laneCount - 1)
                         readonly property bool narrow: width < 96
@@ -298,8 +298,11 @@ Pane {
                         width: Math.max(laneExtent, legibleWidth)
                         height: Math.max(itemHeight - 2, 18)
                         radius: 4
-                        opacity: dragged ? 0.35 : (isPast ? 0.75 : 1)
-                        color: root.eventColor(colorHex, isBusyBlock)
+                        // Cascaded blocks cover each other: opaque, so that no
+                        // title shows through the block above it.
+                        opacity: dragged ? 0.35 : (isPast && !cascaded ? 0.75 : 1)
+                        color: cascaded ? Qt.tint(root.palette.base, root.eventColor(colorHex, isBusyBlock))
+                                        : root.eventColor(colorHex, isBusyBlock)
                         border.color: activeFocus ? root.palette.highlight
                                                   : (isBusyBlock ? Qt.rgba(root.palette.text.r, root.palette.text.g, root.palette.text.b, 0.35)
                                                                  : (cascaded ? root.palette.base : "transparent"))

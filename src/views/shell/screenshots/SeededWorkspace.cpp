@@ -100,11 +100,13 @@ AppSnapshot seededSnapshot(Date today, const DateCalendar& calendar, int fillerE
         mirror(add("週次定例（プロダクト）", at(w, 1, 10), at(w, 1, 11), business, meeting));
         add("API設計の実装", at(w, 1, 13), at(w, 1, 17), business, develop);
         add("ジム", at(w, 1, 19), at(w, 1, 20), privateCal);
-        // Tuesday: three overlapping meetings
+        // Tuesday: five overlapping meetings
         mirror(add("四半期事業計画レビューと来期予算配分についての部門横断ディスカッション（第3回）", at(w, 2, 9),
                    at(w, 2, 11, 30), business, meeting));
         add("1on1 田中さん", at(w, 2, 10), at(w, 2, 10, 30), business, meeting);
         add("候補者面接（バックエンド）", at(w, 2, 10, 15), at(w, 2, 11, 15), hiring, recruiting);
+        add("障害対応の振り返り", at(w, 2, 10, 30), at(w, 2, 11, 30), business, meeting);
+        add("採用基準のすり合わせ", at(w, 2, 10, 45), at(w, 2, 12), hiring, recruiting);
         add("ランチ", at(w, 2, 12), at(w, 2, 13), privateCal);
         add("コードレビュー", at(w, 2, 14), at(w, 2, 16), business, develop);
         // Wednesday
