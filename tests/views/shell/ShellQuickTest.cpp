@@ -3,6 +3,7 @@
 // real server on 127.0.0.1.
 
 #include "ai/CloudTestSupport.h"
+#include "app/TaveloApp.h"
 #include "views/shell/ShellEngine.h"
 #include "views/shell/ShellRoot.h"
 #include "views/shell/TrayMenu.h"
@@ -505,4 +506,37 @@ TEST_F(ShellQuickTest, APartialGoogleEditShowsInTheMessageBarAndItsRetrySendsOnl
     ASSERT_TRUE(waitUntil([&] { return !retried.empty() && !bar->isVisible(); }));
     EXPECT_EQ(retried, std::vector<GoogleMutationDestination>{*halfWay->missing});
     EXPECT_FALSE(w.store->canRetry());
+}
+
+TEST_F(ShellQuickTest, RestoringASavedSessionShowsABusyStateAndNeverTheLoginForm) {
+    connectedStore(); // a session saved by an earlier run
+    privateServer.hold("GET", "/v1/session");
+    TaveloApp app(directory.filePath(QStringLiteral("app")), makeStore());
+    shell::ShellRoot root(app);
+    root.start();
+
+    QQmlEngine engine;
+    shell::addModuleImportPaths(engine);
+    QQmlComponent component(&engine, shell::mainWindowUrl());
+    std::unique_ptr<QObject> windowObject(
+        component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&root)}}));
+    auto* window = qobject_cast<QQuickWindow*>(windowObject.get());
+    ASSERT_TRUE(window) << component.errorString().toStdString();
+    auto find = [&](const char* name) { return Harness::findItem(window->contentItem(), QString::fromLatin1(name)); };
+
+    bool loginShown = false;
+    auto watching = [&](const std::function<bool()>& done) {
+        return waitUntil([&] {
+            loginShown = loginShown || find("loginView") != nullptr;
+            return done();
+        });
+    };
+    ASSERT_TRUE(watching([&] { return privateServer.heldCount() == 1; }));
+    EXPECT_NE(find("startingView"), nullptr);
+
+    ASSERT_TRUE(privateServer.answerOldestHeld(CannedResponse::json(200, R"({"userID":"owner","kind":"owner"})")));
+    ASSERT_TRUE(watching([&] { return root.hasWorkspace() && !root.isStarting(); }));
+    ASSERT_TRUE(watching([&] { return find("startingView") == nullptr; }));
+    QTest::qWait(50);
+    EXPECT_FALSE(loginShown || find("loginView"));
 }
