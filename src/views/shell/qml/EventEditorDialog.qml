@@ -140,7 +140,7 @@ Dialog {
                 spacing: 0
                 Repeater {
                     model: editor.calendars
-                    delegate: CheckBox {
+                    delegate: CheckField {
                         id: choice
                         Layout.fillWidth: true
                         Layout.minimumWidth: 0
@@ -153,25 +153,7 @@ Dialog {
                         required property bool receivesBusyBlocks
                         checked: selected
                         // As in the sidebar: the calendar's colour is its check box.
-                        readonly property color swatch: calendarColor.length > 0 ? calendarColor : palette.highlight
-                        indicator: Rectangle {
-                            x: choice.leftPadding
-                            y: (choice.height - height) / 2
-                            width: 14
-                            height: 14
-                            radius: 3
-                            color: choice.checked ? choice.swatch : "transparent"
-                            border.color: choice.visualFocus ? palette.highlight : choice.swatch
-                            border.width: choice.visualFocus ? 2 : 1.5
-                            Label {
-                                anchors.centerIn: parent
-                                visible: choice.checked
-                                text: "✓"
-                                color: "white"
-                                font.pointSize: 8
-                                font.bold: true
-                            }
-                        }
+                        swatch: calendarColor.length > 0 ? calendarColor : palette.highlight
                         text: name + "  ·  " + accountName + (receivesBusyBlocks ? "  ・予定ありブロックを受け取る" : "")
                         Accessible.name: "カレンダー「" + name + "」"
                         onToggled: editor.toggleCalendar(index)
@@ -276,7 +258,7 @@ Dialog {
             }
 
             Label { visible: editor.offersMeet; text: "Google Meet" }
-            CheckBox {
+            CheckField {
                 visible: editor.offersMeet
                 text: "Meetのリンクを作成"
                 checked: editor.requestsMeet

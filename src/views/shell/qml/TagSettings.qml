@@ -90,7 +90,7 @@ Pane {
                             onValueModified: tags.setWeeklyTarget(card.index, value, card.warnsWhenExceeded)
                         }
                         Label { text: "時間" }
-                        CheckBox {
+                        CheckField {
                             text: "超過を警告"
                             Accessible.name: card.name + " の超過を警告"
                             checked: card.warnsWhenExceeded
