@@ -17,23 +17,16 @@ QObject* EventDetailModel::scene() const { return scene_; }
 
 void EventDetailModel::setStore(QObject* object) {
     AppStore* store = Support::appStore(object);
-    if (store == store_) return;
-    for (const auto& connection : storeConnections_) disconnect(connection);
-    storeConnections_.clear();
-    store_ = store;
-    if (store)
-        for (auto signal : {&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::tagsChanged})
-            storeConnections_.push_back(connect(store, signal, this, &EventDetailModel::refresh));
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::tagsChanged}, this, &EventDetailModel::refresh);
     emit storeChanged();
     refresh();
 }
 
 void EventDetailModel::setScene(QObject* object) {
     SceneState* scene = Support::sceneState(object);
-    if (scene == scene_) return;
-    disconnect(sceneConnection_);
-    scene_ = scene;
-    if (scene) sceneConnection_ = connect(scene, &SceneState::selectedEventIDChanged, this, &EventDetailModel::refresh);
+    if (!scene_.follow(scene)) return;
+    scene_.on(&SceneState::selectedEventIDChanged, this, &EventDetailModel::refresh);
     emit sceneChanged();
     refresh();
 }

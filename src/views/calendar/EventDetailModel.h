@@ -1,7 +1,7 @@
 #pragma once
 
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <QStringList>
 #include <qqmlintegration.h>
 
@@ -71,10 +71,8 @@ signals:
     void deleted(bool succeeded);
 
 private:
-    QPointer<AppStore> store_;
-    QPointer<SceneState> scene_;
-    std::vector<QMetaObject::Connection> storeConnections_;
-    QMetaObject::Connection sceneConnection_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<SceneState> scene_;
     QString eventId_, title_, dateText_, timeText_, location_, notes_, tagName_, colorHex_;
     QStringList calendarNames_, guests_;
     int copyCount_ = 0;

@@ -18,23 +18,16 @@ QObject* MonthModel::scene() const { return scene_; }
 
 void MonthModel::setStore(QObject* object) {
     AppStore* store = Support::appStore(object);
-    if (store == store_) return;
-    for (const auto& connection : storeConnections_) disconnect(connection);
-    storeConnections_.clear();
-    store_ = store;
-    if (store)
-        for (auto signal : {&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::preferencesChanged})
-            storeConnections_.push_back(connect(store, signal, this, &MonthModel::rebuild));
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::preferencesChanged}, this, &MonthModel::rebuild);
     emit storeChanged();
     rebuild();
 }
 
 void MonthModel::setScene(QObject* object) {
     SceneState* scene = Support::sceneState(object);
-    if (scene == scene_) return;
-    disconnect(sceneConnection_);
-    scene_ = scene;
-    if (scene) sceneConnection_ = connect(scene, &SceneState::selectedDateChanged, this, &MonthModel::rebuild);
+    if (!scene_.follow(scene)) return;
+    scene_.on(&SceneState::selectedDateChanged, this, &MonthModel::rebuild);
     emit sceneChanged();
     rebuild();
 }

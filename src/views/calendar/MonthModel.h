@@ -1,7 +1,7 @@
 #pragma once
 
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <qqmlintegration.h>
 
 #include "views/calendar/DayListModel.h"
@@ -51,10 +51,8 @@ signals:
     void titleTextChanged();
 
 private:
-    QPointer<AppStore> store_;
-    QPointer<SceneState> scene_;
-    std::vector<QMetaObject::Connection> storeConnections_;
-    QMetaObject::Connection sceneConnection_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<SceneState> scene_;
     DayListModel* days_;
     int maxItemsPerDay_ = 4;
     QString titleText_;

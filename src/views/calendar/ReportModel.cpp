@@ -78,13 +78,8 @@ QObject* ReportModel::store() const { return store_; }
 
 void ReportModel::setStore(QObject* object) {
     AppStore* store = Support::appStore(object);
-    if (store == store_) return;
-    for (const auto& connection : storeConnections_) disconnect(connection);
-    storeConnections_.clear();
-    store_ = store;
-    if (store)
-        for (auto signal : {&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::tagsChanged})
-            storeConnections_.push_back(connect(store, signal, this, &ReportModel::rebuild));
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::tagsChanged}, this, &ReportModel::rebuild);
     emit storeChanged();
     rebuild();
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <qqmlintegration.h>
 
 #include "views/calendar/RowListModel.h"
@@ -102,8 +102,7 @@ signals:
     void summaryChanged();
 
 private:
-    QPointer<AppStore> store_;
-    std::vector<QMetaObject::Connection> storeConnections_;
+    SourceBinding<AppStore> store_;
     QString period_ = QStringLiteral("week");
     std::optional<Date> referenceDate_;
     std::vector<ReportRow> rows_;

@@ -19,18 +19,12 @@ QObject* SearchModel::scene() const { return scene_; }
 
 void SearchModel::setStore(QObject* object) {
     AppStore* store = Support::appStore(object);
-    if (store == store_) return;
-    for (const auto& connection : storeConnections_) disconnect(connection);
-    storeConnections_.clear();
-    store_ = store;
-    if (store) {
-        for (auto signal : {&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::accountsChanged})
-            storeConnections_.push_back(connect(store, signal, this, &SearchModel::invalidateSnapshot));
-        storeConnections_.push_back(connect(store, &AppStore::preferencesChanged, this, [this] {
-            invalidateSnapshot();
-            emit includePastChanged();
-        }));
-    }
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::accountsChanged}, this, &SearchModel::invalidateSnapshot);
+    store_.on(&AppStore::preferencesChanged, this, [this] {
+        invalidateSnapshot();
+        emit includePastChanged();
+    });
     snapshot_.reset();
     results_->setTextCalendar(store ? std::optional<DateCalendar>(store->dateCalendar()) : std::nullopt);
     emit storeChanged();
@@ -40,8 +34,7 @@ void SearchModel::setStore(QObject* object) {
 
 void SearchModel::setScene(QObject* object) {
     SceneState* scene = Support::sceneState(object);
-    if (scene == scene_) return;
-    scene_ = scene;
+    if (!scene_.follow(scene)) return;
     emit sceneChanged();
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <qqmlintegration.h>
 
 #include "models/AppSnapshot.h"
@@ -57,9 +57,8 @@ signals:
 private:
     void invalidateSnapshot();
 
-    QPointer<AppStore> store_;
-    QPointer<SceneState> scene_;
-    std::vector<QMetaObject::Connection> storeConnections_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<SceneState> scene_;
     CalendarItemModel* results_;
     QString query_;
     QString summaryText_;

@@ -53,36 +53,24 @@ QObject* WeekModel::cloud() const { return cloud_; }
 
 void WeekModel::setStore(QObject* object) {
     AppStore* store = Support::appStore(object);
-    if (store == store_) return;
-    for (const auto& connection : storeConnections_) disconnect(connection);
-    storeConnections_.clear();
-    store_ = store;
-    if (store) {
-        for (auto signal : {&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::preferencesChanged})
-            storeConnections_.push_back(connect(store, signal, this, &WeekModel::rebuild));
-    }
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::eventsChanged, &AppStore::calendarsChanged, &AppStore::preferencesChanged}, this, &WeekModel::rebuild);
     emit storeChanged();
     rebuild();
 }
 
 void WeekModel::setScene(QObject* object) {
     SceneState* scene = Support::sceneState(object);
-    if (scene == scene_) return;
-    for (const auto& connection : sceneConnections_) disconnect(connection);
-    sceneConnections_.clear();
-    scene_ = scene;
-    if (scene) sceneConnections_.push_back(connect(scene, &SceneState::selectedDateChanged, this, &WeekModel::rebuild));
+    if (!scene_.follow(scene)) return;
+    scene_.on(&SceneState::selectedDateChanged, this, &WeekModel::rebuild);
     emit sceneChanged();
     rebuild();
 }
 
 void WeekModel::setCloud(QObject* object) {
     AICloudStore* cloud = Support::cloudStore(object);
-    if (cloud == cloud_) return;
-    for (const auto& connection : cloudConnections_) disconnect(connection);
-    cloudConnections_.clear();
-    cloud_ = cloud;
-    if (cloud) cloudConnections_.push_back(connect(cloud, &AICloudStore::stateChanged, this, &WeekModel::rebuildAIItems));
+    if (!cloud_.follow(cloud)) return;
+    cloud_.on(&AICloudStore::stateChanged, this, &WeekModel::rebuildAIItems);
     emit cloudChanged();
     rebuildAIItems();
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <qqmlintegration.h>
 
 #include "views/calendar/CalendarItemModel.h"
@@ -153,12 +153,9 @@ private:
     void saveMove(UUID eventID, DateInterval interval);
     void saveResize(UUID eventID, DateInterval interval);
 
-    QPointer<AppStore> store_;
-    QPointer<SceneState> scene_;
-    QPointer<AICloudStore> cloud_;
-    std::vector<QMetaObject::Connection> storeConnections_;
-    std::vector<QMetaObject::Connection> sceneConnections_;
-    std::vector<QMetaObject::Connection> cloudConnections_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<SceneState> scene_;
+    SourceBinding<AICloudStore> cloud_;
     DayListModel* days_;
     CalendarItemModel* allDayItems_;
     CalendarItemModel* timedItems_;

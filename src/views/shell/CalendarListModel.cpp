@@ -1,24 +1,20 @@
 #include "views/shell/CalendarListModel.h"
 
 #include "stores/AppStore.h"
-#include "views/shell/RowSync.h"
+#include "views/support/RowDiff.h"
 #include "views/shell/ShellTasks.h"
 
 namespace tavelo::shell {
 
 CalendarListModel::CalendarListModel(QObject* parent) : QAbstractListModel(parent) {}
 
-QObject* CalendarListModel::storeObject() const { return store_.data(); }
+QObject* CalendarListModel::storeObject() const { return store_.get(); }
 
 void CalendarListModel::setStoreObject(QObject* object) {
     auto* store = qobject_cast<AppStore*>(object);
-    if (store == store_) return;
-    if (store_) disconnect(store_, nullptr, this, nullptr);
-    store_ = store;
-    if (store_) {
-        connect(store_, &AppStore::calendarsChanged, this, &CalendarListModel::refresh);
-        connect(store_, &AppStore::accountsChanged, this, &CalendarListModel::refresh);
-    }
+    if (!store_.follow(store)) return;
+    store_.on(&AppStore::calendarsChanged, this, &CalendarListModel::refresh);
+    store_.on(&AppStore::accountsChanged, this, &CalendarListModel::refresh);
     refresh();
     emit storeChanged();
 }
@@ -45,7 +41,7 @@ std::vector<CalendarListModel::Row> CalendarListModel::rowsFor(const AppStore& s
 }
 
 void CalendarListModel::refresh() {
-    syncRows(*this, rows_, store_ ? rowsFor(*store_) : std::vector<Row>{}, [](const Row& r) { return r.calendarID; });
+    RowDiff::replaceRows(*this, rows_, store_ ? rowsFor(*store_) : std::vector<Row>{}, [](const Row& r) { return r.calendarID; });
 }
 
 int CalendarListModel::rowCount(const QModelIndex& parent) const {

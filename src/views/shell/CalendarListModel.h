@@ -1,12 +1,13 @@
 #pragma once
 
 #include <QAbstractListModel>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <QtQml/qqmlregistration.h>
 
 #include <vector>
 
 namespace tavelo {
+class RowDiff;
 class AppStore;
 }
 
@@ -52,10 +53,9 @@ signals:
 
 private:
     void refresh();
-    template <class R, class K, class M>
-    friend void syncRows(M&, std::vector<R>&, std::vector<R>, K);
+    friend class tavelo::RowDiff;
 
-    QPointer<AppStore> store_;
+    SourceBinding<AppStore> store_;
     std::vector<Row> rows_;
 };
 

@@ -5,7 +5,7 @@
 #include "stores/AppStore.h"
 #include "stores/EventAccessPolicy.h"
 #include "stores/SceneState.h"
-#include "views/shell/RowSync.h"
+#include "views/support/RowDiff.h"
 #include "views/shell/ShellTasks.h"
 
 #include <QTime>
@@ -39,7 +39,7 @@ QHash<int, QByteArray> EditorCalendarChoices::roleNames() const {
 }
 
 void EditorCalendarChoices::setRows(std::vector<Row> rows) {
-    syncRows(*this, rows_, std::move(rows), [](const Row& r) { return r.calendarID; });
+    RowDiff::replaceRows(*this, rows_, std::move(rows), [](const Row& r) { return r.calendarID; });
 }
 
 // --- the editor ------------------------------------------------------------------
@@ -82,19 +82,14 @@ EventEditorModel::EventEditorModel(QObject* parent) : QObject(parent), choices_(
 
 EventEditorModel::~EventEditorModel() = default;
 
-QObject* EventEditorModel::storeObject() const { return store_.data(); }
-QObject* EventEditorModel::sceneObject() const { return scene_.data(); }
+QObject* EventEditorModel::storeObject() const { return store_.get(); }
+QObject* EventEditorModel::sceneObject() const { return scene_.get(); }
 
 void EventEditorModel::setStoreObject(QObject* object) {
     auto* store = qobject_cast<AppStore*>(object);
-    if (store == store_) return;
-    if (store_) disconnect(store_, nullptr, this, nullptr);
-    store_ = store;
-    if (store_) {
-        connect(store_, &AppStore::calendarsChanged, this, &EventEditorModel::refreshChoices);
-        connect(store_, &AppStore::accountsChanged, this, &EventEditorModel::refreshChoices);
-        connect(store_, &AppStore::tagsChanged, this, &EventEditorModel::tagChoicesChanged);
-    }
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::calendarsChanged, &AppStore::accountsChanged}, this, &EventEditorModel::refreshChoices);
+    store_.on(&AppStore::tagsChanged, this, &EventEditorModel::tagChoicesChanged);
     emit storeChanged();
     emit tagChoicesChanged();
     followScene();
@@ -102,10 +97,8 @@ void EventEditorModel::setStoreObject(QObject* object) {
 
 void EventEditorModel::setSceneObject(QObject* object) {
     auto* scene = qobject_cast<SceneState*>(object);
-    if (scene == scene_) return;
-    if (scene_) disconnect(scene_, nullptr, this, nullptr);
-    scene_ = scene;
-    if (scene_) connect(scene_, &SceneState::editorPresentationChanged, this, &EventEditorModel::followScene);
+    if (!scene_.follow(scene)) return;
+    scene_.on(&SceneState::editorPresentationChanged, this, &EventEditorModel::followScene);
     emit sceneChanged();
     followScene();
 }

@@ -3,7 +3,7 @@
 #include <QAbstractListModel>
 #include <QDate>
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <QStringList>
 #include <QTimer>
 #include <QVariantList>
@@ -16,6 +16,7 @@
 #include <vector>
 
 namespace tavelo {
+class RowDiff;
 class AppStore;
 class SceneState;
 }
@@ -49,8 +50,7 @@ public:
     const std::vector<Row>& rows() const { return rows_; }
 
 private:
-    template <class R, class K, class M>
-    friend void syncRows(M&, std::vector<R>&, std::vector<R>, K);
+    friend class tavelo::RowDiff;
     std::vector<Row> rows_;
 };
 
@@ -178,8 +178,8 @@ private:
     EventDraft defaultDraft() const;
     std::vector<UUID> defaultCalendars() const;
 
-    QPointer<AppStore> store_;
-    QPointer<SceneState> scene_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<SceneState> scene_;
     EditorCalendarChoices* choices_;
     std::optional<EventDraft> draft_;
     std::optional<UUID> editingEventID_;

@@ -4,7 +4,7 @@
 #include "stores/AppStore.h"
 #include "stores/SceneState.h"
 #include "support/DateCalendar.h"
-#include "views/shell/RowSync.h"
+#include "views/support/RowDiff.h"
 #include "views/shell/ShellTasks.h"
 
 #include <QTime>
@@ -66,37 +66,28 @@ QHash<int, QByteArray> AIScheduleListModel::roleNames() const {
 }
 
 void AIScheduleListModel::setRows(std::vector<Row> rows) {
-    syncRows(*this, rows_, std::move(rows), [](const Row& r) { return r.scheduleID; });
+    RowDiff::replaceRows(*this, rows_, std::move(rows), [](const Row& r) { return r.scheduleID; });
 }
 
 // --- the settings -----------------------------------------------------------------------
 
 SettingsModel::SettingsModel(QObject* parent) : QObject(parent), schedules_(new AIScheduleListModel(this)) {}
 
-QObject* SettingsModel::storeObject() const { return store_.data(); }
-QObject* SettingsModel::cloudObject() const { return cloud_.data(); }
+QObject* SettingsModel::storeObject() const { return store_.get(); }
+QObject* SettingsModel::cloudObject() const { return cloud_.get(); }
 
 void SettingsModel::setStoreObject(QObject* object) {
     auto* store = qobject_cast<AppStore*>(object);
-    if (store == store_) return;
-    if (store_) disconnect(store_, nullptr, this, nullptr);
-    store_ = store;
-    if (store_) connect(store_, &AppStore::accountsChanged, this, &SettingsModel::googleAccountsChanged);
+    if (!store_.follow(store)) return;
     emit storeChanged();
-    emit googleAccountsChanged();
 }
 
 void SettingsModel::setCloudObject(QObject* object) {
     auto* cloud = qobject_cast<AICloudStore*>(object);
-    if (cloud == cloud_) return;
-    if (cloud_) disconnect(cloud_, nullptr, this, nullptr);
-    cloud_ = cloud;
-    if (cloud_) {
-        connect(cloud_, &AICloudStore::taveloEmailChanged, this, &SettingsModel::accountChanged);
-        connect(cloud_, &AICloudStore::endpointChanged, this, &SettingsModel::accountChanged);
-        connect(cloud_, &AICloudStore::accountChanged, this, &SettingsModel::accountChanged);
-        connect(cloud_, &AICloudStore::stateChanged, this, &SettingsModel::refreshScheduleRows);
-    }
+    if (!cloud_.follow(cloud)) return;
+    cloud_.on({&AICloudStore::taveloEmailChanged, &AICloudStore::endpointChanged, &AICloudStore::accountChanged}, this,
+              &SettingsModel::accountChanged);
+    cloud_.on(&AICloudStore::stateChanged, this, &SettingsModel::refreshScheduleRows);
     refreshScheduleRows();
     emit cloudChanged();
     emit accountChanged();
@@ -110,25 +101,6 @@ QString SettingsModel::accountText() const {
 }
 
 QString SettingsModel::endpoint() const { return cloud_ ? cloud_->endpoint() : QString(); }
-
-QString SettingsModel::googleConfigurationMessage() const {
-    if (!store_ || store_->hasGoogleAccountService()) return {};
-    return QStringLiteral("Google連携を利用するには %1 にOAuth設定を保存してください。ローカル機能は引き続き利用できます。")
-        .arg(store_->googleOAuthConfigurationPath());
-}
-
-QVariantList SettingsModel::googleAccounts() const {
-    QVariantList list;
-    if (!store_) return list;
-    for (const Account& account : store_->accounts()) {
-        if (!account.googleSubject) continue;
-        list.push_back(QVariantMap{{QStringLiteral("name"), account.name},
-                                   {QStringLiteral("email"), account.email},
-                                   {QStringLiteral("color"), account.colorHex},
-                                   {QStringLiteral("connected"), account.isConnected}});
-    }
-    return list;
-}
 
 bool SettingsModel::isChatGPTConnected() const { return cloud_ && cloud_->isChatGPTConnected(); }
 

@@ -3,7 +3,7 @@
 #include <QAbstractListModel>
 #include <QDate>
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <QUrl>
 #include <QtQml/qqmlregistration.h>
 
@@ -18,6 +18,7 @@
 #include <vector>
 
 namespace tavelo {
+class RowDiff;
 class AICloudStore;
 class AppStore;
 }
@@ -50,14 +51,13 @@ public:
     const std::vector<Row>& rows() const { return rows_; }
 
 private:
-    template <class R, class K, class M>
-    friend void syncRows(M&, std::vector<R>&, std::vector<R>, K);
+    friend class tavelo::RowDiff;
     std::vector<Row> rows_;
 };
 
-// The settings that are not tags: the cloud account and sign-out, where the
-// Google accounts stand, the ChatGPT link with its device login, and the AI
-// schedules with their editor.
+// The settings that are neither tags nor Google accounts: the cloud account
+// and sign-out, the ChatGPT link with its device login, and the AI schedules
+// with their editor.
 class SettingsModel : public QObject {
     Q_OBJECT
     QML_ELEMENT
@@ -65,8 +65,6 @@ class SettingsModel : public QObject {
     Q_PROPERTY(QObject* cloud READ cloudObject WRITE setCloudObject NOTIFY cloudChanged)
     Q_PROPERTY(QString accountText READ accountText NOTIFY accountChanged)
     Q_PROPERTY(QString endpoint READ endpoint NOTIFY accountChanged)
-    Q_PROPERTY(QString googleConfigurationMessage READ googleConfigurationMessage NOTIFY storeChanged)
-    Q_PROPERTY(QVariantList googleAccounts READ googleAccounts NOTIFY googleAccountsChanged)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY isBusyChanged)
     Q_PROPERTY(QString errorText READ errorText NOTIFY errorTextChanged)
     Q_PROPERTY(bool isChatGPTConnected READ isChatGPTConnected NOTIFY accountChanged)
@@ -95,8 +93,6 @@ public:
 
     QString accountText() const;
     QString endpoint() const;
-    QString googleConfigurationMessage() const;
-    QVariantList googleAccounts() const;
     bool isBusy() const { return isBusy_; }
     QString errorText() const { return errorText_; }
     bool isChatGPTConnected() const;
@@ -139,7 +135,6 @@ signals:
     void storeChanged();
     void cloudChanged();
     void accountChanged();
-    void googleAccountsChanged();
     void isBusyChanged();
     void errorTextChanged();
     void loginChanged();
@@ -154,8 +149,8 @@ private:
     void setBusy(bool value);
     void setErrorText(const QString& text);
 
-    QPointer<AppStore> store_;
-    QPointer<AICloudStore> cloud_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<AICloudStore> cloud_;
     AIScheduleListModel* schedules_;
     bool isBusy_ = false;
     QString errorText_;

@@ -49,7 +49,7 @@ QPalette darkPalette() {
     p.setColor(QPalette::ButtonText, QColor(0xec, 0xec, 0xef));
     p.setColor(QPalette::Highlight, QColor(0x3d, 0x7f, 0xf5));
     p.setColor(QPalette::HighlightedText, Qt::white);
-    p.setColor(QPalette::Mid, QColor(0x48, 0x49, 0x50));
+    p.setColor(QPalette::Mid, QColor(0x6a, 0x6b, 0x74)); // check box and field edges must show on Base
     p.setColor(QPalette::Dark, QColor(0x14, 0x14, 0x17));
     p.setColor(QPalette::Light, QColor(0x4a, 0x4b, 0x52));
     p.setColor(QPalette::Shadow, Qt::black);

@@ -37,19 +37,14 @@ QString toolbarRangeText(const Date& date, bool month, const DateCalendar& calen
 
 ShellController::ShellController(QObject* parent) : QObject(parent) {}
 
-QObject* ShellController::storeObject() const { return store_.data(); }
-QObject* ShellController::sceneObject() const { return scene_.data(); }
-QObject* ShellController::cloudObject() const { return cloud_.data(); }
+QObject* ShellController::storeObject() const { return store_.get(); }
+QObject* ShellController::sceneObject() const { return scene_.get(); }
+QObject* ShellController::cloudObject() const { return cloud_.get(); }
 
 void ShellController::setStoreObject(QObject* object) {
     auto* store = qobject_cast<AppStore*>(object);
-    if (store == store_) return;
-    if (store_) disconnect(store_, nullptr, this, nullptr);
-    store_ = store;
-    if (store_) {
-        connect(store_, &AppStore::lastErrorChanged, this, &ShellController::storeMessageChanged);
-        connect(store_, &AppStore::canRetryChanged, this, &ShellController::storeMessageChanged);
-    }
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::lastErrorChanged, &AppStore::canRetryChanged}, this, &ShellController::storeMessageChanged);
     emit storeChanged();
     emit storeMessageChanged();
     emit rangeTextChanged();
@@ -57,14 +52,9 @@ void ShellController::setStoreObject(QObject* object) {
 
 void ShellController::setSceneObject(QObject* object) {
     auto* scene = qobject_cast<SceneState*>(object);
-    if (scene == scene_) return;
-    if (scene_) disconnect(scene_, nullptr, this, nullptr);
-    scene_ = scene;
-    if (scene_) {
-        connect(scene_, &SceneState::selectedDateChanged, this, &ShellController::rangeTextChanged);
-        connect(scene_, &SceneState::navigationChanged, this, &ShellController::navigationChanged);
-        connect(scene_, &SceneState::calendarNavigationChanged, this, &ShellController::rangeTextChanged);
-    }
+    if (!scene_.follow(scene)) return;
+    scene_.on({&SceneState::selectedDateChanged, &SceneState::calendarNavigationChanged}, this, &ShellController::rangeTextChanged);
+    scene_.on(&SceneState::navigationChanged, this, &ShellController::navigationChanged);
     emit sceneChanged();
     emit navigationChanged();
     emit rangeTextChanged();
@@ -72,10 +62,8 @@ void ShellController::setSceneObject(QObject* object) {
 
 void ShellController::setCloudObject(QObject* object) {
     auto* cloud = qobject_cast<AICloudStore*>(object);
-    if (cloud == cloud_) return;
-    if (cloud_) disconnect(cloud_, nullptr, this, nullptr);
-    cloud_ = cloud;
-    if (cloud_) connect(cloud_, &AICloudStore::errorMessageChanged, this, &ShellController::cloudMessageChanged);
+    if (!cloud_.follow(cloud)) return;
+    cloud_.on(&AICloudStore::errorMessageChanged, this, &ShellController::cloudMessageChanged);
     emit cloudChanged();
     emit cloudMessageChanged();
 }

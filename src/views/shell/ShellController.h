@@ -1,7 +1,7 @@
 #pragma once
 
 #include <QObject>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <QString>
 #include <QtQml/qqmlregistration.h>
 
@@ -74,9 +74,9 @@ signals:
     void cloudMessageChanged();
 
 private:
-    QPointer<AppStore> store_;
-    QPointer<SceneState> scene_;
-    QPointer<AICloudStore> cloud_;
+    SourceBinding<AppStore> store_;
+    SourceBinding<SceneState> scene_;
+    SourceBinding<AICloudStore> cloud_;
     // The cloud's message as dismissed; it shows again when it changes.
     QString dismissedCloudMessage_;
 };

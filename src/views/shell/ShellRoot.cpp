@@ -98,10 +98,12 @@ void ShellRoot::start() {
     if (!app_) return;
     isStarting_ = true;
     emit isStartingChanged();
+    // The workspace first: the window goes from the busy state straight to
+    // the calendar, never through the login form.
     launch(app_->start(), this, [this] {
+        adoptWorkspace();
         isStarting_ = false;
         emit isStartingChanged();
-        adoptWorkspace();
     }, [this](std::exception_ptr) {
         isStarting_ = false;
         emit isStartingChanged();

@@ -1,7 +1,7 @@
 #include "views/shell/TagListModel.h"
 
 #include "stores/AppStore.h"
-#include "views/shell/RowSync.h"
+#include "views/support/RowDiff.h"
 #include "views/shell/ShellTasks.h"
 
 #include <algorithm>
@@ -10,18 +10,13 @@ namespace tavelo::shell {
 
 TagListModel::TagListModel(QObject* parent) : QAbstractListModel(parent) {}
 
-QObject* TagListModel::storeObject() const { return store_.data(); }
+QObject* TagListModel::storeObject() const { return store_.get(); }
 
 void TagListModel::setStoreObject(QObject* object) {
     auto* store = qobject_cast<AppStore*>(object);
-    if (store == store_) return;
-    if (store_) disconnect(store_, nullptr, this, nullptr);
-    store_ = store;
-    if (store_) {
-        connect(store_, &AppStore::tagsChanged, this, &TagListModel::refresh);
-        connect(store_, &AppStore::calendarsChanged, this, &TagListModel::refresh);
-        connect(store_, &AppStore::calendarsChanged, this, &TagListModel::calendarChoicesChanged);
-    }
+    if (!store_.follow(store)) return;
+    store_.on({&AppStore::tagsChanged, &AppStore::calendarsChanged}, this, &TagListModel::refresh);
+    store_.on(&AppStore::calendarsChanged, this, &TagListModel::calendarChoicesChanged);
     refresh();
     emit storeChanged();
     emit calendarChoicesChanged();
@@ -48,7 +43,7 @@ void TagListModel::refresh() {
             next.push_back(std::move(row));
         }
     }
-    syncRows(*this, rows_, std::move(next), [](const Row& r) { return r.tagID; });
+    RowDiff::replaceRows(*this, rows_, std::move(next), [](const Row& r) { return r.tagID; });
 }
 
 QVariantList TagListModel::calendarChoices() const {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <QAbstractListModel>
-#include <QPointer>
+#include "views/support/SourceBinding.h"
 #include <QtQml/qqmlregistration.h>
 
 #include "models/Tag.h"
@@ -10,6 +10,7 @@
 #include <vector>
 
 namespace tavelo {
+class RowDiff;
 class AppStore;
 }
 
@@ -81,10 +82,9 @@ private:
     const Tag* tagAt(int row) const;
     void update(int row, const std::function<void(Tag&)>& change);
     void setNameError(const QString& text);
-    template <class R, class K, class M>
-    friend void syncRows(M&, std::vector<R>&, std::vector<R>, K);
+    friend class tavelo::RowDiff;
 
-    QPointer<AppStore> store_;
+    SourceBinding<AppStore> store_;
     std::vector<Row> rows_;
     QString nameError_;
     // The newest edit sent for each tag whose update the store has not

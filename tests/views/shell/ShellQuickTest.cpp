@@ -3,11 +3,15 @@
 // real server on 127.0.0.1.
 
 #include "ai/CloudTestSupport.h"
+#include "app/TaveloApp.h"
 #include "views/shell/ShellEngine.h"
 #include "views/shell/ShellRoot.h"
 #include "views/shell/TrayMenu.h"
 #include "views/shell/ShellWorkspace.h"
+#include "views/shell/GoogleAccountsDouble.h"
+#include "stores/StoreTestSupport.h"
 
+#include <QAccessible>
 #include <QAction>
 #include <QInputMethodEvent>
 #include <QMenu>
@@ -53,6 +57,17 @@ struct Harness {
     template <class T = QQuickItem>
     T* find(const char* name) const {
         return root ? root->findChild<T*>(QString::fromLatin1(name)) : nullptr;
+    }
+    // Through the visual tree, where delegates of repeaters stand.
+    static QQuickItem* findItem(QQuickItem* under, const QString& name) {
+        if (!under) return nullptr;
+        if (under->objectName() == name) return under;
+        for (QQuickItem* child : under->childItems())
+            if (QQuickItem* found = findItem(child, name)) return found;
+        return nullptr;
+    }
+    QQuickItem* item(const char* name) const {
+        return window ? findItem(window->contentItem(), QString::fromLatin1(name)) : nullptr;
     }
     void click(QQuickItem* item) const {
         const QPointF centre = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
@@ -258,4 +273,270 @@ TEST_F(ShellQuickTest, TheWindowsCommandsDriveTheScene) {
     }));
     QTest::keyClick(window, Qt::Key_Escape);
     ASSERT_TRUE(waitUntil([&] { return !w.scene->editorPresentation(); }));
+}
+
+TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroughTheStore) {
+    auto google = std::make_shared<GoogleAccountsDouble>();
+    google->signedIn = Account{.id = uuid(0xA9), .name = "新規", .email = "new@gmail.example", .isConnected = true,
+                               .googleSubject = QStringLiteral("sub-9")};
+    ShellWorkspace w;
+    w.open(ShellWorkspace::march(4, 12), google);
+    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+              {});
+    ASSERT_TRUE(h.root);
+    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    auto* connectButton = h.find("connectGoogleButton");
+    auto* configuration = h.find("googleConfigurationMessage");
+    ASSERT_TRUE(connectButton && configuration);
+    ASSERT_TRUE(waitUntil([&] { return connectButton->isVisible(); }));
+    EXPECT_FALSE(configuration->isVisible());
+
+    // Connect opens the browser sign-in through the store.
+    h.click(connectButton);
+    ASSERT_TRUE(waitUntil([&] { return google->connects == 1 && !w.store->isSyncing(); }));
+
+    // Disconnect asks first: Escape leaves the account alone, confirming
+    // disconnects exactly that account.
+    auto* row = h.item("googleAccount:me@work.example");
+    ASSERT_TRUE(row);
+    auto* disconnectButton = Harness::findItem(row, "disconnectButton");
+    ASSERT_TRUE(disconnectButton);
+    auto* dialog = h.find<QObject>("disconnectDialog");
+    ASSERT_TRUE(dialog);
+    h.click(disconnectButton);
+    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    QTest::keyClick(h.window, Qt::Key_Escape);
+    ASSERT_TRUE(waitUntil([&] { return !dialog->property("visible").toBool(); }));
+    QTest::qWait(50);
+    EXPECT_TRUE(google->disconnected.empty());
+
+    h.click(disconnectButton);
+    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    QTest::keyClick(h.window, Qt::Key_Return);
+    ASSERT_TRUE(waitUntil([&] { return !google->disconnected.empty() && !w.store->isSyncing(); }));
+    EXPECT_EQ(google->disconnected, std::vector<UUID>{w.workAccount});
+}
+
+TEST_F(ShellQuickTest, WithoutGoogleConfiguredTheAccountsPageSaysWhereTheSettingsGo) {
+    ShellWorkspace w;
+    w.open();
+    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+              {});
+    ASSERT_TRUE(h.root);
+    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    auto* configuration = h.find("googleConfigurationMessage");
+    ASSERT_TRUE(configuration);
+    ASSERT_TRUE(waitUntil([&] { return configuration->isVisible(); }));
+    EXPECT_EQ(configuration->property("text").toString(), *w.store->googleConfigurationMessage());
+    EXPECT_FALSE(h.find("connectGoogleButton")->isVisible());
+    EXPECT_EQ(h.item("googleAccount:me@work.example"), nullptr);
+}
+
+// The name a screen reader gives the item with the keyboard focus.
+static QString focusName(QQuickWindow* window) {
+    QQuickItem* item = window->activeFocusItem();
+    if (!item) return QStringLiteral("<none>");
+    QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(item);
+    const QString name = accessible ? accessible->text(QAccessible::Name) : QString();
+    return name.isEmpty() ? QStringLiteral("<unnamed %1>").arg(QString::fromLatin1(item->metaObject()->className())) : name;
+}
+
+// The names of the stops Tab reaches from `first`, until it comes back.
+static QStringList tabWalk(QQuickWindow* window, QQuickItem* first, int limit = 40) {
+    first->forceActiveFocus(Qt::TabFocusReason);
+    QStringList order{focusName(window)};
+    for (int step = 0; step < limit; ++step) {
+        QTest::keyClick(window, Qt::Key_Tab);
+        const QString name = focusName(window);
+        if (name == order.front()) break;
+        order.push_back(name);
+    }
+    return order;
+}
+
+TEST_F(ShellQuickTest, TabReachesEveryNamedControlOfTheLoginAndTheAccountsPage) {
+    auto cloud = makeStore();
+    {
+        Harness h("property alias login: loginView\nLoginView { id: loginView; anchors.fill: parent }", {});
+        ASSERT_TRUE(h.root);
+        h.root->property("login").value<QObject*>()->setProperty("cloud", QVariant::fromValue<QObject*>(cloud.get()));
+        const QStringList order = tabWalk(h.window, h.find("emailField"));
+        for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
+        EXPECT_LT(order.indexOf("メールアドレス"), order.indexOf("パスワード")) << order.join(" → ").toStdString();
+        EXPECT_TRUE(order.contains("ログイン")) << order.join(" → ").toStdString();
+    }
+    {
+        auto google = std::make_shared<GoogleAccountsDouble>();
+        ShellWorkspace w;
+        w.open(ShellWorkspace::march(4, 12), google);
+        Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+                  "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+                  {});
+        ASSERT_TRUE(h.root);
+        h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+        ASSERT_TRUE(waitUntil([&] { return h.find("connectGoogleButton")->isVisible(); }));
+        const QStringList order = tabWalk(h.window, h.find("signOutButton"));
+        for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
+        EXPECT_TRUE(order.contains("me@work.example の接続を解除")) << order.join(" → ").toStdString();
+        EXPECT_LT(order.indexOf("me@work.example の接続を解除"), order.indexOf("Googleアカウントを接続"));
+    }
+}
+
+TEST_F(ShellQuickTest, TabWalksTheEditorInReadingOrderAndStaysInTheDialog) {
+    ShellWorkspace w;
+    w.open();
+    Harness h("property alias dialog: editorDialog\nproperty alias model: editorModel\n"
+              "EventEditorModel { id: editorModel }\nEventEditorDialog { id: editorDialog; editor: editorModel }",
+              {});
+    ASSERT_TRUE(h.root);
+    QObject* dialog = h.root->property("dialog").value<QObject*>();
+    QObject* model = h.root->property("model").value<QObject*>();
+    model->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    model->setProperty("scene", QVariant::fromValue<QObject*>(w.scene.get()));
+    EventDraft draft;
+    draft.title = QStringLiteral("設計レビュー");
+    draft.start = ShellWorkspace::march(6, 10);
+    draft.end = ShellWorkspace::march(6, 11);
+    draft.calendarIDs = {w.work};
+    w.scene->setPendingEventDraft(draft);
+    w.scene->setEditorPresentation(EditorPresentation::create());
+    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    ASSERT_TRUE(waitUntil([&] { return focusName(h.window) == "タイトル"; }));
+
+    QStringList order{focusName(h.window)};
+    for (int step = 0; step < 40; ++step) {
+        QTest::keyClick(h.window, Qt::Key_Tab);
+        const QString name = focusName(h.window);
+        if (name == order.front()) break;
+        order.push_back(name);
+    }
+    // Every stop has a name, the fields come in the order they stand, the
+    // notes do not swallow Tab, and the walk ends on the buttons and comes
+    // back to the title without leaving the dialog.
+    for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << name.toStdString();
+    auto at = [&](const char* name) { return order.indexOf(QString::fromUtf8(name)); };
+    EXPECT_EQ(order.mid(0, 6), (QStringList{"タイトル", "終日", "開始日", "開始時刻", "終了日", "終了時刻"}));
+    EXPECT_LT(at("終了時刻"), at("カレンダー「業務」"));
+    EXPECT_LT(at("カレンダー「業務」"), at("繰り返し"));
+    EXPECT_LT(at("繰り返し"), at("メモ"));
+    EXPECT_LT(at("メモ"), at("キャンセル"));
+    EXPECT_EQ(order.mid(order.size() - 2), (QStringList{"キャンセル", "保存"})) << order.join(" → ").toStdString();
+    EXPECT_EQ(focusName(h.window), "タイトル");
+    // Shift+Tab goes back the same way.
+    QTest::keyClick(h.window, Qt::Key_Backtab);
+    EXPECT_EQ(focusName(h.window), "保存");
+}
+
+namespace {
+
+// An edit that reached the first Google calendar and not the second, as the
+// Google calendar service reports it.
+struct CutShort : std::runtime_error, GoogleMutationPartialFailure {
+    std::vector<GoogleMutationDestination> remaining, conflicting;
+    explicit CutShort(std::vector<GoogleMutationDestination> rest)
+        : std::runtime_error("cut short"), remaining(std::move(rest)) {}
+    bool isPartialMutation() const override { return true; }
+    GoogleMutationOperation operation() const override { return GoogleMutationOperation::create; }
+    const std::vector<GoogleMutationDestination>& remainingDestinations() const override { return remaining; }
+    const std::vector<GoogleMutationDestination>& conflictingDestinations() const override { return conflicting; }
+    GoogleMutationFailureCause cause() const override { return GoogleMutationFailureCause::requestFailure; }
+};
+
+// Creating fails half-way once: the local file gets the copies that arrived.
+class HalfWayService final : public ForwardingCalendarService {
+public:
+    using ForwardingCalendarService::ForwardingCalendarService;
+    std::optional<GoogleMutationDestination> missing;
+    UUID account;
+    QCoro::Task<Events> createEvents(Events events) override {
+        auto inner = in;
+        if (events.size() < 2 || missing) co_return co_await inner->createEvents(std::move(events));
+        const CalendarEvent last = events.back();
+        missing = GoogleMutationDestination{account, last.calendarID, last.id};
+        events.pop_back();
+        co_await inner->createEvents(std::move(events));
+        throw CutShort({*missing});
+    }
+};
+
+} // namespace
+
+TEST_F(ShellQuickTest, APartialGoogleEditShowsInTheMessageBarAndItsRetrySendsOnlyTheRest) {
+    ShellWorkspace w;
+    const UUID hiring = uuid(0xC3);
+    w.seed.calendars.push_back(CalendarSource{.id = hiring, .accountID = w.workAccount, .name = "採用",
+                                              .googleCalendarID = QStringLiteral("hiring@group.calendar.google.com")});
+    auto google = std::make_shared<GoogleAccountsDouble>();
+    std::vector<GoogleMutationDestination> retried;
+    google->onRetry = [&](std::vector<GoogleMutationDestination> rest) { retried = std::move(rest); };
+    auto local = std::make_shared<LocalCalendarService>(w.path(), [&] { return w.seed; });
+    auto halfWay = std::make_shared<HalfWayService>(local);
+    halfWay->account = w.workAccount;
+    w.store = std::make_unique<AppStore>(halfWay, google, w.dir.filePath("google-oauth.json"), tokyo());
+    syncWait(w.store->load());
+
+    Harness h("property alias shell: controller\nShellController { id: controller }\n"
+              "MessageBar { objectName: \"bar\"; width: 600; text: controller.storeMessage; canRetry: controller.canRetry;"
+              " onRetry: controller.retry(); onDismissed: controller.dismissStoreMessage() }",
+              {});
+    ASSERT_TRUE(h.root);
+    h.root->property("shell").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+
+    EventDraft draft{.title = QStringLiteral("合同会議"), .start = ShellWorkspace::march(5, 10),
+                     .end = ShellWorkspace::march(5, 11), .calendarIDs = {w.work, hiring}};
+    EXPECT_FALSE(syncWait(w.store->saveEvent(draft, std::nullopt)));
+    ASSERT_TRUE(halfWay->missing) << w.store->lastError().value_or(QString()).toStdString();
+
+    auto* bar = h.item("bar");
+    ASSERT_TRUE(bar);
+    ASSERT_TRUE(waitUntil([&] { return bar->isVisible(); }));
+    EXPECT_EQ(Harness::findItem(bar, "messageText")->property("text").toString(),
+              "一部のカレンダーへの変更が未完了です（残り1件、競合0件）。確認後に再試行してください。");
+    QQuickItem* retry = nullptr;
+    std::function<void(QQuickItem*)> findRetry = [&](QQuickItem* item) {
+        if (item->property("text").toString() == "再試行") retry = item;
+        for (QQuickItem* child : item->childItems()) findRetry(child);
+    };
+    findRetry(bar);
+    ASSERT_TRUE(retry && retry->isVisible());
+
+    h.click(retry);
+    ASSERT_TRUE(waitUntil([&] { return !retried.empty() && !bar->isVisible(); }));
+    EXPECT_EQ(retried, std::vector<GoogleMutationDestination>{*halfWay->missing});
+    EXPECT_FALSE(w.store->canRetry());
+}
+
+TEST_F(ShellQuickTest, RestoringASavedSessionShowsABusyStateAndNeverTheLoginForm) {
+    connectedStore(); // a session saved by an earlier run
+    privateServer.hold("GET", "/v1/session");
+    TaveloApp app(directory.filePath(QStringLiteral("app")), makeStore());
+    shell::ShellRoot root(app);
+    root.start();
+
+    QQmlEngine engine;
+    shell::addModuleImportPaths(engine);
+    QQmlComponent component(&engine, shell::mainWindowUrl());
+    std::unique_ptr<QObject> windowObject(
+        component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&root)}}));
+    auto* window = qobject_cast<QQuickWindow*>(windowObject.get());
+    ASSERT_TRUE(window) << component.errorString().toStdString();
+    auto find = [&](const char* name) { return Harness::findItem(window->contentItem(), QString::fromLatin1(name)); };
+
+    bool loginShown = false;
+    auto watching = [&](const std::function<bool()>& done) {
+        return waitUntil([&] {
+            loginShown = loginShown || find("loginView") != nullptr;
+            return done();
+        });
+    };
+    ASSERT_TRUE(watching([&] { return privateServer.heldCount() == 1; }));
+    EXPECT_NE(find("startingView"), nullptr);
+
+    ASSERT_TRUE(privateServer.answerOldestHeld(CannedResponse::json(200, R"({"userID":"owner","kind":"owner"})")));
+    ASSERT_TRUE(watching([&] { return root.hasWorkspace() && !root.isStarting(); }));
+    ASSERT_TRUE(watching([&] { return find("startingView") == nullptr; }));
+    QTest::qWait(50);
+    EXPECT_FALSE(loginShown || find("loginView"));
 }

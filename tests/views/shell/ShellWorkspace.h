@@ -53,9 +53,10 @@ struct ShellWorkspace {
     QString path() const { return dir.filePath("state.sqlite"); }
     AppSnapshot stored() const { return syncWait(LocalCalendarService(path()).load()).snapshot; }
 
-    void open(Date selected = march(4, 12)) {
+    // With `google`, the store has Google configured.
+    void open(Date selected = march(4, 12), std::shared_ptr<GoogleAccountService> google = nullptr) {
         auto service = std::make_shared<LocalCalendarService>(path(), [this] { return seed; });
-        store = std::make_unique<AppStore>(service, nullptr, dir.filePath("google-oauth.json"), tokyo());
+        store = std::make_unique<AppStore>(service, std::move(google), dir.filePath("google-oauth.json"), tokyo());
         syncWait(store->load());
         scene = std::make_unique<SceneState>(selected);
     }

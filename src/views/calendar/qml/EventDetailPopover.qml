@@ -136,5 +136,11 @@ Popup {
             width: parent ? parent.width : 320
         }
         onAccepted: detailModel.deleteEvent()
+        Component.onCompleted: {
+            standardButton(Dialog.Ok).text = "削除"
+            standardButton(Dialog.Cancel).text = "キャンセル"
+        }
+        // Enter confirms, Escape cancels.
+        Shortcut { sequences: ["Return", "Enter"]; enabled: confirmDelete.opened; onActivated: confirmDelete.accept() }
     }
 }

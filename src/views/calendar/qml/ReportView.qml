@@ -56,18 +56,20 @@ Pane {
         RowLayout {
             spacing: 28
             ColumnLayout {
+                Layout.alignment: Qt.AlignTop
                 Label { text: "合計"; opacity: 0.7 }
                 Label { text: report.totalText; font.pointSize: root.font.pointSize + 6; font.bold: true }
             }
             ColumnLayout {
                 Label { text: "前期間 (" + report.previousRangeText + ")"; opacity: 0.7 }
                 Label { text: report.previousTotalText; font.pointSize: root.font.pointSize + 6 }
+                Label { text: report.changeText; opacity: 0.7; font.pointSize: root.font.pointSize - 1 }
             }
             ColumnLayout {
+                Layout.alignment: Qt.AlignTop
                 Label { text: "集中時間"; opacity: 0.7 }
                 Label { text: report.focusText; font.pointSize: root.font.pointSize + 6 }
             }
-            Label { text: report.changeText; opacity: 0.8; Layout.alignment: Qt.AlignBottom }
         }
 
         // The chart: this period's bar in the tag's colour, the previous

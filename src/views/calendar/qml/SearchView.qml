@@ -50,7 +50,28 @@ Pane {
                 Keys.onDownPressed: results.forceActiveFocus()
             }
             CheckBox {
+                id: pastToggle
                 text: "過去の予定を含める"
+                // Drawn here: the style's box does not show on a dark base.
+                indicator: Rectangle {
+                    x: pastToggle.leftPadding
+                    y: (pastToggle.height - height) / 2
+                    implicitWidth: 14
+                    implicitHeight: 14
+                    radius: 3
+                    color: pastToggle.checked ? palette.highlight : "transparent"
+                    border.color: pastToggle.visualFocus || pastToggle.checked ? palette.highlight
+                                : Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.55)
+                    border.width: pastToggle.visualFocus ? 2 : 1.5
+                    Label {
+                        anchors.centerIn: parent
+                        visible: pastToggle.checked
+                        text: "✓"
+                        color: "white"
+                        font.pointSize: 8
+                        font.bold: true
+                    }
+                }
                 checked: search.includePast
                 onToggled: search.includePast = checked
                 Accessible.name: "過去の予定を含める"

@@ -281,16 +281,32 @@ Pane {
                         objectName: "event:" + title
                         readonly property real laneWidth: week.dayWidth / laneCount
                         readonly property bool dragged: week.dragActive && week.dragEventId === eventId
-                        x: week.gutterWidth + dayIndex * week.dayWidth + lane * laneWidth + 1
+                        // Many overlapping entries would leave lanes too narrow
+                        // to read: then each block keeps a legible width and
+                        // the lanes cascade across the day, later (later
+                        // starting) lanes on top, each edged in the background
+                        // colour, so every title shows above the next block.
+                        readonly property real laneExtent: laneSpan * laneWidth - 3
+                        readonly property real legibleWidth: Math.min(week.dayWidth - 4, 60)
+                        readonly property bool cascaded: laneExtent < legibleWidth
+                        readonly property real cascadeStep: (week.dayWidth - legibleWidth - 3) / Math.max(1, laneCount - 1)
+                        readonly property bool narrow: width < 96
+                        x: week.gutterWidth + dayIndex * week.dayWidth + 1
+                           + (cascaded ? lane * cascadeStep : lane * laneWidth)
                         y: itemTop + 1
-                        width: laneSpan * laneWidth - 3
+                        z: lane
+                        width: Math.max(laneExtent, legibleWidth)
                         height: Math.max(itemHeight - 2, 18)
                         radius: 4
-                        opacity: dragged ? 0.35 : (isPast ? 0.75 : 1)
-                        color: root.eventColor(colorHex, isBusyBlock)
+                        // Cascaded blocks cover each other: opaque, so that no
+                        // title shows through the block above it.
+                        opacity: dragged ? 0.35 : (isPast && !cascaded ? 0.75 : 1)
+                        color: cascaded ? Qt.tint(root.palette.base, root.eventColor(colorHex, isBusyBlock))
+                                        : root.eventColor(colorHex, isBusyBlock)
                         border.color: activeFocus ? root.palette.highlight
-                                                  : (isBusyBlock ? Qt.rgba(root.palette.text.r, root.palette.text.g, root.palette.text.b, 0.35) : "transparent")
-                        border.width: activeFocus ? 2 : (isBusyBlock ? 1 : 0)
+                                                  : (isBusyBlock ? Qt.rgba(root.palette.text.r, root.palette.text.g, root.palette.text.b, 0.35)
+                                                                 : (cascaded ? root.palette.base : "transparent"))
+                        border.width: activeFocus ? 2 : (isBusyBlock || cascaded ? 1 : 0)
                         // Tab reaches each entry; Enter or Space opens its detail.
                         activeFocusOnTab: true
                         function openDetail() {
@@ -313,7 +329,7 @@ Pane {
                         // Only whole lines: the time shows when a title line
                         // and it fit, the title takes what is left.
                         readonly property real room: height - 4
-                        readonly property bool showsTime: room >= titleMetrics.height + timeMetrics.height
+                        readonly property bool showsTime: !narrow && room >= titleMetrics.height + timeMetrics.height
                         Column {
                             x: 7
                             y: 2
@@ -326,7 +342,9 @@ Pane {
                                 font.bold: !item.isBusyBlock
                                 font.italic: item.isBusyBlock
                                 elide: Text.ElideRight
-                                maximumLineCount: Math.max(1, Math.floor((item.room - (item.showsTime ? timeMetrics.height : 0)) / titleMetrics.height))
+                                // Narrow blocks: at most two lines, elided.
+                                maximumLineCount: Math.max(1, Math.min(item.narrow ? 2 : 99,
+                                    Math.floor((item.room - (item.showsTime ? timeMetrics.height : 0)) / titleMetrics.height)))
                                 wrapMode: Text.Wrap
                             }
                             Label {

@@ -122,7 +122,7 @@ Pane {
                 onActivated: page.settings.scheduleRecurrence = currentValue
             }
             Label { text: "一時停止" }
-            Switch { checked: page.settings.schedulePaused; Accessible.name: "一時停止"; onToggled: page.settings.schedulePaused = checked }
+            ToggleSwitch { checked: page.settings.schedulePaused; Accessible.name: "一時停止"; onToggled: page.settings.schedulePaused = checked }
             Label { text: "次回以降"; Layout.alignment: Qt.AlignTop }
             Label { text: page.settings.scheduleNextOccurrences.join("\n") || "—"; opacity: 0.8 }
             Label {
@@ -158,5 +158,11 @@ Pane {
         standardButtons: Dialog.Cancel | Dialog.Ok
         Label { text: "以降の定期実行を停止します。すでに実行中の処理は完了まで続きます。"; wrapMode: Text.WordWrap; width: 360 }
         onAccepted: page.settings.deleteSchedule(row)
+        Component.onCompleted: {
+            standardButton(Dialog.Ok).text = "削除"
+            standardButton(Dialog.Cancel).text = "キャンセル"
+        }
+        // Enter confirms, Escape cancels.
+        Shortcut { sequences: ["Return", "Enter"]; enabled: confirm.opened; onActivated: confirm.accept() }
     }
 }

@@ -91,7 +91,7 @@ Dialog {
             }
 
             Label { text: "終日" }
-            Switch {
+            ToggleSwitch {
                 objectName: "allDaySwitch"
                 checked: editor.isAllDay
                 Accessible.name: "終日"
@@ -140,18 +140,22 @@ Dialog {
                 spacing: 0
                 Repeater {
                     model: editor.calendars
-                    delegate: CheckBox {
+                    delegate: CheckField {
+                        id: choice
                         Layout.fillWidth: true
                         Layout.minimumWidth: 0
                         Layout.preferredWidth: 10
                         required property int index
                         required property string name
                         required property string accountName
+                        required property string calendarColor
                         required property bool selected
                         required property bool receivesBusyBlocks
                         checked: selected
+                        // As in the sidebar: the calendar's colour is its check box.
+                        swatch: calendarColor.length > 0 ? calendarColor : palette.highlight
                         text: name + "  ·  " + accountName + (receivesBusyBlocks ? "  ・予定ありブロックを受け取る" : "")
-                        Accessible.name: name
+                        Accessible.name: "カレンダー「" + name + "」"
                         onToggled: editor.toggleCalendar(index)
                     }
                 }
@@ -254,7 +258,7 @@ Dialog {
             }
 
             Label { visible: editor.offersMeet; text: "Google Meet" }
-            CheckBox {
+            CheckField {
                 visible: editor.offersMeet
                 text: "Meetのリンクを作成"
                 checked: editor.requestsMeet
@@ -273,7 +277,9 @@ Dialog {
                     placeholderText: "メモを追加"
                     Accessible.name: "メモ"
                     background: Rectangle { color: palette.base; border.color: palette.mid; radius: 2 }
-                    KeyNavigation.priority: KeyNavigation.BeforeItem
+                    // Tab moves on instead of typing a tab character.
+                    Keys.onTabPressed: (event) => nextItemInFocusChain(true).forceActiveFocus(Qt.TabFocusReason)
+                    Keys.onBacktabPressed: (event) => nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
                     onTextChanged: if (text !== editor.notes) editor.notes = text
                 }
             }

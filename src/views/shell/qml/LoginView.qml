@@ -9,7 +9,6 @@ Pane {
     objectName: "loginView"
     property QtObject cloud
     property QtObject localServer
-    property bool isStarting: false
     property alias model: login
     // "signIn", "register", "reset", "server"
     property string mode: "signIn"
@@ -49,7 +48,7 @@ Pane {
                 Layout.alignment: Qt.AlignHCenter
             }
             Label {
-                text: view.isStarting ? "前回のログインを確認しています…" : "AI Cloudにログインして、カレンダーを開きます。"
+                text: "AI Cloudにログインして、カレンダーを開きます。"
                 opacity: 0.75
                 wrapMode: Text.WordWrap
                 horizontalAlignment: Text.AlignHCenter

@@ -72,7 +72,37 @@ ApplicationWindow {
         // A new workspace rebuilds the whole content.
         property string key: window.root.workspaceKey
         onKeyChanged: { active = false; active = true }
-        sourceComponent: window.root.hasWorkspace ? contentComponent : loginComponent
+        // While the saved session is being restored nothing asks for a login.
+        sourceComponent: window.root.hasWorkspace ? contentComponent
+                       : (window.root.isStarting ? startingComponent : loginComponent)
+    }
+
+    Component {
+        id: startingComponent
+        Pane {
+            objectName: "startingView"
+            padding: 0
+            background: Rectangle { color: palette.window }
+            // Quiet: a quick restore shows an empty window, a slow one a
+            // spinner after a moment.
+            ColumnLayout {
+                id: busy
+                anchors.centerIn: parent
+                spacing: 12
+                opacity: 0
+                NumberAnimation on opacity { from: 0; to: 1; duration: 250; running: true; easing.type: Easing.InQuad }
+                BusyIndicator {
+                    running: true
+                    Layout.alignment: Qt.AlignHCenter
+                    Accessible.name: "前回のログインを確認しています"
+                }
+                Label {
+                    text: "前回のログインを確認しています…"
+                    opacity: 0.6
+                    Layout.alignment: Qt.AlignHCenter
+                }
+            }
+        }
     }
 
     Component {
@@ -80,7 +110,6 @@ ApplicationWindow {
         LoginView {
             cloud: window.root.cloud
             localServer: window.root.localServer
-            isStarting: window.root.isStarting
         }
     }
 

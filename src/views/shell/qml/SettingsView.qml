@@ -58,7 +58,7 @@ Pane {
             Layout.fillHeight: true
             currentIndex: ["accounts", "tags", "aiCloud", "meetings", "meetingGuides"].indexOf(view.current)
 
-            AccountsSettings { settings: settings; cloud: view.cloud }
+            AccountsSettings { settings: settings; cloud: view.cloud; store: view.store }
             TagSettings { store: view.store }
             AICloudSettings { settings: settings; cloud: view.cloud }
             PlaceholderPage { title: "会議"; message: "録音と文字起こしの設定は、会議ノートの機能とともに追加されます。" }

@@ -60,11 +60,31 @@ Pane {
 
         Rectangle { Layout.fillWidth: true; Layout.preferredHeight: 1; Layout.topMargin: 8; Layout.bottomMargin: 4; color: palette.mid; opacity: 0.4 }
 
-        Label {
-            text: "カレンダー"
-            font.weight: Font.DemiBold
-            opacity: 0.7
+        RowLayout {
+            Layout.fillWidth: true
             Layout.leftMargin: 6
+            spacing: 6
+            Label {
+                text: "カレンダー"
+                font.weight: Font.DemiBold
+                opacity: 0.7
+                Layout.fillWidth: true
+            }
+            // Google accounts syncing.
+            BusyIndicator {
+                objectName: "syncIndicator"
+                visible: sidebar.store !== null && sidebar.store.isSyncing
+                running: visible
+                Layout.preferredWidth: 18
+                Layout.preferredHeight: 18
+                Accessible.name: "Googleカレンダーを同期中"
+            }
+            Label {
+                visible: sidebar.store !== null && sidebar.store.isSyncing
+                text: "同期中"
+                font.pointSize: 10
+                opacity: 0.6
+            }
         }
 
         ListView {
@@ -97,26 +117,37 @@ Pane {
                 checked: isVisible
                 text: name
                 Accessible.name: name + " を表示"
+                readonly property color swatch: calendarColor.length > 0 ? calendarColor : palette.highlight
+                leftPadding: 32
                 background: Rectangle {
                     radius: 6
-                    color: row.hovered ? Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.06) : "transparent"
+                    color: row.visualFocus ? Qt.rgba(palette.highlight.r, palette.highlight.g, palette.highlight.b, 0.18)
+                         : row.hovered ? Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.06) : "transparent"
                 }
-                contentItem: RowLayout {
-                    spacing: 8
-                    Rectangle {
-                        Layout.preferredWidth: 10; Layout.preferredHeight: 10; radius: 5
-                        Layout.alignment: Qt.AlignVCenter
-                        color: row.calendarColor.length > 0 ? row.calendarColor : palette.highlight
-                        opacity: row.checked ? 1 : 0.35
-                    }
+                // The calendar's colour is its check box.
+                indicator: Rectangle {
+                    x: 10
+                    y: (row.height - height) / 2
+                    width: 14
+                    height: 14
+                    radius: 3
+                    color: row.checked ? row.swatch : "transparent"
+                    border.color: row.swatch
+                    border.width: 1.5
                     Label {
-                        text: row.name
-                        elide: Text.ElideRight
-                        verticalAlignment: Text.AlignVCenter
-                        opacity: row.checked ? 1 : 0.55
-                        Layout.fillWidth: true
-                        Layout.rightMargin: 28
+                        anchors.centerIn: parent
+                        visible: row.checked
+                        text: "✓"
+                        color: "white"
+                        font.pointSize: 8
+                        font.bold: true
                     }
+                }
+                contentItem: Label {
+                    text: row.name
+                    elide: Text.ElideRight
+                    verticalAlignment: Text.AlignVCenter
+                    opacity: row.checked ? 1 : 0.55
                 }
                 onClicked: calendarList.model.toggleVisibility(index)
             }

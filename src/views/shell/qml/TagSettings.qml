@@ -90,8 +90,9 @@ Pane {
                             onValueModified: tags.setWeeklyTarget(card.index, value, card.warnsWhenExceeded)
                         }
                         Label { text: "時間" }
-                        CheckBox {
+                        CheckField {
                             text: "超過を警告"
+                            Accessible.name: card.name + " の超過を警告"
                             checked: card.warnsWhenExceeded
                             enabled: card.weeklyTargetHours > 0
                             onToggled: tags.setWeeklyTarget(card.index, card.weeklyTargetHours, checked)

@@ -5,6 +5,7 @@
 // settings show a signed-in account with AI schedules.
 
 #include "ai/AICloudStore.h"
+#include "services/GoogleAccountService.h"
 #include "services/LocalCalendarService.h"
 #include "stores/AppStore.h"
 #include "stores/SceneState.h"
@@ -42,6 +43,39 @@ using namespace tavelo::shell;
 using tavelo::testing::CannedResponse;
 
 namespace {
+
+// Google as the seeded accounts stand: the connected one with a calendar it
+// could only partly read, the other waiting to be reconnected. Nothing is
+// reached over the network.
+class SeededGoogleAccounts final : public GoogleAccountService {
+public:
+    explicit SeededGoogleAccounts(const AppSnapshot& seed) : seed_(seed) {}
+
+    QCoro::Task<Account> connectGoogleAccount(std::stop_token) override { throw std::runtime_error("offline"); }
+    QCoro::Task<Account> reconnectGoogleAccount(UUID, std::stop_token) override { throw std::runtime_error("offline"); }
+    QCoro::Task<void> syncGoogleAccount(UUID, std::stop_token) override { co_return; }
+    QCoro::Task<void> syncAllGoogleAccounts(std::stop_token) override { co_return; }
+    QCoro::Task<void> disconnectGoogleAccount(UUID, std::stop_token) override { co_return; }
+    QCoro::Task<GoogleSyncStatus> googleSyncStatus(UUID id) override {
+        for (const Account& account : seed_.accounts)
+            if (account.id == id && !account.isConnected) co_return GoogleSyncStatus::reconnectRequired;
+        co_return GoogleSyncStatus::connected;
+    }
+    QCoro::Task<std::vector<GoogleSyncWarning>> googleSyncWarnings(UUID id) override {
+        std::vector<GoogleSyncWarning> warnings;
+        for (const CalendarSource& calendar : seed_.calendars)
+            if (calendar.accountID == id && calendar.name.contains(QStringLiteral("採用")))
+                warnings.push_back(GoogleSyncWarning::skippedEvents(calendar.id, 2));
+        co_return warnings;
+    }
+    QCoro::Task<std::vector<CalendarEvent>> retryMutation(GoogleMutationOperation, UUID, std::vector<CalendarEvent>,
+                                                          std::vector<GoogleMutationDestination>) override {
+        throw std::runtime_error("offline");
+    }
+
+private:
+    AppSnapshot seed_;
+};
 
 class EmptySecretStore final : public SecretStore {
 public:
@@ -157,7 +191,8 @@ int main(int argc, char** argv) {
 
     const QString statePath = temporary.filePath(QStringLiteral("state.json"));
     auto service = std::make_shared<LocalCalendarService>(statePath, [&] { return seededSnapshot(today, calendar); });
-    AppStore store(service, nullptr, temporary.filePath(QStringLiteral("google-oauth.json")), calendar);
+    AppStore store(service, std::make_shared<SeededGoogleAccounts>(seededSnapshot(today, calendar)),
+                   temporary.filePath(QStringLiteral("google-oauth.json")), calendar);
     syncWait(store.load());
 
     // The owner file of a server on this computer, for the login view.

@@ -26,9 +26,12 @@ AppSnapshot seededSnapshot(Date today, const DateCalendar& calendar, int fillerE
     const UUID work = fixedID(1), personal = fixedID(2), family = fixedID(3);
     s.accounts = {
         Account{.id = work, .name = "株式会社タベロ", .email = "sato@tavelo-corp.example", .kind = AccountKind::work,
-                .colorHex = "#3B82F6", .isConnected = true, .googleSubject = QStringLiteral("1001")},
+                .colorHex = "#3B82F6", .isConnected = true, .lastSync = today.addingSeconds(-25 * 60),
+                .googleSubject = QStringLiteral("1001")},
+        // Its sign-in has expired: it needs reconnecting.
         Account{.id = personal, .name = "個人", .email = "sato.hanako@gmail.example", .kind = AccountKind::personal,
-                .colorHex = "#10B981", .isConnected = true, .googleSubject = QStringLiteral("1002")},
+                .colorHex = "#10B981", .isConnected = false, .lastSync = today.addingSeconds(-3 * 86400),
+                .googleSubject = QStringLiteral("1002")},
         Account{.id = family, .name = "家族", .email = "", .kind = AccountKind::family, .colorHex = "#F59E0B"},
     };
     const UUID local = CalendarSource::tavelo().id;
@@ -97,11 +100,13 @@ AppSnapshot seededSnapshot(Date today, const DateCalendar& calendar, int fillerE
         mirror(add("週次定例（プロダクト）", at(w, 1, 10), at(w, 1, 11), business, meeting));
         add("API設計の実装", at(w, 1, 13), at(w, 1, 17), business, develop);
         add("ジム", at(w, 1, 19), at(w, 1, 20), privateCal);
-        // Tuesday: three overlapping meetings
+        // Tuesday: five overlapping meetings
         mirror(add("四半期事業計画レビューと来期予算配分についての部門横断ディスカッション（第3回）", at(w, 2, 9),
                    at(w, 2, 11, 30), business, meeting));
         add("1on1 田中さん", at(w, 2, 10), at(w, 2, 10, 30), business, meeting);
         add("候補者面接（バックエンド）", at(w, 2, 10, 15), at(w, 2, 11, 15), hiring, recruiting);
+        add("障害対応の振り返り", at(w, 2, 10, 30), at(w, 2, 11, 30), business, meeting);
+        add("採用基準のすり合わせ", at(w, 2, 10, 45), at(w, 2, 12), hiring, recruiting);
         add("ランチ", at(w, 2, 12), at(w, 2, 13), privateCal);
         add("コードレビュー", at(w, 2, 14), at(w, 2, 16), business, develop);
         // Wednesday
