@@ -264,9 +264,10 @@ private:
     // Brings the per-account Google status and warnings in line with
     // `accounts` and the Google service.
     QCoro::Task<void> refreshGoogleState();
+    struct Undo;
     // Saves the current snapshot for a caller that holds the transaction. On a
-    // failure the earlier snapshot comes back and `retry` is offered.
-    QCoro::Task<bool> persistOrRollBack(AppSnapshot previous, std::optional<StoreRetryOperation> retry);
+    // failure `undo` takes the change back and `retry` is offered.
+    QCoro::Task<bool> persistOrRollBack(Undo undo, std::optional<StoreRetryOperation> retry);
     // The body of `persist`, for a caller that holds the transaction.
     QCoro::Task<void> persistHoldingTransaction();
 
@@ -284,6 +285,22 @@ private:
     bool showGroup(const UUID& groupID, const std::vector<CalendarEvent>& group);
     // Undoes `showGroup`: the group's events as they were, at their places.
     void restoreGroup(const UUID& groupID, const GroupPlaces& before);
+    // How every writer takes back a change it could not save: the small
+    // parts of the snapshot as they were, and of the events only the ones
+    // the change touched, with their places, never a copy of the whole list.
+    struct Undo {
+        // Everything but the events.
+        AppSnapshot rest;
+        // A group shown anew (`showGroup`, or appended when new): its
+        // members are taken out and `group` goes back in their places.
+        std::optional<UUID> groupID;
+        GroupPlaces group;
+        // Events changed where they stand, each with its value before.
+        std::vector<std::pair<std::size_t, CalendarEvent>> edited;
+    };
+    // An undo of nothing yet, holding the current small parts.
+    Undo undoPoint() const;
+    void rollBack(Undo&& undo);
     // The end of an event mutation whose service call has returned `stored`
     // or failed with `failure`: on success the stored events are shown and
     // the message clears; on a failure (the caller has put the screen back as
