@@ -201,12 +201,32 @@ QCoro::Task<void> AppStore::persist() {
     co_await persistHoldingTransaction();
 }
 
+QCoro::Task<AppSnapshot> AppStore::snapshotForSave() {
+    QPointer<AppStore> self(this);
+    // Copying 50,000 events at once holds the GUI thread for over 10 ms. The
+    // caller holds the transaction, so no writer changes the lists between
+    // slices.
+    constexpr std::size_t kSlice = 4096;
+    AppSnapshot copy(snapshotVersion_, accounts_, calendars_, {}, tags_, preferences_, googleSyncStates_);
+    copy.events.reserve(events_.size());
+    for (std::size_t from = 0; from < events_.size(); from += kSlice) {
+        if (from > 0) {
+            co_await QCoro::sleepFor(std::chrono::milliseconds(0));
+            if (!self) throw CancellationError();
+        }
+        const auto to = static_cast<std::ptrdiff_t>(std::min(from + kSlice, events_.size()));
+        copy.events.insert(copy.events.end(), events_.begin() + static_cast<std::ptrdiff_t>(from), events_.begin() + to);
+    }
+    co_return copy;
+}
+
 QCoro::Task<void> AppStore::persistHoldingTransaction() {
     QPointer<AppStore> self(this);
     const auto service = service_;
     std::exception_ptr failure;
     try {
-        co_await service->save(snapshot());
+        AppSnapshot current = co_await snapshotForSave();
+        co_await service->save(std::move(current));
     } catch (...) {
         failure = std::current_exception();
     }
@@ -252,7 +272,8 @@ QCoro::Task<bool> AppStore::persistOrRollBack(Undo undo, std::optional<StoreRetr
     const auto service = service_;
     std::exception_ptr failure;
     try {
-        co_await service->save(snapshot());
+        AppSnapshot current = co_await snapshotForSave();
+        co_await service->save(std::move(current));
     } catch (...) {
         failure = std::current_exception();
     }

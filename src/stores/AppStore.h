@@ -270,6 +270,9 @@ private:
     QCoro::Task<bool> persistOrRollBack(Undo undo, std::optional<StoreRetryOperation> retry);
     // The body of `persist`, for a caller that holds the transaction.
     QCoro::Task<void> persistHoldingTransaction();
+    // `snapshot()` for a caller that holds the transaction, the events copied
+    // a slice at a time so that the event loop turns in between.
+    QCoro::Task<AppSnapshot> snapshotForSave();
 
     // The events of one group with their places in `events`, as they stood
     // before an edit: enough to undo the edit without a copy of the list.
