@@ -6,6 +6,7 @@
 #include "SnapshotGenerator.h"
 
 #include "stores/EventDerivations.h"
+#include "stores/EventEquality.h"
 #include "support/TextFolding.h"
 
 #include <benchmark/benchmark.h>
@@ -98,6 +99,32 @@ void BM_NormalizedSearchText(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * text.size());
 }
 BENCHMARK(BM_NormalizedSearchText);
+
+// A service's answer compared with the list on screen, as after every event
+// edit: a copy of the same 50,000 events, texts and links shared.
+void BM_SameEventLists(benchmark::State& state) {
+    const auto& shown = derivationsWorkload().snapshot.events;
+    const std::vector<CalendarEvent> answer = shown;
+    bool same = false;
+    for (auto _ : state) {
+        same = EventEquality::same(shown, answer);
+        benchmark::DoNotOptimize(same);
+    }
+    if (!same) state.SkipWithError("the copy differs");
+}
+BENCHMARK(BM_SameEventLists)->Unit(benchmark::kMillisecond);
+
+void BM_SameEventLists_OperatorEq(benchmark::State& state) {
+    const auto& shown = derivationsWorkload().snapshot.events;
+    const std::vector<CalendarEvent> answer = shown;
+    bool same = false;
+    for (auto _ : state) {
+        same = shown == answer;
+        benchmark::DoNotOptimize(same);
+    }
+    if (!same) state.SkipWithError("the copy differs");
+}
+BENCHMARK(BM_SameEventLists_OperatorEq)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

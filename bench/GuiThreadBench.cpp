@@ -196,7 +196,44 @@ void BM_GuiThreadBlocked_SaveEvent(benchmark::State& state) {
         wall / static_cast<double>(std::max<benchmark::IterationCount>(1, state.iterations()));
 }
 
+// A change that saves the whole snapshot: showing or hiding a calendar.
+void BM_GuiThreadBlocked_SetCalendarVisibility(benchmark::State& state) {
+    QTemporaryDir own;
+    const QString ownPath = own.filePath(QStringLiteral("state.json"));
+    if (!QFile::copy(generatedFile().path, ownPath)) {
+        state.SkipWithError("cannot copy the workspace");
+        return;
+    }
+    auto service = std::make_shared<LocalCalendarService>(ownPath);
+    AppStore store(service, nullptr, QString(), tokyo());
+    syncWait(store.load());
+    syncWait(service->drain());
+    const UUID calendarID = store.calendars().front().id;
+
+    BlockMeter meter;
+    double wall = 0;
+    std::vector<double> wallBlocks;
+    for (auto _ : state) {
+        QElapsedTimer timer;
+        timer.start();
+        meter.start();
+        const bool saved = syncWait(store.toggleCalendarVisibility(calendarID));
+        meter.stop();
+        wall += static_cast<double>(timer.nsecsElapsed()) / 1e6;
+        if (!saved) {
+            state.SkipWithError("the change was not saved");
+            break;
+        }
+        state.SetIterationTime(meter.longestSeconds());
+        wallBlocks.push_back(meter.longestWallMs());
+    }
+    state.counters["wallBlockMs"] = median(wallBlocks);
+    state.counters["changeWallMs"] =
+        wall / static_cast<double>(std::max<benchmark::IterationCount>(1, state.iterations()));
+}
+
 BENCHMARK(BM_GuiThreadBlocked_Load)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(8);
 BENCHMARK(BM_GuiThreadBlocked_SaveEvent)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(40);
+BENCHMARK(BM_GuiThreadBlocked_SetCalendarVisibility)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(20);
 
 } // namespace

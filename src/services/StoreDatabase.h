@@ -280,18 +280,42 @@ void writeEventChanges(const std::vector<CalendarEvent>& old, const std::vector<
 void writeEditedRows(const std::vector<CalendarEvent>& current, std::size_t begin, std::size_t end,
                      const std::vector<std::pair<std::size_t, CalendarEvent>>& replaced, EventRows& rows);
 
+// Page cache beyond the metadata row: the b-tree pages on the way to the
+// changed rows, and the rows themselves.
+inline constexpr std::size_t kSpareCacheKiB = 8192;
+
+inline void setCacheSize(Connection& db, std::size_t kib) {
+    const std::string pragma = "PRAGMA cache_size = -" + std::to_string(kib);
+    db.execute(pragma.c_str());
+}
+
 // Writes `snapshot` in one transaction: the metadata row, then the event rows
 // through `writeEventRows`.
 template <class WriteEventRows>
 void writeDatabase(const AppSnapshot& snapshot, Connection& db, LocalCalendarService::WriteStats& stats,
                    WriteEventRows&& writeEventRows) {
+    std::string payload;
+    payload.reserve(4096 + 39 * snapshot.events.size());
+    {
+        JsonWriter w(payload);
+        SQLiteMetadata::encode(w, snapshot);
+    }
+    // Room in the page cache for every page the transaction changes. When
+    // the cache runs out SQLite spills pages to the file before the commit,
+    // and each spill first syncs the journal: with the default cache a
+    // one-event save of a large workspace synced eight times instead of four.
+    // Pages are taken only as they are needed.
+    setCacheSize(db, kSpareCacheKiB + 3 * payload.size() / 1024);
+    // Every save replaces the metadata row, about 40 bytes per event, and
+    // frees the overflow pages of the old one. With secure deletion on (the
+    // default of some builds) each freed page is overwritten with zeros and
+    // therefore journaled: for 50,000 events, 480 journal pages and 960 page
+    // writes per save instead of 10 and 490. FAST still clears deleted
+    // content inside the pages a save writes anyway.
+    db.execute("PRAGMA secure_delete = FAST");
     db.execute("BEGIN IMMEDIATE");
     try {
         {
-            std::string payload;
-            payload.reserve(4096 + 39 * snapshot.events.size());
-            JsonWriter w(payload);
-            SQLiteMetadata::encode(w, snapshot);
             Statement upsert(db, kWriteMetadata, Kind::operation);
             // The payload outlives the statement: SQLite need not copy it.
             upsert.bindBlob(1, payload, SQLITE_STATIC);

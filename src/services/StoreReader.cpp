@@ -170,11 +170,13 @@ private:
     // then the later row of the two is the faulty one, as when reading in
     // order, whichever of them is decoded first.
     bool claim(std::size_t position, std::size_t row, const UUID& id) {
-        auto& holder = claims_[position]; // the earliest row so far, plus one; 0 for none
-        std::size_t held = holder.load(std::memory_order_relaxed);
-        do {
+        std::size_t held;
+        {
+            const std::lock_guard lock(claimsMutex_);
+            held = claims_[position]; // the earliest row so far, plus one; 0 for none
             if (held != 0 && held - 1 < row) corrupt("duplicate event " + id.toStdString());
-        } while (!holder.compare_exchange_weak(held, row + 1, std::memory_order_relaxed));
+            claims_[position] = row + 1;
+        }
         if (held == 0) return true;
         // A later row came first and its event is in place already; that
         // row fails, and this one leaves the event alone.
@@ -184,7 +186,8 @@ private:
 
     const EventPositions& positions_;
     std::vector<CalendarEvent>& events_;
-    std::vector<std::atomic<std::size_t>> claims_;
+    std::mutex claimsMutex_;
+    std::vector<std::size_t> claims_;
     FirstFailure& failure_;
 };
 

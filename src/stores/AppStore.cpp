@@ -201,12 +201,32 @@ QCoro::Task<void> AppStore::persist() {
     co_await persistHoldingTransaction();
 }
 
+QCoro::Task<AppSnapshot> AppStore::snapshotForSave() {
+    QPointer<AppStore> self(this);
+    // Copying 50,000 events at once holds the GUI thread for over 10 ms. The
+    // caller holds the transaction, so no writer changes the lists between
+    // slices.
+    constexpr std::size_t kSlice = 4096;
+    AppSnapshot copy(snapshotVersion_, accounts_, calendars_, {}, tags_, preferences_, googleSyncStates_);
+    copy.events.reserve(events_.size());
+    for (std::size_t from = 0; from < events_.size(); from += kSlice) {
+        if (from > 0) {
+            co_await QCoro::sleepFor(std::chrono::milliseconds(0));
+            if (!self) throw CancellationError();
+        }
+        const auto to = static_cast<std::ptrdiff_t>(std::min(from + kSlice, events_.size()));
+        copy.events.insert(copy.events.end(), events_.begin() + static_cast<std::ptrdiff_t>(from), events_.begin() + to);
+    }
+    co_return copy;
+}
+
 QCoro::Task<void> AppStore::persistHoldingTransaction() {
     QPointer<AppStore> self(this);
     const auto service = service_;
     std::exception_ptr failure;
     try {
-        co_await service->save(snapshot());
+        AppSnapshot current = co_await snapshotForSave();
+        co_await service->save(std::move(current));
     } catch (...) {
         failure = std::current_exception();
     }
@@ -223,12 +243,37 @@ QCoro::Task<void> AppStore::persistHoldingTransaction() {
     std::rethrow_exception(failure);
 }
 
-QCoro::Task<bool> AppStore::persistOrRollBack(AppSnapshot previous, std::optional<StoreRetryOperation> retry) {
+AppStore::Undo AppStore::undoPoint() const {
+    Undo undo;
+    undo.rest = AppSnapshot(snapshotVersion_, accounts_, calendars_, {}, tags_, preferences_, googleSyncStates_);
+    return undo;
+}
+
+void AppStore::rollBack(Undo&& undo) {
+    // A writer either shows a group anew or edits events where they stand,
+    // so the places of one kind are not moved by the other.
+    if (undo.groupID) restoreGroup(*undo.groupID, undo.group);
+    if (!undo.edited.empty()) {
+        for (auto& [place, event] : undo.edited)
+            if (place < events_.size()) events_[place] = std::move(event);
+        emit eventsChanged();
+    }
+    AppSnapshot& rest = undo.rest;
+    setSnapshotVersion(rest.version);
+    setAccounts(std::move(rest.accounts));
+    setCalendars(std::move(rest.calendars));
+    setTags(std::move(rest.tags));
+    setPreferences(std::move(rest.preferences));
+    googleSyncStates_ = normalizedSyncStates(rest.googleSyncStates);
+}
+
+QCoro::Task<bool> AppStore::persistOrRollBack(Undo undo, std::optional<StoreRetryOperation> retry) {
     QPointer<AppStore> self(this);
     const auto service = service_;
     std::exception_ptr failure;
     try {
-        co_await service->save(snapshot());
+        AppSnapshot current = co_await snapshotForSave();
+        co_await service->save(std::move(current));
     } catch (...) {
         failure = std::current_exception();
     }
@@ -239,7 +284,7 @@ QCoro::Task<bool> AppStore::persistOrRollBack(AppSnapshot previous, std::optiona
     }
     // The user's change did not reach the store: take it back on screen and
     // offer it again.
-    apply(previous);
+    rollBack(std::move(undo));
     if (!isCancellation(failure)) recordFailure(localizedDescription(failure), std::move(retry));
     co_return false;
 }
@@ -279,22 +324,26 @@ QCoro::Task<bool> AppStore::setTaskCompletion(UUID eventID, bool isCompleted) {
     const auto hold = co_await holdTransaction();
     if (!hold) co_return false;
 
-    const AppSnapshot previous = snapshot();
     const auto target = std::find_if(events_.begin(), events_.end(), [&](const CalendarEvent& e) { return e.id == eventID; });
     if (target == events_.end() || target->kind != EventKind::task || target->isGeneratedBusyBlock) {
         recordMessage(StoreOperationError::invalidEdit().message());
         co_return false;
     }
 
+    // Edited where the copies stand; the undo keeps only those.
+    Undo undo = undoPoint();
     const UUID groupID = target->groupID;
-    auto events = events_;
     std::vector<CalendarEvent> group;
-    for (auto& event : events) {
+    for (std::size_t i = 0; i < events_.size(); ++i) {
+        CalendarEvent& event = events_[i];
         if (event.groupID != groupID) continue;
-        if (event.kind == EventKind::task && !event.isGeneratedBusyBlock) event.isCompleted = isCompleted;
+        if (event.kind == EventKind::task && !event.isGeneratedBusyBlock && event.isCompleted != isCompleted) {
+            undo.edited.emplace_back(i, event);
+            event.isCompleted = isCompleted;
+        }
         group.push_back(event);
     }
-    setEvents(std::move(events));
+    if (!undo.edited.empty()) emit eventsChanged();
 
     std::exception_ptr failure;
     std::vector<CalendarEvent> stored;
@@ -309,7 +358,7 @@ QCoro::Task<bool> AppStore::setTaskCompletion(UUID eventID, bool isCompleted) {
         clearPersistenceMessage();
         co_return true;
     }
-    apply(previous);
+    rollBack(std::move(undo));
     recordMutationFailure(failure, StoreRetryOperation::setTaskCompletion(eventID, isCompleted));
     co_return false;
 }
@@ -326,14 +375,14 @@ QCoro::Task<bool> AppStore::setCalendarVisibility(UUID calendarID, bool isVisibl
     const auto hold = co_await holdTransaction();
     if (!hold) co_return false;
 
-    const AppSnapshot previous = snapshot();
+    Undo undo = undoPoint();
     auto calendars = calendars_;
     const auto calendar = std::find_if(calendars.begin(), calendars.end(), [&](const CalendarSource& c) { return c.id == calendarID; });
     if (calendar == calendars.end()) co_return false;
     if (calendar->isVisible == isVisible) co_return true;
     calendar->isVisible = isVisible;
     setCalendars(std::move(calendars));
-    co_return co_await persistOrRollBack(previous, StoreRetryOperation::setCalendarVisibility(calendarID, isVisible));
+    co_return co_await persistOrRollBack(std::move(undo), StoreRetryOperation::setCalendarVisibility(calendarID, isVisible));
 }
 
 QCoro::Task<bool> AppStore::toggleCalendarVisibility(UUID calendarID) {
@@ -348,11 +397,11 @@ QCoro::Task<bool> AppStore::setPastSearchResultsIncluded(bool isIncluded) {
     if (!hold) co_return false;
 
     if (preferences_.includePastSearchResults == isIncluded) co_return true;
-    const AppSnapshot previous = snapshot();
+    Undo undo = undoPoint();
     auto preferences = preferences_;
     preferences.includePastSearchResults = isIncluded;
     setPreferences(std::move(preferences));
-    co_return co_await persistOrRollBack(previous, StoreRetryOperation::includePastSearchResults(isIncluded));
+    co_return co_await persistOrRollBack(std::move(undo), StoreRetryOperation::includePastSearchResults(isIncluded));
 }
 
 QCoro::Task<bool> AppStore::updatePreferencesNow(AppPreferences preferences) {
@@ -361,9 +410,9 @@ QCoro::Task<bool> AppStore::updatePreferencesNow(AppPreferences preferences) {
     if (!hold) co_return false;
 
     if (preferences_ == preferences) co_return true;
-    const AppSnapshot previous = snapshot();
+    Undo undo = undoPoint();
     setPreferences(preferences);
-    co_return co_await persistOrRollBack(previous, StoreRetryOperation::updatePreferences(std::move(preferences)));
+    co_return co_await persistOrRollBack(std::move(undo), StoreRetryOperation::updatePreferences(std::move(preferences)));
 }
 
 // --- Logout --------------------------------------------------------------

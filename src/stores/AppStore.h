@@ -298,11 +298,15 @@ private:
     // Brings the per-account Google status and warnings in line with
     // `accounts` and the Google service.
     QCoro::Task<void> refreshGoogleState();
+    struct Undo;
     // Saves the current snapshot for a caller that holds the transaction. On a
-    // failure the earlier snapshot comes back and `retry` is offered.
-    QCoro::Task<bool> persistOrRollBack(AppSnapshot previous, std::optional<StoreRetryOperation> retry);
+    // failure `undo` takes the change back and `retry` is offered.
+    QCoro::Task<bool> persistOrRollBack(Undo undo, std::optional<StoreRetryOperation> retry);
     // The body of `persist`, for a caller that holds the transaction.
     QCoro::Task<void> persistHoldingTransaction();
+    // `snapshot()` for a caller that holds the transaction, the events copied
+    // a slice at a time so that the event loop turns in between.
+    QCoro::Task<AppSnapshot> snapshotForSave();
 
     // The events of one group with their places in `events`, as they stood
     // before an edit: enough to undo the edit without a copy of the list.
@@ -318,6 +322,22 @@ private:
     bool showGroup(const UUID& groupID, const std::vector<CalendarEvent>& group);
     // Undoes `showGroup`: the group's events as they were, at their places.
     void restoreGroup(const UUID& groupID, const GroupPlaces& before);
+    // How every writer takes back a change it could not save: the small
+    // parts of the snapshot as they were, and of the events only the ones
+    // the change touched, with their places, never a copy of the whole list.
+    struct Undo {
+        // Everything but the events.
+        AppSnapshot rest;
+        // A group shown anew (`showGroup`, or appended when new): its
+        // members are taken out and `group` goes back in their places.
+        std::optional<UUID> groupID;
+        GroupPlaces group;
+        // Events changed where they stand, each with its value before.
+        std::vector<std::pair<std::size_t, CalendarEvent>> edited;
+    };
+    // An undo of nothing yet, holding the current small parts.
+    Undo undoPoint() const;
+    void rollBack(Undo&& undo);
     // The end of an event mutation whose service call has returned `stored`
     // or failed with `failure`: on success the stored events are shown and
     // the message clears; on a failure (the caller has put the screen back as
@@ -337,10 +357,10 @@ private:
     static std::optional<PartialMutationReport> partialMutationReport(std::exception_ptr failure);
     // Shows what the service truly holds after a mutation that reached only
     // some of its calendars, and offers the rest as a targeted retry. The
-    // caller holds the transaction.
+    // caller holds the transaction and has already taken back what it showed
+    // ahead of the service (the screen is at the state before the change).
     QCoro::Task<void> handlePartialGoogleMutation(PartialMutationReport report, UUID groupID,
-                                                  std::vector<CalendarEvent> completeDesiredEvents,
-                                                  AppSnapshot previousSnapshot);
+                                                  std::vector<CalendarEvent> completeDesiredEvents);
     // The body of the tag operations: shows `tags` in their new order and
     // saves, rolling back on a failure. Unchanged tags are saved all the same.
     QCoro::Task<bool> commitTags(std::vector<Tag> tags);

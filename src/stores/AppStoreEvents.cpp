@@ -76,20 +76,21 @@ QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> edit
     const CalendarSource& local = CalendarSource::tavelo();
     if (isCreation && std::find(draft.calendarIDs.begin(), draft.calendarIDs.end(), local.id) != draft.calendarIDs.end() &&
         std::none_of(calendars_.begin(), calendars_.end(), [&](const CalendarSource& c) { return c.id == local.id; })) {
-        AppSnapshot previous = snapshot();
+        Undo undo = undoPoint();
         auto calendars = calendars_;
         calendars.push_back(local);
         setCalendars(std::move(calendars));
-        if (!co_await persistOrRollBack(std::move(previous), std::nullopt)) co_return false;
+        if (!co_await persistOrRollBack(std::move(undo), std::nullopt)) co_return false;
         if (!self) co_return false;
     }
 
     // The engine reads the accounts, calendars, tags and preferences, and of
     // the events only the group under edit; the rest of a large list is not
     // copied for it, nor for the rollback.
-    const GroupPlaces before = isCreation ? GroupPlaces() : groupPlaces(*draft.groupID);
-    AppSnapshot context(snapshotVersion_, accounts_, calendars_, {}, tags_, preferences_, googleSyncStates_);
-    for (const auto& [place, event] : before.events) context.events.push_back(event);
+    Undo undo = undoPoint();
+    if (!isCreation) undo.group = groupPlaces(*draft.groupID);
+    AppSnapshot context = undo.rest;
+    for (const auto& [place, event] : undo.group.events) context.events.push_back(event);
     std::vector<CalendarEvent> group;
     try {
         group = isCreation ? EventMutationEngine::create(draft, draft.calendarIDs, context, dateCalendar_)
@@ -99,9 +100,18 @@ QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> edit
         co_return false;
     }
     const UUID groupID = isCreation ? group.front().groupID : *draft.groupID;
+    undo.groupID = groupID;
 
-    // On screen at once; the service's answer replaces it below.
-    const bool shown = showGroup(groupID, group);
+    // On screen at once; the service's answer replaces it below. A new
+    // group goes after everything else, where showing it would put it,
+    // without looking through the whole list for members it cannot have.
+    bool shown = true;
+    if (isCreation) {
+        events_.insert(events_.end(), group.begin(), group.end());
+        emit eventsChanged();
+    } else {
+        shown = showGroup(groupID, group);
+    }
 
     std::vector<CalendarEvent> stored;
     std::exception_ptr failure;
@@ -116,7 +126,7 @@ QCoro::Task<bool> AppStore::saveEvent(EventDraft draft, std::optional<UUID> edit
     if (!self) co_return false;
     // The screen goes back to the state before the change before anything
     // else looks at it.
-    if (failure && shown) restoreGroup(groupID, before);
+    if (failure && shown) rollBack(std::move(undo));
     co_return co_await concludeEventMutation(std::move(stored), failure, groupID, std::move(group));
 }
 
@@ -154,7 +164,9 @@ QCoro::Task<bool> AppStore::deleteEvent(UUID eventID) {
     }
     // The list EventMutationEngine::remove gives, edited in place.
     const UUID groupID = event->groupID;
-    const GroupPlaces before = groupPlaces(groupID);
+    Undo undo = undoPoint();
+    undo.groupID = groupID;
+    undo.group = groupPlaces(groupID);
     showGroup(groupID, {});
 
     std::vector<CalendarEvent> stored;
@@ -167,7 +179,7 @@ QCoro::Task<bool> AppStore::deleteEvent(UUID eventID) {
     if (!self) co_return false;
     // Nothing of the group is meant to remain.
     std::vector<CalendarEvent> desiredGroup;
-    if (failure) restoreGroup(groupID, before);
+    if (failure) rollBack(std::move(undo));
     co_return co_await concludeEventMutation(std::move(stored), failure, groupID, std::move(desiredGroup));
 }
 
@@ -230,8 +242,7 @@ QCoro::Task<bool> AppStore::concludeEventMutation(std::vector<CalendarEvent> sto
     // A mutation that reached some of its Google calendars is not undone:
     // what the service holds is shown and the rest is offered.
     if (auto report = partialMutationReport(failure)) {
-        AppSnapshot previous = snapshot();
-        co_await handlePartialGoogleMutation(std::move(*report), groupID, std::move(desiredGroup), std::move(previous));
+        co_await handlePartialGoogleMutation(std::move(*report), groupID, std::move(desiredGroup));
         co_return false;
     }
     recordMutationFailure(failure, std::nullopt);
@@ -246,7 +257,7 @@ QCoro::Task<std::optional<CalendarEvent>> AppStore::createStandaloneMeeting(QStr
     if (!hold) co_return std::nullopt;
 
     const CalendarSource& local = CalendarSource::tavelo();
-    AppSnapshot previous = snapshot();
+    Undo undo = undoPoint();
     auto calendars = calendars_;
     if (std::none_of(calendars.begin(), calendars.end(), [&](const CalendarSource& c) { return c.id == local.id; }))
         calendars.push_back(local);
@@ -266,9 +277,12 @@ QCoro::Task<std::optional<CalendarEvent>> AppStore::createStandaloneMeeting(QStr
         co_return std::nullopt;
     }
     setCalendars(std::move(calendars));
-    showGroup(created.front().groupID, created);
+    // A new group: after everything else.
+    undo.groupID = created.front().groupID;
+    events_.insert(events_.end(), created.begin(), created.end());
+    emit eventsChanged();
 
-    if (!co_await persistOrRollBack(std::move(previous), std::nullopt)) co_return std::nullopt;
+    if (!co_await persistOrRollBack(std::move(undo), std::nullopt)) co_return std::nullopt;
     // No busy blocks come with an event on the local calendar: the first is
     // the meeting itself.
     co_return created.front();
@@ -284,15 +298,17 @@ QCoro::Task<bool> AppStore::updateStandaloneMeeting(UUID eventID, QString title,
         co_return false;
     if (meeting->title == title && meeting->start == start && meeting->end == end) co_return true;
 
-    AppSnapshot previous = snapshot();
     // A real change, checked above; edited in place rather than by copying
     // the whole list.
-    CalendarEvent& changed = events_[static_cast<std::size_t>(meeting - events_.data())];
+    Undo undo = undoPoint();
+    const auto place = static_cast<std::size_t>(meeting - events_.data());
+    undo.edited.emplace_back(place, *meeting);
+    CalendarEvent& changed = events_[place];
     changed.title = std::move(title);
     changed.start = start;
     changed.end = end;
     emit eventsChanged();
-    co_return co_await persistOrRollBack(std::move(previous), std::nullopt);
+    co_return co_await persistOrRollBack(std::move(undo), std::nullopt);
 }
 
 // --- Availability --------------------------------------------------------

@@ -421,10 +421,8 @@ std::optional<AppStore::PartialMutationReport> AppStore::partialMutationReport(s
 }
 
 QCoro::Task<void> AppStore::handlePartialGoogleMutation(PartialMutationReport report, UUID groupID,
-                                                        std::vector<CalendarEvent> completeDesiredEvents,
-                                                        AppSnapshot previousSnapshot) {
+                                                        std::vector<CalendarEvent> completeDesiredEvents) {
     QPointer<AppStore> self(this);
-    apply(std::move(previousSnapshot));
     // What reached Google is stored; the screen shows exactly that.
     try {
         co_await reloadSnapshotFromService();
@@ -455,7 +453,8 @@ QCoro::Task<void> AppStore::retryGoogleMutation(PendingGoogleMutation mutation) 
     const auto hold = co_await holdTransaction();
     if (!hold) co_return;
 
-    AppSnapshot previous = snapshot();
+    // A retry shows nothing ahead of the service, so there is nothing to take
+    // back on a failure: the reload below shows what arrived.
     std::exception_ptr failure;
     try {
         // Only the copies that did not arrive; the others stay as stored.
@@ -480,7 +479,7 @@ QCoro::Task<void> AppStore::retryGoogleMutation(PendingGoogleMutation mutation) 
     }
     if (auto report = partialMutationReport(failure)) {
         co_await handlePartialGoogleMutation(std::move(*report), mutation.groupID,
-                                             std::move(mutation.completeDesiredEvents), std::move(previous));
+                                             std::move(mutation.completeDesiredEvents));
         co_return;
     }
     recordMutationFailure(failure, std::nullopt);

@@ -98,16 +98,19 @@ QCoro::Task<bool> AppStore::deleteTag(UUID tagID) {
     if (!hold) co_return false;
 
     if (std::none_of(tags_.begin(), tags_.end(), [&](const Tag& t) { return t.id == tagID; })) co_return false;
-    AppSnapshot previous = snapshot();
-    auto tags = previous.tags;
+    Undo undo = undoPoint();
+    auto tags = tags_;
     std::erase_if(tags, [&](const Tag& t) { return t.id == tagID; });
     normalizeTagOrder(tags);
-    auto events = previous.events;
-    for (CalendarEvent& event : events)
-        if (event.tagID == tagID) event.tagID.reset();
     setTags(std::move(tags));
-    setEvents(std::move(events));
-    co_return co_await persistOrRollBack(std::move(previous), std::nullopt);
+    // The events that wore the tag lose it where they stand.
+    for (std::size_t i = 0; i < events_.size(); ++i) {
+        if (events_[i].tagID != tagID) continue;
+        undo.edited.emplace_back(i, events_[i]);
+        events_[i].tagID.reset();
+    }
+    if (!undo.edited.empty()) emit eventsChanged();
+    co_return co_await persistOrRollBack(std::move(undo), std::nullopt);
 }
 
 QCoro::Task<bool> AppStore::moveTags(std::set<int> fromOffsets, int toOffset) {
@@ -156,9 +159,9 @@ QCoro::Task<bool> AppStore::commitTags(std::vector<Tag> tags) {
     normalizeTagOrder(tags);
     // Saved even when nothing changed: every tag operation saves, and its
     // success clears an older message and its retry.
-    AppSnapshot previous = snapshot();
+    Undo undo = undoPoint();
     setTags(std::move(tags));
-    co_return co_await persistOrRollBack(std::move(previous), std::nullopt);
+    co_return co_await persistOrRollBack(std::move(undo), std::nullopt);
 }
 
 

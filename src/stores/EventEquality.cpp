@@ -25,10 +25,6 @@ bool same(const UUID& a, const UUID& b) {
 bool same(const QString& a, const QString& b) {
     return (a.size() == b.size() && a.constData() == b.constData()) || a == b;
 }
-bool same(const QUrl& a, const QUrl& b) {
-    // data_ptr() only reads the shared pointer; it detaches nothing.
-    return const_cast<QUrl&>(a).data_ptr() == const_cast<QUrl&>(b).data_ptr() || a == b;
-}
 bool same(const Guest& a, const Guest& b);
 bool sameEvent(const CalendarEvent& a, const CalendarEvent& b);
 template <class T>

@@ -226,9 +226,7 @@ struct MergeEntry {
     std::vector<UUID> calendarIDs; // doubles as the set of counted calendars
 };
 
-// Working memory of the merge, kept per thread from call to call: on large
-// snapshots, fresh pages for every call cost more than the merge itself. It
-// carries no result from one call to the next.
+// Working memory of one merge.
 struct MergeScratch {
     std::vector<MergeItem> items;
     std::vector<SortKey> keys;
@@ -239,20 +237,14 @@ struct MergeScratch {
 };
 
 // Merges `events`, given in input order, walking them in start order.
-// Without `withCalendars` only the primaries are worked out. The entries live
-// in this thread's working memory until the next merge; take what is needed
-// from them at once.
-std::vector<MergeEntry>& mergeEntries(const std::vector<EventRef>& events, bool mergeDuplicates,
+// Without `withCalendars` only the primaries are worked out.
+std::vector<MergeEntry> mergeEntries(const std::vector<EventRef>& events, bool mergeDuplicates,
                                       bool withCalendars = true) {
-    thread_local MergeScratch scratch;
+    MergeScratch scratch;
     std::vector<MergeItem>& items = scratch.items;
     items.clear();
     std::size_t keyed = 0;
-    constexpr std::size_t kPrefetchDistance = 8;
     for (std::size_t i = 0; i < events.size(); ++i) {
-        // The UIDs live apart from the events; fetch ahead of their hashing.
-        if (i + kPrefetchDistance < events.size())
-            if (const auto& uid = events[i + kPrefetchDistance]->externalUID) __builtin_prefetch(uid->constData());
         items.push_back(mergeItem(events[i]));
         keyed += items.back().hasKey;
     }
@@ -267,7 +259,7 @@ std::vector<MergeEntry>& mergeEntries(const std::vector<EventRef>& events, bool 
     entries.clear();
     if (!mergeDuplicates) {
         for (std::uint32_t i : scratch.order) entries.push_back(newEntry(i));
-        return entries;
+        return std::move(entries);
     }
 
     constexpr std::uint32_t kNone = EntryIndex<GroupKey>::kNone;
@@ -309,10 +301,10 @@ std::vector<MergeEntry>& mergeEntries(const std::vector<EventRef>& events, bool 
         byGroup.enterSmaller(i, index);
         if (item.hasKey) byKey.enterSmaller(i, index);
     }
-    return entries;
+    return std::move(entries);
 }
 
-std::vector<DisplayedEvent> displayed(std::vector<MergeEntry>& entries) {
+std::vector<DisplayedEvent> displayed(std::vector<MergeEntry>&& entries) {
     std::vector<DisplayedEvent> result;
     result.reserve(entries.size());
     for (MergeEntry& entry : entries) result.push_back({*entry.primary, std::move(entry.calendarIDs)});

@@ -21,24 +21,6 @@ namespace tavelo {
 
 using namespace derivations;
 
-namespace {
-
-// ---------------------------------------------------------------------------
-// Search
-
-// The searched texts live apart from the events; the walk asks for those of
-// an event a few places ahead.
-constexpr std::size_t kTextPrefetchDistance = 4;
-
-void prefetchTexts(const CalendarEvent& event) {
-    __builtin_prefetch(event.title.constData());
-    __builtin_prefetch(event.location.constData());
-    __builtin_prefetch(event.notes.constData());
-    __builtin_prefetch(event.guests.data());
-}
-
-} // namespace
-
 namespace EventDerivations {
 
 std::vector<DisplayedEvent> search(QStringView query, std::optional<UUID> accountID, Date now,
@@ -55,8 +37,6 @@ std::vector<DisplayedEvent> search(QStringView query, std::optional<UUID> accoun
     const std::vector<CalendarEvent>& events = snapshot.events;
     for (std::size_t i = 0; i < events.size(); ++i) {
         const CalendarEvent& event = events[i];
-        if (!needle.empty() && i + kTextPrefetchDistance < events.size())
-            prefetchTexts(events[i + kTextPrefetchDistance]);
         if (!visible.contains(event.calendarID)) continue;
         if (accountID) {
             const auto it = calendars.find(event.calendarID);

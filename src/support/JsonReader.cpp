@@ -98,82 +98,12 @@ double JsonValue::number() const {
     return d;
 }
 
-namespace {
-
-// Keys are short: comparing them in words beats calling memcmp.
-bool sameKey(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    const char* p = a.data();
-    const char* q = b.data();
-    std::size_t n = a.size();
-    if (n >= 8) {
-        std::uint64_t x, y;
-        for (; n > 8; n -= 8, p += 8, q += 8) {
-            std::memcpy(&x, p, 8);
-            std::memcpy(&y, q, 8);
-            if (x != y) return false;
-        }
-        // The last eight bytes, overlapping what was compared already.
-        std::memcpy(&x, p + n - 8, 8);
-        std::memcpy(&y, q + n - 8, 8);
-        return x == y;
-    }
-    if (n >= 4) {
-        std::uint32_t x, y, z, w;
-        std::memcpy(&x, p, 4);
-        std::memcpy(&y, q, 4);
-        std::memcpy(&z, p + n - 4, 4);
-        std::memcpy(&w, q + n - 4, 4);
-        return x == y && z == w;
-    }
-    for (; n > 0; --n)
-        if (*p++ != *q++) return false;
-    return true;
-}
-
-} // namespace
-
-void JsonObject::buildIndex() const {
-    if (object_.size() > kIndexCapacity) {
-        index_ = Index::tooLarge;
-        return;
-    }
-    std::size_t count = 0;
-    for (const auto field : object_) {
-        const unsigned print = fingerprint(field.key);
-        if (mayHave(print)) {
-            // Possibly a repeated key: only its first occurrence is kept.
-            bool repeated = false;
-            for (std::size_t i = 0; i < count && !repeated; ++i) repeated = sameKey(fields_.items[i].key, field.key);
-            if (repeated) continue;
-        }
-        filter_[print >> 6] |= std::uint64_t{1} << (print & 63);
-        fields_.items[count++] = Field{field.key, field.value};
-    }
-    count_ = static_cast<std::uint8_t>(count);
-    index_ = Index::built;
-}
 
 std::optional<simdjson::dom::element> JsonObject::find(std::string_view key) const {
-    if (index_ == Index::notBuilt) buildIndex();
-    if (index_ == Index::tooLarge) {
-        simdjson::dom::element element;
-        if (object_.at_key(key).get(element) != simdjson::SUCCESS) return std::nullopt;
-        return element;
-    }
-    if (!mayHave(fingerprint(key))) return std::nullopt;
-    // Keys in the index are unique, so wherever the search starts, a match
-    // is the first occurrence.
-    std::size_t i = cursor_;
-    for (std::size_t n = 0; n < count_; ++n) {
-        if (i == count_) i = 0;
-        if (sameKey(fields_.items[i].key, key)) {
-            cursor_ = static_cast<std::uint8_t>(i + 1);
-            return fields_.items[i].value;
-        }
-        ++i;
-    }
-    return std::nullopt;
+    // A walk over the fields, first match wins: objects here are small.
+    simdjson::dom::element element;
+    if (object_.at_key(key).get(element) != simdjson::SUCCESS) return std::nullopt;
+    return element;
 }
 
 void readJson(const JsonValue& v, int& out) {

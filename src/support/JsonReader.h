@@ -76,11 +76,8 @@ private:
     const JsonPath* path_;
 };
 
-// An object whose fields are looked up by key. The first lookup walks the
-// fields once into a small index; later lookups go to the index, starting
-// where the previous one matched, so a record read in the order it was
-// written costs one comparison per key. When a key occurs more than once,
-// its first occurrence counts, as everywhere in this reader.
+// An object whose fields are looked up by key. When a key occurs more than
+// once, its first occurrence counts, as everywhere in this reader.
 class JsonObject {
 public:
     JsonObject(simdjson::dom::object object, const JsonPath* path) : object_(object), path_(path) {}
@@ -93,42 +90,8 @@ public:
     simdjson::dom::object raw() const { return object_; }
 
 private:
-    // Objects with more fields than this are searched field by field.
-    static constexpr std::size_t kIndexCapacity = 32;
-
-    struct Field {
-        std::string_view key;
-        simdjson::dom::element value;
-    };
-    // Left uninitialised until the index is built: most objects are small
-    // and short-lived, and zeroing the whole array would cost more than
-    // looking up their keys.
-    union Fields {
-        Fields() {}
-        Field items[kIndexCapacity];
-    };
-    enum class Index : std::uint8_t { notBuilt, built, tooLarge };
-
-    void buildIndex() const;
-    // Seven bits from a key's length and end characters.
-    static unsigned fingerprint(std::string_view key) {
-        if (key.empty()) return 0;
-        const std::uint32_t first = static_cast<unsigned char>(key.front());
-        const std::uint32_t last = static_cast<unsigned char>(key.back());
-        const auto size = static_cast<std::uint32_t>(key.size());
-        return (size * 0x9E3779B1u ^ first * 0x85EBCA77u ^ last * 0xC2B2AE3Du) >> 25;
-    }
-    bool mayHave(unsigned print) const { return (filter_[print >> 6] >> (print & 63)) & 1; }
-
     simdjson::dom::object object_;
     const JsonPath* path_;
-    mutable Index index_ = Index::notBuilt;
-    mutable std::uint8_t count_ = 0;
-    mutable std::uint8_t cursor_ = 0;
-    // One bit per key fingerprint: a key whose bit is clear is not in the
-    // object, which answers most lookups of absent optional keys at once.
-    mutable std::uint64_t filter_[2] = {0, 0};
-    mutable Fields fields_;
 };
 
 // --- value decoders: overloads for every field type ---------------------------

@@ -29,6 +29,7 @@ using Events = std::vector<CalendarEvent>;
 namespace {
 
 Date at(int hour, int minute = 0) { return on(tokyo(), 1, 5, hour, minute); }
+QCoro::Task<bool> toBool(QCoro::Task<std::optional<CalendarEvent>> task) { co_return (co_await std::move(task)).has_value(); }
 QString lockedSaveMessage() { return localizedDescription(SQLitePersistenceError(SQLitePersistenceError::Kind::operation)); }
 
 // Holds the state file's lock, so that every save fails with SQLITE_BUSY
@@ -249,6 +250,7 @@ TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
         std::function<QCoro::Task<bool>()> run;
         std::optional<StoreRetryOperation> retry; // and what the retry changes
         std::function<void(AppSnapshot&)> change = {};
+        int announcements = 2; // each changed list shown at once, then taken back
     };
     const std::vector<Case> cases = {
         {"create", [&] { return store.saveEvent(draft("Lunch", {work}), std::nullopt); }, std::nullopt},
@@ -265,6 +267,12 @@ TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
          StoreRetryOperation::setTaskCompletion(report[1].id, true), [](AppSnapshot& s) {
              s.events[4].isCompleted = s.events[5].isCompleted = true;
          }},
+        // Tags and the events that wore the deleted one.
+        {"delete tag", [&] { return store.deleteTag(initial.tags[0].id); }, std::nullopt, {}, 4},
+        {"add tag", [&] { return store.addTag(Tag{.id = UUID::random(), .name = "Travel"}); }, std::nullopt},
+        {"move tags", [&] { return store.moveTags({0}, 3); }, std::nullopt},
+        // The local calendar and the meeting on it.
+        {"meeting", [&] { return toBool(store.createStandaloneMeeting("Retro", at(16), at(17))); }, std::nullopt, {}, 4},
     };
     auto expected = initial;
     for (const auto& c : cases) {
@@ -273,7 +281,7 @@ TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
         canRetryChanged.clear();
         ExclusiveDatabaseLock lock(path());
         EXPECT_FALSE(syncWait(c.run()));
-        EXPECT_EQ(announced, 2); // shown at once, then taken back
+        EXPECT_EQ(announced, c.announcements);
         EXPECT_EQ(store.snapshot(), expected);
         EXPECT_EQ(store.lastError(), lockedSaveMessage());
         EXPECT_EQ(store.retryOperation(), c.retry);
@@ -289,6 +297,22 @@ TEST_F(AppStoreTest, FailedSaveRollsBackAndTheRetryRedoesIt) {
         EXPECT_FALSE(store.hasLastError() || store.canRetry());
         EXPECT_EQ(canRetryChanged.count(), 2);
     }
+}
+
+// An edit made where the event stands comes back where it stood.
+TEST_F(AppStoreTest, FailedMeetingEditRestoresTheMeetingInItsPlace) {
+    auto& store = loaded();
+    const auto meeting = syncWait(store.createStandaloneMeeting("Retro", at(16), at(17)));
+    ASSERT_TRUE(meeting);
+    ASSERT_TRUE(syncWait(store.addTag(Tag{.id = UUID::random(), .name = "Travel"})));
+    const AppSnapshot before = store.snapshot();
+    ExclusiveDatabaseLock lock(path());
+    EXPECT_FALSE(syncWait(store.updateStandaloneMeeting(meeting->id, "Sync", at(10), at(11))));
+    EXPECT_EQ(store.snapshot(), before);
+    EXPECT_FALSE(syncWait(store.deleteTag(store.tags()[0].id)));
+    EXPECT_EQ(store.snapshot(), before);
+    lock.release();
+    EXPECT_EQ(stored(), before);
 }
 
 // The events are compared before they are announced, by value: an equal list
