@@ -3,9 +3,13 @@
 #include "google/GoogleCalendarMapper.h"
 #include "google/StableUUID.h"
 
+#include "support/DateCalendar.h"
+
 #include <QHash>
 #include <QSet>
+#include <QTimeZone>
 
+#include <deque>
 #include <type_traits>
 
 namespace tavelo {
@@ -58,7 +62,290 @@ void validateListing(const std::vector<GoogleEventPage>& pages) {
     if (!hasToken(pages.back().nextSyncToken)) throw GoogleSyncEngineError(Kind::missingSyncToken);
 }
 
+// Which of the program's private properties a record carries.
+enum PrivateKey : unsigned char { groupKey = 1, parentKey = 2, busyBlockKey = 4 };
+
+unsigned char privateKeysOf(const GoogleEventDTO& dto) {
+    using namespace GoogleCalendarMapper;
+    unsigned char keys = 0;
+    if (dto.privateProperty(groupIDKey())) keys |= groupKey;
+    if (dto.privateProperty(parentEventIDKey())) keys |= parentKey;
+    if (dto.privateProperty(generatedBusyBlockKey())) keys |= busyBlockKey;
+    return keys;
+}
+
+void preserveState(const CalendarEvent& stored, unsigned char keys, CalendarEvent& mapped) {
+    mapped.kind = stored.kind;
+    mapped.isCompleted = stored.isCompleted;
+    if (!mapped.tagID) mapped.tagID = stored.tagID;
+    if (!(keys & groupKey)) mapped.groupID = stored.groupID;
+    if (!(keys & parentKey)) mapped.sourceEventID = stored.sourceEventID;
+    if (!(keys & busyBlockKey)) mapped.isGeneratedBusyBlock = stored.isGeneratedBusyBlock;
+}
+
+bool isKnownZone(const QString& id) { return !id.isEmpty() && QTimeZone(id.toUtf8()).isValid(); }
+
 } // namespace
+
+// --- a listing taken in page by page ---------------------------------------------
+
+struct GoogleEventListing::State {
+    // Times read in a zone that a later page may still replace: what is
+    // needed to read them again.
+    struct ZoneBound {
+        QString zoneID;
+        UUID localID;
+        GoogleEventDateTimeDTO start;
+        GoogleEventDateTimeDTO end;
+        // The whole record, when it could not be read in `zoneID`.
+        std::unique_ptr<GoogleEventDTO> record;
+    };
+    struct Entry {
+        QString googleID; // trimmed; empty when the record has none
+        std::optional<CalendarEvent> mapped;
+        unsigned char privateKeys = 0;
+        std::unique_ptr<ZoneBound> zoneBound;
+    };
+
+    State(const CalendarSource& calendar, DateCalendar zone, const AppSnapshot& snapshot)
+        : calendarID(calendar.id), zone(std::move(zone)) {
+        // The first stored copy of an id is the one a listing updates.
+        for (const auto& e : snapshot.events) {
+            if (e.calendarID != calendarID) continue;
+            if (auto id = trimmedID(e.googleEventID); id && !storedIDs.contains(*id)) storedIDs.insert(*id, e.id);
+        }
+    }
+
+    UUID calendarID;
+    DateCalendar zone;
+    QString zoneID;
+    bool followsPageZones = false;
+    std::optional<QString> statedZone;
+    QHash<QString, UUID> storedIDs;
+
+    // In listing order; taken from the front as the merge goes.
+    std::deque<Entry> entries;
+    // Every id the listing names (readable or not), those named more than
+    // once, and those it deletes.
+    QSet<QString> seen;
+    QSet<QString> repeated;
+    QSet<QString> deleted;
+
+    std::size_t pageCount = 0;
+    bool brokenChain = false;
+    bool lastHadNextPage = false;
+    std::optional<QString> lastSyncToken;
+    int skipped = 0;
+};
+
+GoogleEventListing::GoogleEventListing(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+GoogleEventListing::GoogleEventListing(const CalendarSource& calendar, const DateCalendar& timeZone,
+                                       const AppSnapshot& snapshot)
+    : state_(std::make_unique<State>(calendar, timeZone, snapshot)) {
+    state_->zoneID = timeZone.timeZoneID();
+}
+
+GoogleEventListing GoogleEventListing::followingPageZones(const CalendarSource& calendar,
+                                                          const QString& fallbackTimeZoneID,
+                                                          const AppSnapshot& snapshot) {
+    auto state = std::make_unique<State>(calendar, GoogleCalendarMapper::calendarForTimeZone(fallbackTimeZoneID),
+                                         snapshot);
+    state->zoneID = fallbackTimeZoneID;
+    state->followsPageZones = true;
+    return GoogleEventListing(std::move(state));
+}
+
+GoogleEventListing::GoogleEventListing(GoogleEventListing&&) noexcept = default;
+GoogleEventListing& GoogleEventListing::operator=(GoogleEventListing&&) noexcept = default;
+GoogleEventListing::~GoogleEventListing() = default;
+
+const std::optional<QString>& GoogleEventListing::statedTimeZone() const { return state_->statedZone; }
+
+void GoogleEventListing::add(const GoogleEventPage& page) {
+    State& s = *state_;
+    if (s.pageCount > 0 && !s.lastHadNextPage) s.brokenChain = true;
+    ++s.pageCount;
+    s.lastHadNextPage = hasToken(page.nextPageToken);
+    s.lastSyncToken = page.nextSyncToken;
+    s.skipped += page.skippedItemCount;
+
+    if (s.followsPageZones && page.timeZone && isKnownZone(*page.timeZone)) {
+        s.statedZone = *page.timeZone;
+        if (*page.timeZone != s.zoneID) {
+            s.zoneID = *page.timeZone;
+            s.zone = GoogleCalendarMapper::calendarForTimeZone(s.zoneID);
+        }
+    }
+
+    for (const auto& dto : page.events) {
+        State::Entry entry;
+        entry.googleID = trimmedID(dto.id).value_or(QString());
+        UUID localID;
+        if (entry.googleID.isEmpty()) {
+            localID = stableUUID(s.calendarID, entry.googleID);
+        } else {
+            if (s.seen.contains(entry.googleID))
+                s.repeated.insert(entry.googleID);
+            else
+                s.seen.insert(entry.googleID);
+            const auto stored = s.storedIDs.constFind(entry.googleID);
+            localID = stored != s.storedIDs.cend() ? *stored : stableUUID(s.calendarID, entry.googleID);
+        }
+        entry.mapped = GoogleCalendarMapper::event(dto, localID, s.calendarID, s.zone);
+        entry.privateKeys = privateKeysOf(dto);
+        if (s.followsPageZones && GoogleCalendarMapper::timesDependOnCalendarZone(dto)) {
+            auto bound = std::make_unique<State::ZoneBound>();
+            bound->zoneID = s.zoneID;
+            bound->localID = localID;
+            bound->start = *dto.start;
+            bound->end = *dto.end;
+            if (!entry.mapped) bound->record = std::make_unique<GoogleEventDTO>(dto);
+            entry.zoneBound = std::move(bound);
+        }
+        s.entries.push_back(std::move(entry));
+    }
+    for (const auto& rawID : page.deletedEventIDs)
+        if (auto id = trimmedID(rawID)) s.deleted.insert(std::move(*id));
+}
+
+void GoogleEventListing::checkComplete() const {
+    using Kind = GoogleSyncEngineError::Kind;
+    const State& s = *state_;
+    if (s.pageCount == 0 || s.brokenChain || s.lastHadNextPage) throw GoogleSyncEngineError(Kind::incompletePagination);
+    if (!hasToken(s.lastSyncToken)) throw GoogleSyncEngineError(Kind::missingSyncToken);
+}
+
+struct GoogleEventListingAccess {
+    static GoogleSyncMergeResult merge(GoogleEventListing&& listing, GoogleSyncMode mode, Date completedAt,
+                                       AppSnapshot snapshot);
+};
+
+GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listing, GoogleSyncMode mode,
+                                                      Date completedAt, AppSnapshot snapshot) {
+    listing.checkComplete();
+    // The listing is used up by the merge.
+    const std::unique_ptr<GoogleEventListing::State> state = std::move(listing.state_);
+    GoogleEventListing::State& s = *state;
+
+    const UUID calendarID = s.calendarID;
+    auto& events = snapshot.events;
+    const auto& seen = s.seen;
+    const auto& deleted = s.deleted;
+
+    // The stored events of this calendar that the listing names, by Google
+    // id. The first of several copies is the one that is updated; the others
+    // go when Google lists the id again. In a full listing a stored Google
+    // event that the listing does not name goes too; events without a Google
+    // id are pending local work and always stay.
+    const bool full = mode == GoogleSyncMode::full;
+    QHash<QString, std::size_t> stored;
+    std::vector<std::pair<QString, std::size_t>> extraCopies;
+    std::vector<std::size_t> dropped;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        const auto& e = events[i];
+        if (e.calendarID != calendarID) continue;
+        auto id = trimmedID(e.googleEventID);
+        if (!id) continue;
+        if (!seen.contains(*id) && !deleted.contains(*id)) {
+            if (full) dropped.push_back(i);
+            continue;
+        }
+        if (stored.contains(*id))
+            extraCopies.emplace_back(std::move(*id), i);
+        else
+            stored.insert(std::move(*id), i);
+    }
+    std::size_t possiblyNew = 0;
+    for (const auto& id : seen)
+        if (!stored.contains(id)) ++possiblyNew;
+
+    // Mapped events go into the snapshot, taken from the listing one by one:
+    // an update where the stored event is, a new event at the end. A later
+    // record of one id replaces the earlier one in the same place.
+    const std::size_t storedCount = events.size();
+    events.reserve(storedCount + possiblyNew);
+    std::vector<char> replaced(storedCount, 0);
+    QHash<QString, std::size_t> added;
+    added.reserve(static_cast<qsizetype>(possiblyNew));
+    // The stored form of an event named more than once, kept before it is
+    // first overwritten: every record of the id is merged against it.
+    QHash<std::size_t, CalendarEvent> originals;
+    int skipped = s.skipped;
+    while (!s.entries.empty()) {
+        GoogleEventListing::State::Entry entry = std::move(s.entries.front());
+        s.entries.pop_front();
+        if (entry.zoneBound && entry.zoneBound->zoneID != s.zoneID) {
+            // Read again in the zone the listing ended with.
+            const auto& bound = *entry.zoneBound;
+            if (bound.record) {
+                entry.mapped = GoogleCalendarMapper::event(*bound.record, bound.localID, calendarID, s.zone);
+            } else if (entry.mapped) {
+                if (auto times = GoogleCalendarMapper::eventTimes(bound.start, bound.end, s.zone)) {
+                    entry.mapped->start = times->start;
+                    entry.mapped->end = times->end;
+                    entry.mapped->isAllDay = times->isAllDay;
+                } else {
+                    entry.mapped.reset();
+                }
+            }
+        }
+        if (!entry.mapped) {
+            // The stored form stays until Google says otherwise.
+            ++skipped;
+            continue;
+        }
+        const QString& googleID = entry.googleID;
+        const auto storedAt = googleID.isEmpty() ? stored.cend() : stored.constFind(googleID);
+        if (storedAt != stored.cend()) {
+            const std::size_t position = *storedAt;
+            if (s.repeated.contains(googleID)) {
+                auto original = originals.constFind(position);
+                if (original == originals.cend()) original = originals.insert(position, events[position]);
+                preserveState(*original, entry.privateKeys, *entry.mapped);
+            } else {
+                preserveState(events[position], entry.privateKeys, *entry.mapped);
+            }
+            events[position] = std::move(*entry.mapped);
+            replaced[position] = 1;
+        } else if (auto at = added.constFind(googleID); at != added.cend()) {
+            events[*at] = std::move(*entry.mapped);
+        } else {
+            added.insert(googleID, events.size());
+            events.push_back(std::move(*entry.mapped));
+        }
+    }
+
+    // What goes besides: deleted events (a deletion overrides a record seen
+    // earlier) and further copies of an id Google listed.
+    for (auto it = stored.cbegin(); it != stored.cend(); ++it) {
+        if (deleted.contains(it.key())) dropped.push_back(it.value());
+    }
+    for (const auto& [id, position] : extraCopies) {
+        if (deleted.contains(id) || replaced[stored.value(id)]) dropped.push_back(position);
+    }
+    if (!deleted.isEmpty()) {
+        for (auto it = added.cbegin(); it != added.cend(); ++it)
+            if (deleted.contains(it.key())) dropped.push_back(it.value());
+    }
+    if (!dropped.empty()) {
+        std::vector<char> drop(events.size(), 0);
+        for (std::size_t position : dropped) drop[position] = 1;
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            if (drop[i]) continue;
+            if (kept != i) events[kept] = std::move(events[i]);
+            ++kept;
+        }
+        events.erase(events.begin() + static_cast<std::ptrdiff_t>(kept), events.end());
+    }
+
+    setSyncState(snapshot, GoogleCalendarSyncState{calendarID, s.lastSyncToken, completedAt});
+
+    GoogleSyncMergeResult result{std::move(snapshot), {}};
+    if (skipped > 0) result.warnings.push_back(GoogleSyncWarning::skippedEvents(calendarID, skipped));
+    return result;
+}
 
 GoogleAccountPresentation GoogleAccountPresentation::forEmail(const QString& email) {
     const QString domain = email.split(u'@', Qt::KeepEmptyParts).last().toLower();
@@ -150,14 +437,7 @@ GoogleSyncMergeResult mergingCalendars(const std::vector<GoogleCalendarListEntry
 }
 
 void preserveAppOwnedEventState(const CalendarEvent& stored, const GoogleEventDTO& dto, CalendarEvent& mapped) {
-    using namespace GoogleCalendarMapper;
-    mapped.kind = stored.kind;
-    mapped.isCompleted = stored.isCompleted;
-    if (!mapped.tagID) mapped.tagID = stored.tagID;
-    if (!dto.privateProperty(groupIDKey())) mapped.groupID = stored.groupID;
-    if (!dto.privateProperty(parentEventIDKey())) mapped.sourceEventID = stored.sourceEventID;
-    if (!dto.privateProperty(generatedBusyBlockKey()))
-        mapped.isGeneratedBusyBlock = stored.isGeneratedBusyBlock;
+    preserveState(stored, privateKeysOf(dto), mapped);
 }
 
 namespace {
@@ -306,7 +586,17 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
 GoogleSyncMergeResult mergingEventPages(std::vector<GoogleEventPage>&& pages, const CalendarSource& calendar,
                                         const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
                                         AppSnapshot snapshot) {
-    return mergeListing(pages, calendar, calendarTimeZone, mode, completedAt, std::move(snapshot));
+    GoogleEventListing listing(calendar, calendarTimeZone, snapshot);
+    for (auto& page : pages) {
+        listing.add(page);
+        std::vector<GoogleEventDTO>().swap(page.events);
+    }
+    return mergingListing(std::move(listing), mode, completedAt, std::move(snapshot));
+}
+
+GoogleSyncMergeResult mergingListing(GoogleEventListing&& listing, GoogleSyncMode mode, Date completedAt,
+                                     AppSnapshot snapshot) {
+    return GoogleEventListingAccess::merge(std::move(listing), mode, completedAt, std::move(snapshot));
 }
 
 AppSnapshot clearingSyncToken(const UUID& calendarID, AppSnapshot snapshot) {
