@@ -9,7 +9,9 @@
 #include <QSet>
 #include <QTimeZone>
 
+#include <algorithm>
 #include <deque>
+#include <iterator>
 #include <type_traits>
 
 namespace tavelo {
@@ -102,13 +104,16 @@ struct GoogleEventListing::State {
     };
     struct Entry {
         QString googleID; // trimmed; empty when the record has none
-        std::optional<CalendarEvent> mapped;
+        // The event the record maps to, unless it waits in `fresh` (at
+        // `slot`) or the record could not be read.
+        std::unique_ptr<CalendarEvent> mapped;
+        std::ptrdiff_t slot = -1;
         unsigned char privateKeys = 0;
         std::unique_ptr<ZoneBound> zoneBound;
     };
 
     State(const CalendarSource& calendar, DateCalendar zone, const AppSnapshot& snapshot)
-        : calendarID(calendar.id), zone(std::move(zone)) {
+        : calendarID(calendar.id), zone(std::move(zone)), storedEventCount(snapshot.events.size()) {
         // The first stored copy of an id is the one a listing updates.
         for (const auto& e : snapshot.events) {
             if (e.calendarID != calendarID) continue;
@@ -123,8 +128,16 @@ struct GoogleEventListing::State {
     std::optional<QString> statedZone;
     QHash<QString, UUID> storedIDs;
 
-    // In listing order; taken from the front as the merge goes.
+    // Every record, in listing order.
     std::deque<Entry> entries;
+    // Events of ids the snapshot does not store yet, in the order their
+    // first readable record came; a later readable record of an id takes
+    // its place, and the earlier event goes back to its own entry. This is
+    // the storage the merged events end up in.
+    std::vector<CalendarEvent> fresh;
+    std::vector<std::size_t> freshOwner; // the entry whose event each slot holds
+    QHash<QString, std::size_t> freshSlot;
+    std::size_t storedEventCount = 0;
     // Every id the listing names (readable or not), those named more than
     // once, and those it deletes.
     QSet<QString> seen;
@@ -192,7 +205,7 @@ void GoogleEventListing::add(const GoogleEventPage& page) {
             const auto stored = s.storedIDs.constFind(entry.googleID);
             localID = stored != s.storedIDs.cend() ? *stored : stableUUID(s.calendarID, entry.googleID);
         }
-        entry.mapped = GoogleCalendarMapper::event(dto, localID, s.calendarID, s.zone);
+        auto mapped = GoogleCalendarMapper::event(dto, localID, s.calendarID, s.zone);
         entry.privateKeys = privateKeysOf(dto);
         if (s.followsPageZones && GoogleCalendarMapper::timesDependOnCalendarZone(dto)) {
             auto bound = std::make_unique<State::ZoneBound>();
@@ -200,8 +213,31 @@ void GoogleEventListing::add(const GoogleEventPage& page) {
             bound->localID = localID;
             bound->start = *dto.start;
             bound->end = *dto.end;
-            if (!entry.mapped) bound->record = std::make_unique<GoogleEventDTO>(dto);
+            if (!mapped) bound->record = std::make_unique<GoogleEventDTO>(dto);
             entry.zoneBound = std::move(bound);
+        }
+        const std::size_t index = s.entries.size();
+        if (!mapped) {
+            // Counted as skipped by the merge.
+        } else if (entry.googleID.isEmpty() || s.storedIDs.contains(entry.googleID)) {
+            entry.mapped = std::make_unique<CalendarEvent>(std::move(*mapped));
+        } else if (auto slot = s.freshSlot.constFind(entry.googleID); slot != s.freshSlot.cend()) {
+            auto& previous = s.entries[s.freshOwner[*slot]];
+            previous.mapped = std::make_unique<CalendarEvent>(std::move(s.fresh[*slot]));
+            previous.slot = -1;
+            s.fresh[*slot] = std::move(*mapped);
+            s.freshOwner[*slot] = index;
+            entry.slot = static_cast<std::ptrdiff_t>(*slot);
+        } else {
+            if (s.fresh.size() == s.fresh.capacity() && s.fresh.size() >= s.storedEventCount) {
+                // Room for the stored events too, so that the merge can put
+                // them in front without moving every event again.
+                s.fresh.reserve(2 * s.fresh.size() + s.storedEventCount + 64);
+            }
+            entry.slot = static_cast<std::ptrdiff_t>(s.fresh.size());
+            s.freshSlot.insert(entry.googleID, s.fresh.size());
+            s.fresh.push_back(std::move(*mapped));
+            s.freshOwner.push_back(index);
         }
         s.entries.push_back(std::move(entry));
     }
@@ -227,6 +263,39 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
     // The listing is used up by the merge.
     const std::unique_ptr<GoogleEventListing::State> state = std::move(listing.state_);
     GoogleEventListing::State& s = *state;
+
+    // Times read in a zone other than the one the listing ended with are read
+    // again. That can make a record readable or not, and so change which
+    // record of an id comes first: every record then goes back to its own
+    // entry and is placed anew.
+    const bool reread = std::any_of(s.entries.cbegin(), s.entries.cend(), [&](const auto& entry) {
+        return entry.zoneBound && entry.zoneBound->zoneID != s.zoneID;
+    });
+    if (reread) {
+        for (std::size_t slot = 0; slot < s.fresh.size(); ++slot) {
+            auto& owner = s.entries[s.freshOwner[slot]];
+            owner.mapped = std::make_unique<CalendarEvent>(std::move(s.fresh[slot]));
+            owner.slot = -1;
+        }
+        std::vector<CalendarEvent>().swap(s.fresh);
+        s.freshSlot.clear();
+        for (auto& entry : s.entries) {
+            if (!entry.zoneBound || entry.zoneBound->zoneID == s.zoneID) continue;
+            const auto& bound = *entry.zoneBound;
+            if (bound.record) {
+                if (auto mapped = GoogleCalendarMapper::event(*bound.record, bound.localID, s.calendarID, s.zone))
+                    entry.mapped = std::make_unique<CalendarEvent>(std::move(*mapped));
+            } else if (entry.mapped) {
+                if (auto times = GoogleCalendarMapper::eventTimes(bound.start, bound.end, s.zone)) {
+                    entry.mapped->start = times->start;
+                    entry.mapped->end = times->end;
+                    entry.mapped->isAllDay = times->isAllDay;
+                } else {
+                    entry.mapped.reset();
+                }
+            }
+        }
+    }
 
     const UUID calendarID = s.calendarID;
     auto& events = snapshot.events;
@@ -256,47 +325,47 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
         else
             stored.insert(std::move(*id), i);
     }
-    std::size_t possiblyNew = 0;
-    for (const auto& id : seen)
-        if (!stored.contains(id)) ++possiblyNew;
 
-    // Mapped events go into the snapshot, taken from the listing one by one:
-    // an update where the stored event is, a new event at the end. A later
-    // record of one id replaces the earlier one in the same place.
+    // New events follow the stored ones, in the order of their first
+    // readable record. When they were gathered as the pages came they are
+    // already in that order, with room for the stored events in front.
     const std::size_t storedCount = events.size();
-    events.reserve(storedCount + possiblyNew);
-    std::vector<char> replaced(storedCount, 0);
     QHash<QString, std::size_t> added;
-    added.reserve(static_cast<qsizetype>(possiblyNew));
+    if (!reread) {
+        if (s.fresh.size() >= storedCount && s.fresh.capacity() >= s.fresh.size() + storedCount) {
+            s.fresh.insert(s.fresh.begin(), std::make_move_iterator(events.begin()),
+                           std::make_move_iterator(events.end()));
+            events.swap(s.fresh);
+        } else {
+            events.reserve(storedCount + s.fresh.size());
+            std::move(s.fresh.begin(), s.fresh.end(), std::back_inserter(events));
+        }
+        std::vector<CalendarEvent>().swap(s.fresh);
+        added = std::move(s.freshSlot);
+        for (auto it = added.begin(); it != added.end(); ++it) it.value() += storedCount;
+    } else {
+        std::size_t possiblyNew = 0;
+        for (const auto& id : seen)
+            if (!stored.contains(id)) ++possiblyNew;
+        events.reserve(storedCount + possiblyNew);
+    }
+
+    // Records of stored ids update the stored event where it is. Otherwise
+    // (only when records were read again) a record's event goes at the end,
+    // or, for an id already added, replaces the earlier event in its place.
+    std::vector<char> replaced(storedCount, 0);
     // The stored form of an event named more than once, kept before it is
     // first overwritten: every record of the id is merged against it.
     QHash<std::size_t, CalendarEvent> originals;
     int skipped = s.skipped;
-    while (!s.entries.empty()) {
-        GoogleEventListing::State::Entry entry = std::move(s.entries.front());
-        s.entries.pop_front();
-        if (entry.zoneBound && entry.zoneBound->zoneID != s.zoneID) {
-            // Read again in the zone the listing ended with.
-            const auto& bound = *entry.zoneBound;
-            if (bound.record) {
-                entry.mapped = GoogleCalendarMapper::event(*bound.record, bound.localID, calendarID, s.zone);
-            } else if (entry.mapped) {
-                if (auto times = GoogleCalendarMapper::eventTimes(bound.start, bound.end, s.zone)) {
-                    entry.mapped->start = times->start;
-                    entry.mapped->end = times->end;
-                    entry.mapped->isAllDay = times->isAllDay;
-                } else {
-                    entry.mapped.reset();
-                }
-            }
-        }
+    for (auto& entry : s.entries) {
         if (!entry.mapped) {
             // The stored form stays until Google says otherwise.
-            ++skipped;
+            if (entry.slot < 0) ++skipped;
             continue;
         }
         const QString& googleID = entry.googleID;
-        const auto storedAt = googleID.isEmpty() ? stored.cend() : stored.constFind(googleID);
+        const auto storedAt = stored.constFind(googleID);
         if (storedAt != stored.cend()) {
             const std::size_t position = *storedAt;
             if (s.repeated.contains(googleID)) {
@@ -308,12 +377,15 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
             }
             events[position] = std::move(*entry.mapped);
             replaced[position] = 1;
+        } else if (!reread) {
+            // An earlier record of an id whose later record is in place.
         } else if (auto at = added.constFind(googleID); at != added.cend()) {
             events[*at] = std::move(*entry.mapped);
         } else {
             added.insert(googleID, events.size());
             events.push_back(std::move(*entry.mapped));
         }
+        entry.mapped.reset();
     }
 
     // What goes besides: deleted events (a deletion overrides a record seen
