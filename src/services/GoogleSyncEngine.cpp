@@ -117,7 +117,7 @@ struct GoogleEventListing::State {
         // The first stored copy of an id is the one a listing updates.
         for (const auto& e : snapshot.events) {
             if (e.calendarID != calendarID) continue;
-            if (auto id = trimmedID(e.googleEventID); id && !storedIDs.contains(*id)) storedIDs.insert(*id, e.id);
+            if (auto id = trimmedID(e.googleEventID)) storedList.emplace_back(std::move(*id), e.id);
         }
     }
 
@@ -126,7 +126,33 @@ struct GoogleEventListing::State {
     QString zoneID;
     bool followsPageZones = false;
     std::optional<QString> statedZone;
+    // The calendar's stored Google ids with their local ids, in stored
+    // order. A short listing looks its few ids up in one pass; a longer one
+    // indexes them all, once.
+    std::vector<std::pair<QString, UUID>> storedList;
     QHash<QString, UUID> storedIDs;
+    bool indexed = false;
+
+    // The local ids of the stored events that `page` names: all of them
+    // once indexed.
+    const QHash<QString, UUID>& storedIDsFor(const GoogleEventPage& page, QHash<QString, UUID>& found) {
+        if (!indexed && pageCount < 2 && storedList.size() > 8 * page.events.size() + 64) {
+            QSet<QString> wanted;
+            for (const auto& dto : page.events)
+                if (auto id = trimmedID(dto.id)) wanted.insert(std::move(*id));
+            for (const auto& [id, localID] : storedList)
+                if (wanted.contains(id) && !found.contains(id)) found.insert(id, localID);
+            return found;
+        }
+        if (!indexed) {
+            storedIDs.reserve(static_cast<qsizetype>(storedList.size()));
+            for (auto& [id, localID] : storedList)
+                if (!storedIDs.contains(id)) storedIDs.insert(std::move(id), localID);
+            std::vector<std::pair<QString, UUID>>().swap(storedList);
+            indexed = true;
+        }
+        return storedIDs;
+    }
 
     // Every record, in listing order.
     std::deque<Entry> entries;
@@ -136,11 +162,10 @@ struct GoogleEventListing::State {
     // the storage the merged events end up in.
     std::vector<CalendarEvent> fresh;
     std::vector<std::size_t> freshOwner; // the entry whose event each slot holds
-    QHash<QString, std::size_t> freshSlot;
     std::size_t storedEventCount = 0;
-    // Every id the listing names (readable or not), those named more than
-    // once, and those it deletes.
-    QSet<QString> seen;
+    // Every id the listing names (readable or not), with its slot in `fresh`
+    // or -1; the ids named more than once, and those the listing deletes.
+    QHash<QString, std::ptrdiff_t> named;
     QSet<QString> repeated;
     QSet<QString> deleted;
 
@@ -191,19 +216,24 @@ void GoogleEventListing::add(const GoogleEventPage& page) {
         }
     }
 
+    QHash<QString, UUID> storedOnPage;
+    const QHash<QString, UUID>& storedIDs = s.storedIDsFor(page, storedOnPage);
     for (const auto& dto : page.events) {
         State::Entry entry;
         entry.googleID = trimmedID(dto.id).value_or(QString());
         UUID localID;
+        std::ptrdiff_t* slot = nullptr;
         if (entry.googleID.isEmpty()) {
             localID = stableUUID(s.calendarID, entry.googleID);
         } else {
-            if (s.seen.contains(entry.googleID))
+            auto at = s.named.find(entry.googleID);
+            if (at != s.named.end())
                 s.repeated.insert(entry.googleID);
             else
-                s.seen.insert(entry.googleID);
-            const auto stored = s.storedIDs.constFind(entry.googleID);
-            localID = stored != s.storedIDs.cend() ? *stored : stableUUID(s.calendarID, entry.googleID);
+                at = s.named.insert(entry.googleID, -1);
+            slot = &at.value();
+            const auto stored = storedIDs.constFind(entry.googleID);
+            localID = stored != storedIDs.cend() ? *stored : stableUUID(s.calendarID, entry.googleID);
         }
         auto mapped = GoogleCalendarMapper::event(dto, localID, s.calendarID, s.zone);
         entry.privateKeys = privateKeysOf(dto);
@@ -219,9 +249,9 @@ void GoogleEventListing::add(const GoogleEventPage& page) {
         const std::size_t index = s.entries.size();
         if (!mapped) {
             // Counted as skipped by the merge.
-        } else if (entry.googleID.isEmpty() || s.storedIDs.contains(entry.googleID)) {
+        } else if (entry.googleID.isEmpty() || storedIDs.contains(entry.googleID)) {
             entry.mapped = std::make_unique<CalendarEvent>(std::move(*mapped));
-        } else if (auto slot = s.freshSlot.constFind(entry.googleID); slot != s.freshSlot.cend()) {
+        } else if (*slot >= 0) {
             auto& previous = s.entries[s.freshOwner[*slot]];
             previous.mapped = std::make_unique<CalendarEvent>(std::move(s.fresh[*slot]));
             previous.slot = -1;
@@ -235,7 +265,7 @@ void GoogleEventListing::add(const GoogleEventPage& page) {
                 s.fresh.reserve(2 * s.fresh.size() + s.storedEventCount + 64);
             }
             entry.slot = static_cast<std::ptrdiff_t>(s.fresh.size());
-            s.freshSlot.insert(entry.googleID, s.fresh.size());
+            *slot = entry.slot;
             s.fresh.push_back(std::move(*mapped));
             s.freshOwner.push_back(index);
         }
@@ -278,7 +308,6 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
             owner.slot = -1;
         }
         std::vector<CalendarEvent>().swap(s.fresh);
-        s.freshSlot.clear();
         for (auto& entry : s.entries) {
             if (!entry.zoneBound || entry.zoneBound->zoneID == s.zoneID) continue;
             const auto& bound = *entry.zoneBound;
@@ -299,7 +328,7 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
 
     const UUID calendarID = s.calendarID;
     auto& events = snapshot.events;
-    const auto& seen = s.seen;
+    const auto& named = s.named;
     const auto& deleted = s.deleted;
 
     // The stored events of this calendar that the listing names, by Google
@@ -316,7 +345,7 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
         if (e.calendarID != calendarID) continue;
         auto id = trimmedID(e.googleEventID);
         if (!id) continue;
-        if (!seen.contains(*id) && !deleted.contains(*id)) {
+        if (!named.contains(*id) && !deleted.contains(*id)) {
             if (full) dropped.push_back(i);
             continue;
         }
@@ -341,12 +370,10 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
             std::move(s.fresh.begin(), s.fresh.end(), std::back_inserter(events));
         }
         std::vector<CalendarEvent>().swap(s.fresh);
-        added = std::move(s.freshSlot);
-        for (auto it = added.begin(); it != added.end(); ++it) it.value() += storedCount;
     } else {
         std::size_t possiblyNew = 0;
-        for (const auto& id : seen)
-            if (!stored.contains(id)) ++possiblyNew;
+        for (auto it = named.cbegin(); it != named.cend(); ++it)
+            if (!stored.contains(it.key())) ++possiblyNew;
         events.reserve(storedCount + possiblyNew);
     }
 
@@ -396,7 +423,12 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
     for (const auto& [id, position] : extraCopies) {
         if (deleted.contains(id) || replaced[stored.value(id)]) dropped.push_back(position);
     }
-    if (!deleted.isEmpty()) {
+    if (!reread) {
+        for (const auto& id : deleted) {
+            const auto at = named.constFind(id);
+            if (at != named.cend() && *at >= 0) dropped.push_back(storedCount + static_cast<std::size_t>(*at));
+        }
+    } else if (!deleted.isEmpty()) {
         for (auto it = added.cbegin(); it != added.cend(); ++it)
             if (deleted.contains(it.key())) dropped.push_back(it.value());
     }

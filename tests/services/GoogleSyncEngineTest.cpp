@@ -396,6 +396,12 @@ TEST_F(GoogleSyncEngineTest, ListingsTakenPageByPageMergeAsWholeListings) {
             e.isGeneratedBusyBlock = pick(3) == 0;
             snapshot.events.push_back(std::move(e));
         }
+        if (pick(3) == 0) {
+            // A large calendar that a short listing only touches.
+            for (int i = 0; i < 200; ++i)
+                snapshot.events.push_back(localEvent("Quiet", calendar.id, QStringLiteral("q%1").arg(i)));
+            std::shuffle(snapshot.events.begin(), snapshot.events.end(), random);
+        }
         std::vector<GoogleEventPage> pages(1 + pick(4));
         std::optional<QString> lastKnownZone;
         for (std::size_t p = 0; p < pages.size(); ++p) {
