@@ -113,45 +113,43 @@ struct GoogleEventListing::State {
     };
 
     State(const CalendarSource& calendar, DateCalendar zone, const AppSnapshot& snapshot)
-        : calendarID(calendar.id), zone(std::move(zone)), storedEventCount(snapshot.events.size()) {
-        // The first stored copy of an id is the one a listing updates.
-        for (const auto& e : snapshot.events) {
-            if (e.calendarID != calendarID) continue;
-            if (auto id = trimmedID(e.googleEventID)) storedList.emplace_back(std::move(*id), e.id);
-        }
-    }
+        : calendarID(calendar.id), zone(std::move(zone)), storedEvents(&snapshot.events),
+          storedEventCount(snapshot.events.size()) {}
 
     UUID calendarID;
     DateCalendar zone;
     QString zoneID;
     bool followsPageZones = false;
     std::optional<QString> statedZone;
-    // The calendar's stored Google ids with their local ids, in stored
-    // order. A short listing looks its few ids up in one pass; a longer one
-    // indexes them all, once.
-    std::vector<std::pair<QString, UUID>> storedList;
+    // The events of the snapshot the listing will be merged into, read
+    // only while pages come in. A short listing looks its few ids up in one
+    // pass; a longer one indexes the calendar's stored ids, once.
+    const std::vector<CalendarEvent>* storedEvents;
     QHash<QString, UUID> storedIDs;
     bool indexed = false;
 
-    // The local ids of the stored events that `page` names: all of them
-    // once indexed.
+    // The local ids of the stored events that `page` names (all of them once
+    // indexed). The first stored copy of an id is the one a listing updates.
     const QHash<QString, UUID>& storedIDsFor(const GoogleEventPage& page, QHash<QString, UUID>& found) {
-        if (!indexed && pageCount < 2 && storedList.size() > 8 * page.events.size() + 64) {
-            QSet<QString> wanted;
+        if (indexed) return storedIDs;
+        const bool shortListing = pageCount < 2 && storedEvents->size() > 8 * page.events.size() + 64;
+        QSet<QString> wanted;
+        if (shortListing) {
             for (const auto& dto : page.events)
                 if (auto id = trimmedID(dto.id)) wanted.insert(std::move(*id));
-            for (const auto& [id, localID] : storedList)
-                if (wanted.contains(id) && !found.contains(id)) found.insert(id, localID);
-            return found;
         }
-        if (!indexed) {
-            storedIDs.reserve(static_cast<qsizetype>(storedList.size()));
-            for (auto& [id, localID] : storedList)
-                if (!storedIDs.contains(id)) storedIDs.insert(std::move(id), localID);
-            std::vector<std::pair<QString, UUID>>().swap(storedList);
+        QHash<QString, UUID>& into = shortListing ? found : storedIDs;
+        for (const auto& e : *storedEvents) {
+            if (e.calendarID != calendarID) continue;
+            auto id = trimmedID(e.googleEventID);
+            if (!id || (shortListing && !wanted.contains(*id)) || into.contains(*id)) continue;
+            into.insert(std::move(*id), e.id);
+        }
+        if (!shortListing) {
             indexed = true;
+            storedEvents = nullptr;
         }
-        return storedIDs;
+        return into;
     }
 
     // Every record, in listing order.

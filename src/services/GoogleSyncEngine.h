@@ -25,8 +25,8 @@ class DateCalendar;
 class GoogleEventListing {
 public:
     // Times are read in `timeZone`; zones the pages state are ignored.
-    // `snapshot` is the one the listing will be merged into, with the same
-    // events: those it already stores keep their local ids.
+    // `snapshot` is the one the listing will be merged into: it has to stay
+    // as it is until then, and events it already stores keep their local ids.
     GoogleEventListing(const CalendarSource& calendar, const DateCalendar& timeZone, const AppSnapshot& snapshot);
     // Times are read in the zone the pages state, the last stated known zone
     // winning for the whole listing; `fallbackTimeZoneID` while none does.
