@@ -329,25 +329,41 @@ std::optional<Date> parseInstant(QStringView text) {
     return Date::fromUnixSeconds(unixSecondsOf(t) - offsetSeconds + t.fraction);
 }
 
+std::optional<GoogleEventTimes> eventTimes(const GoogleEventDateTimeDTO& startDTO, const GoogleEventDateTimeDTO& endDTO,
+                                          const DateCalendar& timeZone) {
+    std::optional<Date> start, end;
+    bool isAllDay = false;
+    if (startDTO.date && endDTO.date) {
+        start = allDayDate(*startDTO.date, timeZone);
+        end = allDayDate(*endDTO.date, timeZone);
+        isAllDay = start && end && *end > *start;
+    }
+    if (!isAllDay) {
+        start = dateTimeValue(startDTO, timeZone);
+        end = dateTimeValue(endDTO, timeZone);
+        if (!start || !end || !(*end > *start)) return std::nullopt;
+    }
+    return GoogleEventTimes{*start, *end, isAllDay};
+}
+
+bool timesDependOnCalendarZone(const GoogleEventDTO& dto) {
+    if (!dto.start || !dto.end) return false;
+    if (dto.start->date && dto.end->date) return true;
+    // A wall-clock time without a zone of its own is read in the calendar's.
+    auto wallClock = [](const GoogleEventDateTimeDTO& value) {
+        return value.dateTime && !parseInstant(*value.dateTime) && !normalizedTimeZoneIdentifier(value.timeZone);
+    };
+    return wallClock(*dto.start) || wallClock(*dto.end);
+}
+
 std::optional<CalendarEvent> event(const GoogleEventDTO& dto, const UUID& localID, const UUID& calendarID,
                                    const DateCalendar& timeZone) {
     if (dto.status && *dto.status == u"cancelled") return std::nullopt;
     const QString googleID = dto.id ? dto.id->trimmed() : QString();
     if (googleID.isEmpty()) return std::nullopt;
     if (!dto.start || !dto.end) return std::nullopt;
-
-    std::optional<Date> start, end;
-    bool isAllDay = false;
-    if (dto.start->date && dto.end->date) {
-        start = allDayDate(*dto.start->date, timeZone);
-        end = allDayDate(*dto.end->date, timeZone);
-        isAllDay = start && end && *end > *start;
-    }
-    if (!isAllDay) {
-        start = dateTimeValue(*dto.start, timeZone);
-        end = dateTimeValue(*dto.end, timeZone);
-        if (!start || !end || !(*end > *start)) return std::nullopt;
-    }
+    const auto times = eventTimes(*dto.start, *dto.end, timeZone);
+    if (!times) return std::nullopt;
 
     CalendarEvent e;
     e.id = localID;
@@ -356,9 +372,9 @@ std::optional<CalendarEvent> event(const GoogleEventDTO& dto, const UUID& localI
     e.kind = EventKind::event;
     const QString title = dto.summary ? dto.summary->trimmed() : QString();
     e.title = title.isEmpty() ? untitledEventTitle() : title;
-    e.start = *start;
-    e.end = *end;
-    e.isAllDay = isAllDay;
+    e.start = times->start;
+    e.end = times->end;
+    e.isAllDay = times->isAllDay;
     if (!dto.recurringEventId && dto.recurrence) e.recurrence = readRecurrence(*dto.recurrence);
     e.calendarID = calendarID;
     e.tagID = firstTagID(dto);

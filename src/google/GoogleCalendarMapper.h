@@ -47,6 +47,22 @@ QString untitledEventTitle();
 // it is not cheap.
 DateCalendar calendarForTimeZone(const QString& timeZoneID);
 
+struct GoogleEventTimes {
+    Date start;
+    Date end;
+    bool isAllDay = false;
+};
+
+// When a record's event starts and ends, read in `timeZone` where the record
+// leaves the zone open; nothing when the times are unreadable or empty.
+std::optional<GoogleEventTimes> eventTimes(const GoogleEventDateTimeDTO& start, const GoogleEventDateTimeDTO& end,
+                                          const DateCalendar& timeZone);
+
+// Whether the calendar's zone takes part in reading the record's times: all-day
+// dates, or a wall-clock time without a zone of its own. Records stating
+// instants read the same in every zone.
+bool timesDependOnCalendarZone(const GoogleEventDTO& dto);
+
 // The event a Google record describes, or nothing when the record is to be
 // skipped (cancelled, without an id, or with unreadable or empty dates).
 // `timeZone` is the zone of the calendar the record comes from.

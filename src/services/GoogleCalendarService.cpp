@@ -214,21 +214,23 @@ QCoro::Task<void> GoogleCalendarService::syncGoogleAccount(UUID accountID, std::
     co_await syncGoogleAccountUngated(accountID, token);
 }
 
-QCoro::Task<std::vector<GoogleEventPage>> GoogleCalendarService::fetchAllEventPages(
-    const GoogleCalendarAPIClient& client, QString googleCalendarID, std::optional<QString> syncToken,
-    std::stop_token stop) {
-    std::vector<GoogleEventPage> pages;
+QCoro::Task<void> GoogleCalendarService::fetchAllEventPages(const GoogleCalendarAPIClient& client,
+                                                            QString googleCalendarID, std::optional<QString> syncToken,
+                                                            GoogleEventListing& listing, std::stop_token stop) {
     std::set<QString> seen;
     std::optional<QString> pageToken;
     for (;;) {
-        GoogleEventPage page = co_await client.listEvents(googleCalendarID, syncToken, pageToken, stop);
-        const auto next = trimmedNonEmpty(page.nextPageToken);
-        pages.push_back(std::move(page));
+        std::optional<QString> next;
+        {
+            // Each page is mapped and dropped before the next is asked for.
+            GoogleEventPage page = co_await client.listEvents(googleCalendarID, syncToken, pageToken, stop);
+            next = trimmedNonEmpty(page.nextPageToken);
+            listing.add(page);
+        }
         if (!next) break;
         if (!seen.insert(*next).second) throw GoogleCalendarAPIError(APIKind::invalidResponse);
         pageToken = next;
     }
-    co_return pages;
 }
 
 QCoro::Task<AccountSyncOutcome> GoogleCalendarService::synchronizeAccount(UUID accountID, AppSnapshot snapshot,
@@ -284,12 +286,13 @@ QCoro::Task<AccountSyncOutcome> GoogleCalendarService::synchronizeAccount(UUID a
             if (state.calendarID == calendar.id) syncToken = trimmedNonEmpty(state.syncToken);
         checkCancellation(stop);
 
-        std::vector<GoogleEventPage> pages;
         GoogleSyncMode mode = syncToken ? GoogleSyncMode::incremental : GoogleSyncMode::full;
+        auto listing = std::make_unique<GoogleEventListing>(
+            GoogleEventListing::followingPageZones(calendar, zone, snapshot));
         std::exception_ptr failure;
         bool tokenExpired = false;
         try {
-            pages = co_await fetchAllEventPages(client, *calendar.googleCalendarID, syncToken, stop);
+            co_await fetchAllEventPages(client, *calendar.googleCalendarID, syncToken, *listing, stop);
         } catch (const GoogleCalendarAPIError& error) {
             if (syncToken && error.kind() == APIKind::syncTokenExpired)
                 tokenExpired = true;
@@ -299,35 +302,36 @@ QCoro::Task<AccountSyncOutcome> GoogleCalendarService::synchronizeAccount(UUID a
             failure = std::current_exception();
         }
         // An expired token restarts the calendar with one full listing. The
-        // stored events stay as they are until that listing is whole.
-        AppSnapshot working = snapshot;
+        // stored events, and the old token, stay as they are until that
+        // listing is whole; the merge then gives the calendar its new token.
         if (tokenExpired) {
             qCInfo(googleSyncLog, "Sync token expired; listing the calendar again in full");
-            working = GoogleSyncEngine::clearingSyncToken(calendar.id, std::move(working));
             mode = GoogleSyncMode::full;
+            listing =
+                std::make_unique<GoogleEventListing>(GoogleEventListing::followingPageZones(calendar, zone, snapshot));
             try {
-                pages = co_await fetchAllEventPages(client, *calendar.googleCalendarID, std::nullopt, stop);
+                co_await fetchAllEventPages(client, *calendar.googleCalendarID, std::nullopt, *listing, stop);
             } catch (...) {
                 failure = std::current_exception();
             }
         }
         if (!failure) {
-            for (auto page = pages.rbegin(); page != pages.rend(); ++page) {
-                if (page->timeZone && isKnownZone(*page->timeZone)) {
-                    zone = *page->timeZone;
-                    outcome.calendarTimeZones[calendar.id] = zone;
-                    break;
-                }
-            }
+            if (const auto& stated = listing->statedTimeZone()) outcome.calendarTimeZones[calendar.id] = *stated;
             try {
-                GoogleSyncMergeResult merged = GoogleSyncEngine::mergingEventPages(
-                    std::move(pages), calendar, GoogleCalendarMapper::calendarForTimeZone(zone), mode, functions_.now(), std::move(working));
-                snapshot = std::move(merged.snapshot);
-                appendUnique(outcome.warnings, merged.warnings);
+                // Checked before the snapshot is handed over, so that a
+                // listing that cannot be merged leaves it as it is.
+                listing->checkComplete();
             } catch (...) {
                 failure = std::current_exception();
             }
+            if (!failure) {
+                GoogleSyncMergeResult merged =
+                    GoogleSyncEngine::mergingListing(std::move(*listing), mode, functions_.now(), std::move(snapshot));
+                snapshot = std::move(merged.snapshot);
+                appendUnique(outcome.warnings, merged.warnings);
+            }
         }
+        listing.reset();
         if (failure) {
             if (isCancellation(failure)) std::rethrow_exception(failure);
             if (needsReconnect(failure)) std::rethrow_exception(failure);

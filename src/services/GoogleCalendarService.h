@@ -26,6 +26,7 @@ namespace tavelo {
 class GoogleCalendarAPIClient;
 class LocalCalendarService;
 struct GoogleEventPage;
+class GoogleEventListing;
 
 // Makes whole transactions exclusive: first come, first served; the lock
 // passes straight from the releaser to the oldest waiter. A waiter whose task
@@ -128,10 +129,11 @@ private:
 
     QCoro::Task<void> syncGoogleAccountUngated(UUID accountID, std::stop_token stop);
     QCoro::Task<AccountSyncOutcome> synchronizeAccount(UUID accountID, AppSnapshot snapshot, std::stop_token stop);
-    QCoro::Task<std::vector<GoogleEventPage>> fetchAllEventPages(const GoogleCalendarAPIClient& client,
-                                                                 QString googleCalendarID,
-                                                                 std::optional<QString> syncToken,
-                                                                 std::stop_token stop);
+    // Takes every page of a calendar's listing into `listing`, one page at a
+    // time.
+    QCoro::Task<void> fetchAllEventPages(const GoogleCalendarAPIClient& client, QString googleCalendarID,
+                                         std::optional<QString> syncToken, GoogleEventListing& listing,
+                                         std::stop_token stop);
     QCoro::Task<void> markAccountDisconnected(UUID accountID);
 
     QCoro::Task<void> upsertStep(MutationRun& run, CalendarEvent desired, GoogleMutationDestination destination,

@@ -10,11 +10,48 @@
 #include "services/GoogleAccountService.h"
 #include "support/Error.h"
 
+#include <memory>
 #include <vector>
 
 namespace tavelo {
 
 class DateCalendar;
+
+// One listing of a calendar (every page of it), taken in as the pages arrive.
+// Each page's records are mapped at once and only what the merge needs is
+// kept, so that the caller can drop the page before fetching the next: a
+// large first listing is never held as records and as events together.
+// Nothing reaches a snapshot until GoogleSyncEngine::mergingListing.
+class GoogleEventListing {
+public:
+    // Times are read in `timeZone`; zones the pages state are ignored.
+    // `snapshot` is the one the listing will be merged into: it has to stay
+    // as it is until then, and events it already stores keep their local ids.
+    GoogleEventListing(const CalendarSource& calendar, const DateCalendar& timeZone, const AppSnapshot& snapshot);
+    // Times are read in the zone the pages state, the last stated known zone
+    // winning for the whole listing; `fallbackTimeZoneID` while none does.
+    static GoogleEventListing followingPageZones(const CalendarSource& calendar, const QString& fallbackTimeZoneID,
+                                                 const AppSnapshot& snapshot);
+
+    GoogleEventListing(GoogleEventListing&&) noexcept;
+    GoogleEventListing& operator=(GoogleEventListing&&) noexcept;
+    ~GoogleEventListing();
+
+    void add(const GoogleEventPage& page);
+    // Throws GoogleSyncEngineError unless the pages so far form a whole
+    // listing ending with a sync token.
+    void checkComplete() const;
+
+    // The last known zone a page stated, if any did.
+    const std::optional<QString>& statedTimeZone() const;
+
+    struct State;
+
+private:
+    explicit GoogleEventListing(std::unique_ptr<State> state);
+    std::unique_ptr<State> state_;
+    friend struct GoogleEventListingAccess;
+};
 
 struct GoogleSyncMergeResult {
     AppSnapshot snapshot;
@@ -81,6 +118,11 @@ GoogleSyncMergeResult mergingEventPages(const std::vector<GoogleEventPage>& page
 GoogleSyncMergeResult mergingEventPages(std::vector<GoogleEventPage>&& pages, const CalendarSource& calendar,
                                         const DateCalendar& calendarTimeZone, GoogleSyncMode mode, Date completedAt,
                                         AppSnapshot snapshot);
+
+// Merges a whole listing into the snapshot it was started with. Throws
+// GoogleSyncEngineError when its pages do not form a complete listing.
+GoogleSyncMergeResult mergingListing(GoogleEventListing&& listing, GoogleSyncMode mode, Date completedAt,
+                                     AppSnapshot snapshot);
 
 // Forgets the calendar's sync token, keeping its last sync time, so that the
 // next listing is a full one.
