@@ -55,10 +55,12 @@ void GoogleAccountListModel::setStoreObject(QObject* object) {
               this, &GoogleAccountListModel::refresh);
     store_.on(&AppStore::isSyncingChanged, this, &GoogleAccountListModel::isSyncingChanged);
     store_.on(&AppStore::googleAuthenticationMessageChanged, this, &GoogleAccountListModel::authenticationMessageChanged);
+    store_.on(&AppStore::isGoogleAuthenticationPendingChanged, this, &GoogleAccountListModel::isAuthenticatingChanged);
     refresh();
     emit storeChanged();
     emit isSyncingChanged();
     emit authenticationMessageChanged();
+    emit isAuthenticatingChanged();
 }
 
 bool GoogleAccountListModel::isConfigured() const { return store_ && store_->hasGoogleAccountService(); }
@@ -68,6 +70,10 @@ QString GoogleAccountListModel::configurationMessage() const {
 }
 
 bool GoogleAccountListModel::isSyncing() const { return store_ && store_->isSyncing(); }
+
+bool GoogleAccountListModel::isAuthenticating() const {
+    return store_ && store_->isGoogleAuthenticationPending();
+}
 
 QString GoogleAccountListModel::authenticationMessage() const {
     return store_ ? store_->googleAuthenticationMessageText() : QString();
@@ -154,6 +160,10 @@ void GoogleAccountListModel::syncAccount(int row) {
 
 void GoogleAccountListModel::syncAll() {
     if (store_) launch(store_->syncAllGoogleAccounts(), this);
+}
+
+void GoogleAccountListModel::cancelAuthentication() {
+    if (store_) store_->cancelGoogleAuthentication();
 }
 
 } // namespace tavelo::shell

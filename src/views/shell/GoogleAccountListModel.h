@@ -28,6 +28,8 @@ class GoogleAccountListModel : public QAbstractListModel {
     Q_PROPERTY(QString configurationMessage READ configurationMessage NOTIFY storeChanged)
     Q_PROPERTY(bool isSyncing READ isSyncing NOTIFY isSyncingChanged)
     Q_PROPERTY(QString authenticationMessage READ authenticationMessage NOTIFY authenticationMessageChanged)
+    // True while the browser sign-in of a connect or reconnect is under way.
+    Q_PROPERTY(bool isAuthenticating READ isAuthenticating NOTIFY isAuthenticatingChanged)
     Q_PROPERTY(int count READ count NOTIFY countChanged)
 
 public:
@@ -63,6 +65,7 @@ public:
     QString configurationMessage() const;
     bool isSyncing() const;
     QString authenticationMessage() const;
+    bool isAuthenticating() const;
     int count() const { return static_cast<int>(rows_.size()); }
 
     int rowCount(const QModelIndex& parent = {}) const override;
@@ -77,6 +80,9 @@ public:
     Q_INVOKABLE void disconnectAccount(int row);
     Q_INVOKABLE void syncAccount(int row);
     Q_INVOKABLE void syncAll();
+    // Gives up the browser sign-in under way; the store shows the
+    // cancellation and offers to try again.
+    Q_INVOKABLE void cancelAuthentication();
 
     static std::vector<Row> rowsFor(const AppStore& store);
 
@@ -84,6 +90,7 @@ signals:
     void storeChanged();
     void isSyncingChanged();
     void authenticationMessageChanged();
+    void isAuthenticatingChanged();
     void countChanged();
 
 private:

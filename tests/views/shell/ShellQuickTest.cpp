@@ -318,6 +318,44 @@ TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroug
     EXPECT_EQ(google->disconnected, std::vector<UUID>{w.workAccount});
 }
 
+TEST_F(ShellQuickTest, ASignInLeftOpenInTheBrowserCanBeCancelledFromThePage) {
+    auto google = std::make_shared<GoogleAccountsDouble>();
+    google->holdsSignIn = true;
+    google->signedIn = Account{.id = uuid(0xA9), .name = "新規", .email = "new@gmail.example", .isConnected = true,
+                               .googleSubject = QStringLiteral("sub-9")};
+    ShellWorkspace w;
+    w.open(ShellWorkspace::march(4, 12), google);
+    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+              {});
+    ASSERT_TRUE(h.root);
+    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+    auto* connectButton = h.find("connectGoogleButton");
+    auto* cancelButton = h.find("cancelAuthenticationButton");
+    ASSERT_TRUE(connectButton && cancelButton);
+    ASSERT_TRUE(waitUntil([&] { return connectButton->isVisible(); }));
+    EXPECT_FALSE(cancelButton->isVisible());
+    const auto accountsBefore = w.store->accounts().size();
+
+    h.click(connectButton);
+    ASSERT_TRUE(waitUntil([&] { return cancelButton->isVisible() && google->heldSignIns.size() == 1; }));
+    EXPECT_FALSE(connectButton->isEnabled());
+
+    // Cancelling frees the page at once and offers to try again.
+    h.click(cancelButton);
+    ASSERT_TRUE(waitUntil([&] { return !w.store->isSyncing() && !cancelButton->isVisible(); }));
+    EXPECT_TRUE(connectButton->isEnabled());
+    EXPECT_EQ(w.store->lastError().value_or(QString()),
+              QStringLiteral("Google認証をキャンセルしました。もう一度お試しください。"));
+    EXPECT_TRUE(w.store->canRetry());
+
+    // The browser answering late changes nothing.
+    google->releaseSignIns();
+    QTest::qWait(50);
+    EXPECT_EQ(w.store->accounts().size(), accountsBefore);
+    EXPECT_FALSE(w.store->isSyncing());
+}
+
 TEST_F(ShellQuickTest, WithoutGoogleConfiguredTheAccountsPageSaysWhereTheSettingsGo) {
     ShellWorkspace w;
     w.open();

@@ -194,8 +194,15 @@ ScrollView {
                     }
                     Label {
                         visible: page.google.isSyncing
-                        text: "同期中…"
+                        text: page.google.isAuthenticating ? "ブラウザでGoogleの認証を続けてください…" : "同期中…"
                         opacity: 0.7
+                    }
+                    Button {
+                        objectName: "cancelAuthenticationButton"
+                        visible: page.google.isAuthenticating
+                        text: "キャンセル"
+                        Accessible.name: "Googleの認証をキャンセル"
+                        onClicked: page.google.cancelAuthentication()
                     }
                 }
             }
