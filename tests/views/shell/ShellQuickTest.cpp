@@ -3,6 +3,7 @@
 // real server on 127.0.0.1.
 
 #include "ai/CloudTestSupport.h"
+#include "app/GoogleRefreshSchedule.h"
 #include "app/TaveloApp.h"
 #include "views/shell/ShellEngine.h"
 #include "views/shell/ShellRoot.h"
@@ -354,6 +355,32 @@ TEST_F(ShellQuickTest, ASignInLeftOpenInTheBrowserCanBeCancelledFromThePage) {
     QTest::qWait(50);
     EXPECT_EQ(w.store->accounts().size(), accountsBefore);
     EXPECT_FALSE(w.store->isSyncing());
+}
+
+TEST_F(ShellQuickTest, GoogleIsRefreshedWhenTheApplicationBecomesActive) {
+    auto google = std::make_shared<GoogleAccountsDouble>();
+    ShellWorkspace w;
+    w.open(ShellWorkspace::march(4, 12), google);
+    Date now = ShellWorkspace::march(4, 12);
+    GoogleRefreshSchedule schedule([&] { return now; });
+    auto* gui = qobject_cast<QGuiApplication*>(QCoreApplication::instance());
+    ASSERT_TRUE(gui);
+
+    // Without a workspace there is nobody to ask.
+    emit gui->applicationStateChanged(Qt::ApplicationActive);
+    EXPECT_EQ(schedule.checkCount(), 0);
+
+    schedule.setStore(w.store.get());
+    ASSERT_TRUE(waitUntil([&] { return google->syncedAll == 1 && !w.store->isSyncing(); }));
+
+    // Becoming active asks again; the store lets it through once five
+    // minutes have passed. Going to the background asks nothing.
+    now = now.addingSeconds(300);
+    emit gui->applicationStateChanged(Qt::ApplicationInactive);
+    EXPECT_EQ(schedule.checkCount(), 1);
+    emit gui->applicationStateChanged(Qt::ApplicationActive);
+    ASSERT_TRUE(waitUntil([&] { return google->syncedAll == 2 && !w.store->isSyncing(); }));
+    EXPECT_EQ(schedule.checkCount(), 2);
 }
 
 TEST_F(ShellQuickTest, WithoutGoogleConfiguredTheAccountsPageSaysWhereTheSettingsGo) {
