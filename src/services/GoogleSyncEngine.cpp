@@ -87,6 +87,38 @@ void preserveState(const CalendarEvent& stored, unsigned char keys, CalendarEven
 
 bool isKnownZone(const QString& id) { return !id.isEmpty() && QTimeZone(id.toUtf8()).isValid(); }
 
+// The stored events of a calendar that a listing names, by Google id. The
+// first of several copies is the one that is updated; the others go when
+// Google lists the id again. In a full listing a stored Google event that the
+// listing does not name goes too; events without a Google id are pending
+// local work and always stay.
+struct StoredCopies {
+    QHash<QString, std::size_t> first;
+    std::vector<std::pair<QString, std::size_t>> extra;
+    std::vector<std::size_t> dropped;
+};
+
+template <class Names>
+StoredCopies storedCopies(const std::vector<CalendarEvent>& events, const UUID& calendarID, const Names& named,
+                          const QSet<QString>& deleted, bool full) {
+    StoredCopies copies;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        const auto& e = events[i];
+        if (e.calendarID != calendarID) continue;
+        auto id = trimmedID(e.googleEventID);
+        if (!id) continue;
+        if (!named.contains(*id) && !deleted.contains(*id)) {
+            if (full) copies.dropped.push_back(i);
+            continue;
+        }
+        if (copies.first.contains(*id))
+            copies.extra.emplace_back(std::move(*id), i);
+        else
+            copies.first.insert(std::move(*id), i);
+    }
+    return copies;
+}
+
 } // namespace
 
 // --- a listing taken in page by page ---------------------------------------------
@@ -329,29 +361,10 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
     const auto& named = s.named;
     const auto& deleted = s.deleted;
 
-    // The stored events of this calendar that the listing names, by Google
-    // id. The first of several copies is the one that is updated; the others
-    // go when Google lists the id again. In a full listing a stored Google
-    // event that the listing does not name goes too; events without a Google
-    // id are pending local work and always stay.
-    const bool full = mode == GoogleSyncMode::full;
-    QHash<QString, std::size_t> stored;
-    std::vector<std::pair<QString, std::size_t>> extraCopies;
-    std::vector<std::size_t> dropped;
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        const auto& e = events[i];
-        if (e.calendarID != calendarID) continue;
-        auto id = trimmedID(e.googleEventID);
-        if (!id) continue;
-        if (!named.contains(*id) && !deleted.contains(*id)) {
-            if (full) dropped.push_back(i);
-            continue;
-        }
-        if (stored.contains(*id))
-            extraCopies.emplace_back(std::move(*id), i);
-        else
-            stored.insert(std::move(*id), i);
-    }
+    StoredCopies copies = storedCopies(events, calendarID, named, deleted, mode == GoogleSyncMode::full);
+    auto& stored = copies.first;
+    auto& extraCopies = copies.extra;
+    auto& dropped = copies.dropped;
 
     // New events follow the stored ones, in the order of their first
     // readable record. When they were gathered as the pages came they are
@@ -574,29 +587,10 @@ GoogleSyncMergeResult mergeListing(Pages& pages, const CalendarSource& calendar,
         }
     }
 
-    // The stored events of this calendar that the listing names, by Google
-    // id. The first of several copies is the one that is updated; the others
-    // go when Google lists the id again. In a full listing a stored Google
-    // event that the listing does not name goes too; events without a Google
-    // id are pending local work and always stay.
-    const bool full = mode == GoogleSyncMode::full;
-    QHash<QString, std::size_t> stored;
-    std::vector<std::pair<QString, std::size_t>> extraCopies;
-    std::vector<std::size_t> dropped;
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        const auto& e = events[i];
-        if (e.calendarID != calendarID) continue;
-        auto id = trimmedID(e.googleEventID);
-        if (!id) continue;
-        if (!seen.contains(*id) && !deleted.contains(*id)) {
-            if (full) dropped.push_back(i);
-            continue;
-        }
-        if (stored.contains(*id))
-            extraCopies.emplace_back(std::move(*id), i);
-        else
-            stored.insert(std::move(*id), i);
-    }
+    StoredCopies copies = storedCopies(events, calendarID, seen, deleted, mode == GoogleSyncMode::full);
+    auto& stored = copies.first;
+    auto& extraCopies = copies.extra;
+    auto& dropped = copies.dropped;
     std::size_t possiblyNew = 0;
     for (const auto& id : seen)
         if (!stored.contains(id)) ++possiblyNew;
