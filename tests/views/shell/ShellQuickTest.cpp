@@ -84,6 +84,17 @@ struct Harness {
     }
 };
 
+// The accounts page of the settings, following `store`.
+struct AccountsPage : Harness {
+    explicit AccountsPage(AppStore* store)
+        : Harness("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
+                  "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
+                  {}) {
+        if (root)
+            root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(store));
+    }
+};
+
 class ShellQuickTest : public CloudStoreTest {};
 
 } // namespace
@@ -282,11 +293,8 @@ TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroug
                                .googleSubject = QStringLiteral("sub-9")};
     ShellWorkspace w;
     w.open(ShellWorkspace::march(4, 12), google);
-    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
-              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
-              {});
+    AccountsPage h(w.store.get());
     ASSERT_TRUE(h.root);
-    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
     auto* connectButton = h.find("connectGoogleButton");
     auto* configuration = h.find("googleConfigurationMessage");
     ASSERT_TRUE(connectButton && configuration);
@@ -326,11 +334,8 @@ TEST_F(ShellQuickTest, ASignInLeftOpenInTheBrowserCanBeCancelledFromThePage) {
                                .googleSubject = QStringLiteral("sub-9")};
     ShellWorkspace w;
     w.open(ShellWorkspace::march(4, 12), google);
-    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
-              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
-              {});
+    AccountsPage h(w.store.get());
     ASSERT_TRUE(h.root);
-    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
     auto* connectButton = h.find("connectGoogleButton");
     auto* cancelButton = h.find("cancelAuthenticationButton");
     ASSERT_TRUE(connectButton && cancelButton);
@@ -386,11 +391,8 @@ TEST_F(ShellQuickTest, GoogleIsRefreshedWhenTheApplicationBecomesActive) {
 TEST_F(ShellQuickTest, WithoutGoogleConfiguredTheAccountsPageSaysWhereTheSettingsGo) {
     ShellWorkspace w;
     w.open();
-    Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
-              "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
-              {});
+    AccountsPage h(w.store.get());
     ASSERT_TRUE(h.root);
-    h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
     auto* configuration = h.find("googleConfigurationMessage");
     ASSERT_TRUE(configuration);
     ASSERT_TRUE(waitUntil([&] { return configuration->isVisible(); }));
@@ -436,11 +438,8 @@ TEST_F(ShellQuickTest, TabReachesEveryNamedControlOfTheLoginAndTheAccountsPage) 
         auto google = std::make_shared<GoogleAccountsDouble>();
         ShellWorkspace w;
         w.open(ShellWorkspace::march(4, 12), google);
-        Harness h("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
-                  "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
-                  {});
+        AccountsPage h(w.store.get());
         ASSERT_TRUE(h.root);
-        h.root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
         ASSERT_TRUE(waitUntil([&] { return h.find("connectGoogleButton")->isVisible(); }));
         const QStringList order = tabWalk(h.window, h.find("signOutButton"));
         for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
