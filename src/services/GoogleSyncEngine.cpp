@@ -119,6 +119,21 @@ StoredCopies storedCopies(const std::vector<CalendarEvent>& events, const UUID& 
     return copies;
 }
 
+// Removes the events at `positions` (in any order, repeats allowed) in one
+// pass, keeping the order of the rest.
+void eraseAt(std::vector<CalendarEvent>& events, const std::vector<std::size_t>& positions) {
+    if (positions.empty()) return;
+    std::vector<char> drop(events.size(), 0);
+    for (std::size_t position : positions) drop[position] = 1;
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        if (drop[i]) continue;
+        if (kept != i) events[kept] = std::move(events[i]);
+        ++kept;
+    }
+    events.erase(events.begin() + static_cast<std::ptrdiff_t>(kept), events.end());
+}
+
 } // namespace
 
 // --- a listing taken in page by page ---------------------------------------------
@@ -443,17 +458,7 @@ GoogleSyncMergeResult GoogleEventListingAccess::merge(GoogleEventListing&& listi
         for (auto it = added.cbegin(); it != added.cend(); ++it)
             if (deleted.contains(it.key())) dropped.push_back(it.value());
     }
-    if (!dropped.empty()) {
-        std::vector<char> drop(events.size(), 0);
-        for (std::size_t position : dropped) drop[position] = 1;
-        std::size_t kept = 0;
-        for (std::size_t i = 0; i < events.size(); ++i) {
-            if (drop[i]) continue;
-            if (kept != i) events[kept] = std::move(events[i]);
-            ++kept;
-        }
-        events.erase(events.begin() + static_cast<std::ptrdiff_t>(kept), events.end());
-    }
+    eraseAt(events, dropped);
 
     setSyncState(snapshot, GoogleCalendarSyncState{calendarID, s.lastSyncToken, completedAt});
 
@@ -652,17 +657,7 @@ GoogleSyncMergeResult mergeListing(Pages& pages, const CalendarSource& calendar,
         for (auto it = added.cbegin(); it != added.cend(); ++it)
             if (deleted.contains(it.key())) dropped.push_back(it.value());
     }
-    if (!dropped.empty()) {
-        std::vector<char> drop(events.size(), 0);
-        for (std::size_t position : dropped) drop[position] = 1;
-        std::size_t kept = 0;
-        for (std::size_t i = 0; i < events.size(); ++i) {
-            if (drop[i]) continue;
-            if (kept != i) events[kept] = std::move(events[i]);
-            ++kept;
-        }
-        events.erase(events.begin() + static_cast<std::ptrdiff_t>(kept), events.end());
-    }
+    eraseAt(events, dropped);
 
     setSyncState(snapshot, GoogleCalendarSyncState{calendarID, pages.back().nextSyncToken, completedAt});
 

@@ -20,17 +20,7 @@ namespace {
 
 using ServiceKind = GoogleCalendarServiceError::Kind;
 
-class FixedTokenProvider final : public GoogleAccessTokenProviding {
-public:
-    explicit FixedTokenProvider(QString token) : token_(std::move(token)) {}
-    QCoro::Task<QString> accessToken(std::optional<QString>, std::stop_token) override {
-        QString token = token_;
-        co_return token;
-    }
-
-private:
-    QString token_;
-};
+using testing::FixedTokenProvider;
 
 QJsonObject timed(const QString& id, const QString& summary, int day, int hour = 10) {
     const QString start = QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(hour, 2, 10, QChar('0'));

@@ -2,6 +2,7 @@
 
 #include "google/GoogleOAuthStandIn.h"
 
+#include "google/FixedTokenProvider.h"
 #include "google/GoogleCredential.h"
 #include "google/GoogleOAuthClient.h"
 #include "support/Async.h"

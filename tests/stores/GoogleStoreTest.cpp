@@ -5,6 +5,7 @@
 
 #include "app/GoogleRefreshSchedule.h"
 #include "google/GoogleAccessTokenProvider.h"
+#include "google/FixedTokenProvider.h"
 #include "google/GoogleCalendarAPIClient.h"
 #include "google/GoogleCalendarStandIn.h"
 #include "services/GoogleCalendarService.h"
@@ -383,17 +384,7 @@ TEST_F(GoogleStoreFrameTest, TheWindowKnocksOnTheRefreshWhichStaysThrottled) {
 
 // --- End to end with the loopback stand-ins -----------------------------
 
-class FixedTokenProvider final : public GoogleAccessTokenProviding {
-public:
-    explicit FixedTokenProvider(QString token) : token_(std::move(token)) {}
-    QCoro::Task<QString> accessToken(std::optional<QString>, std::stop_token) override {
-        QString token = token_;
-        co_return token;
-    }
-
-private:
-    QString token_;
-};
+using testing::FixedTokenProvider;
 
 QJsonObject timed(const QString& id, const QString& summary, int day, int hour = 10) {
     const auto at = [&](int h) { return QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(h, 2, 10, QChar('0')); };
