@@ -94,6 +94,7 @@ Pane {
                 required property bool isOverTarget
                 required property string minutesText
                 readonly property real labelWidth: 120
+                readonly property color barColor: colorHex || root.palette.highlight
                 readonly property real scale: (width - labelWidth - 130) / Math.max(1, report.scaleMinutes)
                 width: chart.width
                 height: 30
@@ -110,7 +111,7 @@ Pane {
                     height: 16
                     radius: 3
                     width: Math.max(2, bar.minutes * bar.scale)
-                    color: bar.colorHex || root.palette.highlight
+                    color: bar.barColor
                 }
                 Rectangle {
                     x: bar.labelWidth
@@ -134,12 +135,23 @@ Pane {
                         PathLine { x: 1; y: bar.height }
                     }
                 }
+                // The minutes follow the bar's end. Where the target mark
+                // would cut through them they move inside a bar that has
+                // room, and only otherwise past the mark.
                 Label {
-                    x: bar.labelWidth + Math.max(2, bar.minutes * bar.scale, bar.targetMinutes * bar.scale) + 8
+                    id: minutesLabel
+                    readonly property real barEnd: bar.labelWidth + Math.max(2, bar.minutes * bar.scale)
+                    readonly property real markX: bar.labelWidth + bar.targetMinutes * bar.scale
+                    readonly property bool hitsMark: bar.targetMinutes >= 0 && markX >= barEnd + 4
+                                                     && markX <= barEnd + 8 + implicitWidth + 4
+                    readonly property bool inside: hitsMark && bar.minutes * bar.scale >= implicitWidth + 16
+                    x: inside ? barEnd - implicitWidth - 6 : (hitsMark ? markX + 8 : barEnd + 8)
                     height: 20
                     verticalAlignment: Text.AlignVCenter
                     text: bar.minutesText
-                    color: bar.isOverTarget ? "#E0524B" : root.palette.text
+                    font.pointSize: inside ? root.font.pointSize - 2 : root.font.pointSize
+                    color: inside ? (bar.barColor.hslLightness > 0.7 ? "#1C1C1E" : "white")
+                                  : (bar.isOverTarget ? "#E0524B" : root.palette.text)
                 }
             }
         }
