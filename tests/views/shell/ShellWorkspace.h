@@ -9,12 +9,10 @@
 #include "stores/SceneState.h"
 #include "stores/StoreTestSupport.h"
 #include "support/Async.h"
+#include "support/TestWait.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QTemporaryDir>
 
-#include <functional>
 #include <memory>
 
 namespace tavelo::test {
@@ -62,15 +60,6 @@ struct ShellWorkspace {
     }
 };
 
-// Runs the event loop until `done` holds or five seconds pass.
-inline bool waitUntil(const std::function<bool()>& done, int milliseconds = 5000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > milliseconds) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
+using tavelo::testing::waitUntil;
 
 } // namespace tavelo::test
