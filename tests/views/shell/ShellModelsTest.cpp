@@ -22,16 +22,16 @@ using namespace tavelo::test;
 
 namespace {
 
+QStringList column(const QAbstractItemModel& model, int role) {
+    QStringList values;
+    for (int row = 0; row < model.rowCount(); ++row) values.push_back(model.index(row, 0).data(role).toString());
+    return values;
+}
+
 class ShellModelsTest : public ::testing::Test {
 protected:
     ShellModelsTest() { w.open(); }
     ShellWorkspace w;
-
-    QStringList column(const QAbstractItemModel& model, int role) const {
-        QStringList values;
-        for (int row = 0; row < model.rowCount(); ++row) values.push_back(model.index(row, 0).data(role).toString());
-        return values;
-    }
 };
 
 } // namespace
@@ -126,11 +126,8 @@ TEST_F(ShellModelsTest, EditorOpensWithThePendingDraftAndRefusesWhatTheStoreRefu
     editor.setSceneObject(w.scene.get());
     EXPECT_FALSE(editor.isOpen());
 
-    EventDraft dragged;
-    dragged.start = ShellWorkspace::march(5, 13);
-    dragged.end = ShellWorkspace::march(5, 14, 30);
-    dragged.calendarIDs = {w.work};
-    w.scene->setPendingEventDraft(dragged);
+    w.scene->setPendingEventDraft(EventDraft{.start = ShellWorkspace::march(5, 13),
+                                             .end = ShellWorkspace::march(5, 14, 30), .calendarIDs = {w.work}});
     w.scene->setEditorPresentation(EditorPresentation::create());
     ASSERT_TRUE(editor.isOpen());
     EXPECT_TRUE(editor.isCreate());
@@ -316,12 +313,6 @@ protected:
     ShellWorkspace w;
     std::shared_ptr<GoogleAccountsDouble> google = std::make_shared<GoogleAccountsDouble>();
     const UUID privateAccount = uuid(0xA3);
-
-    QStringList column(const QAbstractItemModel& model, int role) const {
-        QStringList values;
-        for (int row = 0; row < model.rowCount(); ++row) values.push_back(model.index(row, 0).data(role).toString());
-        return values;
-    }
 };
 
 } // namespace
@@ -384,8 +375,6 @@ TEST_F(GoogleAccountsTest, TheActionsReachGoogleForTheAccountOfTheirRow) {
     w.seed.accounts.push_back(Account{.id = privateAccount, .name = "個人", .email = "me@gmail.example",
                                       .googleSubject = QStringLiteral("sub-2")});
     google->statuses[privateAccount] = GoogleSyncStatus::reconnectRequired;
-    google->signedIn = Account{.id = uuid(0xA9), .name = "新規", .email = "new@gmail.example", .isConnected = true,
-                               .googleSubject = QStringLiteral("sub-9")};
     w.open(ShellWorkspace::march(4, 12), google);
     GoogleAccountListModel model;
     model.setStoreObject(w.store.get());
