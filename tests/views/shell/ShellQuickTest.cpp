@@ -5,6 +5,7 @@
 #include "ai/CloudTestSupport.h"
 #include "app/GoogleRefreshSchedule.h"
 #include "app/TaveloApp.h"
+#include "services/GoogleCalendarServiceError.h"
 #include "views/shell/ShellEngine.h"
 #include "views/shell/ShellRoot.h"
 #include "views/shell/TrayMenu.h"
@@ -478,20 +479,9 @@ TEST_F(ShellQuickTest, TabWalksTheEditorInReadingOrderAndStaysInTheDialog) {
 
 namespace {
 
-// An edit that reached the first Google calendar and not the second, as the
-// Google calendar service reports it.
-struct CutShort : std::runtime_error, GoogleMutationPartialFailure {
-    std::vector<GoogleMutationDestination> remaining, conflicting;
-    explicit CutShort(std::vector<GoogleMutationDestination> rest)
-        : std::runtime_error("cut short"), remaining(std::move(rest)) {}
-    bool isPartialMutation() const override { return true; }
-    GoogleMutationOperation operation() const override { return GoogleMutationOperation::create; }
-    const std::vector<GoogleMutationDestination>& remainingDestinations() const override { return remaining; }
-    const std::vector<GoogleMutationDestination>& conflictingDestinations() const override { return conflicting; }
-    GoogleMutationFailureCause cause() const override { return GoogleMutationFailureCause::requestFailure; }
-};
-
-// Creating fails half-way once: the local file gets the copies that arrived.
+// Creating fails half-way once, as the Google calendar service reports an
+// edit that reached the first calendar and not the second: the local file
+// gets the copies that arrived.
 class HalfWayService final : public ForwardingCalendarService {
 public:
     using ForwardingCalendarService::ForwardingCalendarService;
@@ -504,7 +494,8 @@ public:
         missing = GoogleMutationDestination{account, last.calendarID, last.id};
         events.pop_back();
         co_await inner->createEvents(std::move(events));
-        throw CutShort({*missing});
+        throw GoogleCalendarServiceError::partialOperation(GoogleMutationOperation::create, {*missing}, {},
+                                                           GoogleMutationFailureCause::requestFailure);
     }
 };
 
