@@ -317,21 +317,6 @@ protected:
 
 } // namespace
 
-TEST_F(GoogleAccountsTest, WithoutGoogleConfiguredTheAccountsStayAsCachedAndTheMessageSaysWhereTheSettingsGo) {
-    w.open();
-    GoogleAccountListModel model;
-    QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
-    model.setStoreObject(w.store.get());
-    EXPECT_FALSE(model.isConfigured());
-    EXPECT_TRUE(model.configurationMessage().contains(w.dir.filePath("google-oauth.json")));
-    // The family account has no Google subject and is not listed.
-    EXPECT_EQ(column(model, GoogleAccountListModel::EmailRole), QStringList{"me@work.example"});
-    EXPECT_EQ(column(model, GoogleAccountListModel::StatusMessageRole), QStringList{"ローカルキャッシュ"});
-    // Nothing starts without Google.
-    EXPECT_FALSE(model.connectAccount());
-    EXPECT_FALSE(model.reconnectAccount(0));
-}
-
 TEST_F(GoogleAccountsTest, StatusesWarningsAndLastSyncFollowTheStoreByRows) {
     w.seed.accounts[0].lastSync = ShellWorkspace::march(4, 8, 5);
     google->statuses[w.workAccount] = GoogleSyncStatus::connected;
