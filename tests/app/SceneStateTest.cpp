@@ -29,7 +29,9 @@ const char* kBlock = "00000000-0000-4000-8000-000000000002";
 
 } // namespace
 
-TEST(SceneStateTest, NavigationRemembersTheCalendarScreenAndClosesDetails) {
+// Which calendar screen the others return to, and paging by month or week,
+// are driven through the toolbar, the tray and the window's commands.
+TEST(SceneStateTest, NavigationClosesDetailsAndAnnouncesOnlyCalendarScreens) {
     SceneState scene(iso("2026-01-07T03:00:00Z"));
     QSignalSpy calendarChanges(&scene, &SceneState::calendarNavigationChanged);
     const std::vector<CalendarEvent> events{event(kPrimary, kGroup)};
@@ -40,12 +42,7 @@ TEST(SceneStateTest, NavigationRemembersTheCalendarScreenAndClosesDetails) {
     EXPECT_EQ(scene.calendarNavigation(), NavigationItem::month);
     EXPECT_FALSE(scene.selectedEventID());
     EXPECT_FALSE(scene.selectedEventAnchor());
-
-    // Other screens leave the calendar screen to return to as it was.
-    scene.selectNavigation(NavigationItem::search);
     scene.selectNavigation(NavigationItem::settings);
-    EXPECT_EQ(scene.navigation(), NavigationItem::settings);
-    EXPECT_EQ(scene.calendarNavigation(), NavigationItem::month);
     EXPECT_EQ(calendarChanges.count(), 1);
 
     // QML reads the screens by the names the meta-object knows.
@@ -75,22 +72,4 @@ TEST(SceneStateTest, DetailsStayOnTheSurfaceThatWasClicked) {
     EXPECT_FALSE(scene.selectedEventID());
     EXPECT_EQ(scene.selectedEventAnchor(), onLane1);
     EXPECT_FALSE(scene.isEventDetailPresented(onLane1));
-}
-
-TEST(SceneStateTest, PagingMovesByMonthOnTheMonthScreenAndByWeekElsewhere) {
-    const DateCalendar tokyo(QStringLiteral("Asia/Tokyo"), QStringLiteral("ja_JP"));
-    SceneState scene(iso("2026-01-31T03:00:00Z")); // 31 January, 12:00 JST
-    scene.selectNavigation(NavigationItem::search);
-    scene.moveSelectedDate(1, tokyo);
-    EXPECT_EQ(scene.selectedDate(), iso("2026-02-07T03:00:00Z"));
-
-    scene.selectNavigation(NavigationItem::month);
-    scene.moveSelectedDate(1, tokyo);
-    EXPECT_EQ(tokyo.components(scene.selectedDate()).month, 3);
-    scene.moveSelectedDate(-2, tokyo);
-    EXPECT_EQ(tokyo.components(scene.selectedDate()).month, 1);
-
-    EXPECT_EQ(EditorPresentation::create().id(), QStringLiteral("create"));
-    EXPECT_EQ(EditorPresentation::edit(UUID::literal(kPrimary)).id(),
-              QStringLiteral("edit-00000000-0000-4000-8000-000000000001"));
 }

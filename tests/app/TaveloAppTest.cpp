@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 using namespace tavelo;
 using namespace tavelo::testing;
@@ -14,34 +15,31 @@ namespace {
 
 class TaveloAppTest : public CloudStoreTest {
 protected:
+    std::unique_ptr<TaveloApp> app;
+
     QString root() const { return directory.filePath(QStringLiteral("root")); }
-
-    std::unique_ptr<TaveloApp> makeApp(GoogleServicesFactory google = {}) {
-        return std::make_unique<TaveloApp>(root(), makeStore(), std::move(google));
+    void start(GoogleServicesFactory google = {}) {
+        app = std::make_unique<TaveloApp>(root(), makeStore(), std::move(google));
+        syncWait(app->start());
     }
-
-    void writeOAuthFile(const QString& workspaceDirectory) {
-        QDir().mkpath(workspaceDirectory);
-        QFile file(QDir(workspaceDirectory).filePath(QStringLiteral("google-oauth.json")));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(R"({"client_id":"1-x.apps.googleusercontent.com","client_secret":"s"})");
+    void signIn() { syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey)); }
+    void signOut() { syncWait(app->aiCloud().signOut()); }
+    void writeOAuthFile(const QString& path, const QByteArray& content) {
+        QDir().mkpath(QFileInfo(path).path());
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(content);
     }
 };
 
 } // namespace
 
-TEST_F(TaveloAppTest, NoWorkspaceUntilSomeoneSignsIn) {
-    auto app = makeApp();
-    syncWait(app->start());
+TEST_F(TaveloAppTest, SigningInBuildsTheWorkspaceOverItsOwnDirectory) {
+    start();
     EXPECT_EQ(app->currentWorkspace(), nullptr);
     EXPECT_FALSE(QDir(root()).exists(QStringLiteral("users")));
-}
 
-TEST_F(TaveloAppTest, SigningInBuildsTheWorkspaceOverItsOwnDirectory) {
-    auto app = makeApp();
-    syncWait(app->start());
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
-
+    signIn();
     const auto workspace = app->currentWorkspace();
     ASSERT_NE(workspace, nullptr);
     EXPECT_EQ(workspace->id(), app->aiCloud().workspaceID());
@@ -62,18 +60,17 @@ TEST_F(TaveloAppTest, SigningInBuildsTheWorkspaceOverItsOwnDirectory) {
 }
 
 TEST_F(TaveloAppTest, ANewConnectionToTheSameAccountGetsAFreshBundleOverTheSameData) {
-    auto app = makeApp();
-    syncWait(app->start());
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    start();
+    signIn();
     const auto first = app->currentWorkspace();
     ASSERT_NE(first, nullptr);
     syncWait(first->store().load());
     ASSERT_TRUE(syncWait(first->store().setPastSearchResultsIncluded(true)));
 
-    syncWait(app->aiCloud().signOut());
+    signOut();
     EXPECT_EQ(app->currentWorkspace(), nullptr);
 
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    signIn();
     const auto second = app->currentWorkspace();
     ASSERT_NE(second, nullptr);
     EXPECT_NE(second, first);
@@ -87,16 +84,15 @@ TEST_F(TaveloAppTest, ANewConnectionToTheSameAccountGetsAFreshBundleOverTheSameD
 // even if it never does, the old bundle must not be handed out, and the next
 // update must build a new one although the workspace id is the same.
 TEST_F(TaveloAppTest, AStaleConnectionNeverYieldsTheWorkspace) {
-    auto app = makeApp();
-    syncWait(app->start());
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    start();
+    signIn();
     const auto first = app->currentWorkspace();
     ASSERT_NE(first, nullptr);
 
     app->aiCloud().blockSignals(true);
-    syncWait(app->aiCloud().signOut());
+    signOut();
     EXPECT_EQ(app->currentWorkspace(), nullptr) << "nobody is signed in";
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    signIn();
     ASSERT_EQ(app->aiCloud().workspaceID(), first->id());
     ASSERT_NE(app->aiCloud().connectionID(), first->connectionID());
     EXPECT_EQ(app->currentWorkspace(), nullptr) << "same account, stale connection";
@@ -112,34 +108,31 @@ TEST_F(TaveloAppTest, AStaleConnectionNeverYieldsTheWorkspace) {
 TEST_F(TaveloAppTest, TheOAuthFileDecidesWhetherGoogleServicesAreBuilt) {
     int factoryCalls = 0;
     std::optional<GoogleOAuthConfiguration> seen;
-    auto app = makeApp([&](const GoogleOAuthConfiguration& configuration, std::shared_ptr<LocalCalendarService> local,
-                           const QString&) -> std::optional<TaveloGoogleServices> {
+    start([&](const GoogleOAuthConfiguration& configuration, std::shared_ptr<LocalCalendarService> local,
+              const QString&) -> std::optional<TaveloGoogleServices> {
         ++factoryCalls;
         seen = configuration;
         return TaveloGoogleServices{local, nullptr};
     });
-    syncWait(app->start());
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
-    const auto local = app->currentWorkspace();
-    ASSERT_NE(local, nullptr);
+    signIn();
+    ASSERT_NE(app->currentWorkspace(), nullptr);
     EXPECT_EQ(factoryCalls, 0); // no file yet
+    const QString oauthPath = app->currentWorkspace()->googleOAuthConfigurationPath();
+    EXPECT_EQ(oauthPath, QDir(app->currentWorkspace()->directory()).filePath(QStringLiteral("google-oauth.json")));
 
     // A valid file is read when the next workspace is built.
-    writeOAuthFile(local->directory());
-    syncWait(app->aiCloud().signOut());
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    writeOAuthFile(oauthPath, R"({"client_id":"1-x.apps.googleusercontent.com","client_secret":"s"})");
+    signOut();
+    signIn();
     ASSERT_NE(app->currentWorkspace(), nullptr);
     EXPECT_EQ(factoryCalls, 1);
     ASSERT_TRUE(seen);
     EXPECT_EQ(seen->clientID, QStringLiteral("1-x.apps.googleusercontent.com"));
 
     // A damaged file is not an error: the workspace runs on the local store.
-    QFile damaged(app->currentWorkspace()->googleOAuthConfigurationPath());
-    ASSERT_TRUE(damaged.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    damaged.write("{\"client_id\":");
-    damaged.close();
-    syncWait(app->aiCloud().signOut());
-    syncWait(app->aiCloud().connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
+    writeOAuthFile(oauthPath, "{\"client_id\":");
+    signOut();
+    signIn();
     ASSERT_NE(app->currentWorkspace(), nullptr);
     EXPECT_EQ(factoryCalls, 1);
     EXPECT_FALSE(app->currentWorkspace()->hasGoogleServices());

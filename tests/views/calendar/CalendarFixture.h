@@ -42,36 +42,34 @@ struct CalendarWorkspace {
         seed.tags = {Tag{.id = develop, .name = "開発", .colorHex = "#F59E0B", .sortOrder = 0, .weeklyTargetMinutes = 120},
                      Tag{.id = meetings, .name = "会議", .colorHex = "#8B5CF6", .sortOrder = 1, .weeklyTargetMinutes = 60}};
 
-        auto add = [&](CalendarEvent e) -> CalendarEvent& { return seed.events.emplace_back(std::move(e)); };
+        auto add = [&](int n, Date start, Date end, UUID calendar, const char* title, int group = 0) -> CalendarEvent& {
+            CalendarEvent& e = seed.events.emplace_back(event(n, start, end, calendar, group));
+            e.title = QString::fromUtf8(title);
+            return e;
+        };
         // Wednesday 4 March: a review overlapping a 1on1 and lunch.
-        add(event(1, march(4, 9), march(4, 11), work)).title = "設計レビュー";
-        seed.events.back().tagID = develop;
-        add(event(2, march(4, 9), march(4, 10), work)).title = "1on1";
-        seed.events.back().tagID = meetings;
-        add(event(3, march(4, 10), march(4, 11), home)).title = "昼食";
+        add(1, march(4, 9), march(4, 11), work, "設計レビュー").tagID = develop;
+        add(2, march(4, 9), march(4, 10), work, "1on1").tagID = meetings;
+        add(3, march(4, 10), march(4, 11), home, "昼食");
         // Thursday: one stand-up on two calendars.
-        add(event(4, march(5, 10), march(5, 10, 30), work, 40)).title = "朝会";
-        add(event(5, march(5, 10), march(5, 10, 30), home, 40)).title = "朝会";
+        add(4, march(5, 10), march(5, 10, 30), work, "朝会", 40);
+        add(5, march(5, 10), march(5, 10, 30), home, "朝会", 40);
         // Friday: a visit on the hidden calendar mirrored as a busy block.
-        add(event(7, march(6, 13), march(6, 14), hidden, 70)).title = "顧客訪問";
-        CalendarEvent& block = add(event(6, march(6, 13), march(6, 14), home, 70));
-        block.title = "予定あり";
+        add(7, march(6, 13), march(6, 14), hidden, "顧客訪問", 70);
+        CalendarEvent& block = add(6, march(6, 13), march(6, 14), home, "予定あり", 70);
         block.isGeneratedBusyBlock = true;
         block.sourceEventID = uuid(7);
         // A trip from Tuesday to Thursday, all day.
-        CalendarEvent& trip = add(event(8, march(3), march(6), work));
-        trip.title = "大阪出張";
-        trip.isAllDay = true;
+        add(8, march(3), march(6), work, "大阪出張").isAllDay = true;
         // Friday night into Saturday.
-        add(event(9, march(6, 22), march(7, 2), work)).title = "夜間メンテナンス";
-        add(event(10, march(2, 9), march(2, 10), hidden)).title = "見えない予定";
+        add(9, march(6, 22), march(7, 2), work, "夜間メンテナンス");
+        add(10, march(2, 9), march(2, 10), hidden, "見えない予定");
         // The week before: one development hour.
-        add(event(11, on(tokyo(), 2, 25, 9), on(tokyo(), 2, 25, 10), work)).title = "設計準備";
-        seed.events.back().tagID = develop;
+        add(11, on(tokyo(), 2, 25, 9), on(tokyo(), 2, 25, 10), work, "設計準備").tagID = develop;
         // Around today, for the search.
-        add(event(20, fromToday(1, 10), fromToday(1, 11), work)).title = "設計レビュー 第2回";
-        add(event(21, fromToday(3, 15), fromToday(3, 16), home)).title = "設計メモの整理";
-        add(event(22, fromToday(-10, 9), fromToday(-10, 10), work)).title = "設計の振り返り";
+        add(20, fromToday(1, 10), fromToday(1, 11), work, "設計レビュー 第2回");
+        add(21, fromToday(3, 15), fromToday(3, 16), home, "設計メモの整理");
+        add(22, fromToday(-10, 9), fromToday(-10, 10), work, "設計の振り返り");
     }
 
     QString path() const { return dir.filePath("state.sqlite"); }

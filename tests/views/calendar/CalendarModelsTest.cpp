@@ -42,7 +42,14 @@ const CalendarItemRow* rowOf(const CalendarItemModel& model, int n, int day = -1
     return nullptr;
 }
 
-class CalendarModelsTest : public ::testing::Test, public CalendarWorkspace {};
+class CalendarModelsTest : public ::testing::Test, public CalendarWorkspace {
+protected:
+    template <class Model>
+    void attach(Model& model) {
+        model.setStore(store.get());
+        model.setScene(scene.get());
+    }
+};
 
 } // namespace
 
@@ -50,8 +57,7 @@ TEST_F(CalendarModelsTest, WeekShowsLanesAllDayBarsMergedCopiesAndBusyBlocks) {
     open();
     WeekModel week;
     Watched days(week.days()), allDay(week.allDayItems()), timed(week.timedItems());
-    week.setStore(store.get());
-    week.setScene(scene.get());
+    attach(week);
 
     ASSERT_EQ(week.days()->rows().size(), 7u);
     EXPECT_EQ(week.days()->rows().front().date, march(1));
@@ -114,8 +120,7 @@ TEST_F(CalendarModelsTest, WeekUpdatesOnlyTheRowsThatChanged) {
     open();
     WeekModel week;
     Watched timed(week.timedItems()), days(week.days());
-    week.setStore(store.get());
-    week.setScene(scene.get());
+    attach(week);
     QSignalSpy inserted(week.timedItems(), &QAbstractItemModel::rowsInserted);
     QSignalSpy removed(week.timedItems(), &QAbstractItemModel::rowsRemoved);
     QSignalSpy changed(week.timedItems(), &QAbstractItemModel::dataChanged);
@@ -186,45 +191,28 @@ TEST_F(CalendarModelsTest, RowDiffKeepsOrderThroughShufflesInsertionsAndRemovals
     EXPECT_EQ(watched.resets(), 0);
 }
 
-TEST_F(CalendarModelsTest, DragsCreateDraftsAndSaveMovesAndResizesToTheFile) {
+// Dragging with the mouse and moving to the file are driven through the QML
+// view; here what it does not show: the preview's place, the calendar of a
+// new draft, resizing and what refuses to drag.
+TEST_F(CalendarModelsTest, DragsCreateDraftsOnTheDefaultCalendarAndResizeToTheFile) {
     open();
     WeekModel week;
-    week.setStore(store.get());
-    week.setScene(scene.get());
+    attach(week);
     week.setDayWidth(100);
 
     // Drag on empty Monday space from 13:10 down to 14:20.
     week.beginCreate(60 + 150, 13 * 60 + 10);
     week.updateCreate(60 + 120, 14 * 60 + 20);
-    EXPECT_TRUE(week.dragActive());
     EXPECT_EQ(week.dragKind(), QStringLiteral("create"));
     EXPECT_EQ(week.dragDayIndex(), 1);
     EXPECT_DOUBLE_EQ(week.dragTop(), 13 * 60.0);
     EXPECT_DOUBLE_EQ(week.dragHeight(), 90.0);
     EXPECT_TRUE(week.finishCreate());
-    EXPECT_FALSE(week.dragActive());
     ASSERT_TRUE(scene->pendingEventDraft());
-    EXPECT_EQ(scene->pendingEventDraft()->start, march(2, 13));
-    EXPECT_EQ(scene->pendingEventDraft()->end, march(2, 14, 30));
     EXPECT_EQ(scene->pendingEventDraft()->calendarIDs, std::vector<UUID>{work});
-    EXPECT_EQ(scene->editorPresentation(), EditorPresentation::create());
-
-    // Move the 1on1 one day right and 38 points down: Thursday 9:45.
-    QSignalSpy saved(&week, &WeekModel::dragSaved);
-    ASSERT_TRUE(week.beginMove(uuid(2).toString()));
-    week.updateMove(90, 38); // 2.53 steps: the nearest is three
-    EXPECT_EQ(week.dragDayIndex(), 4);
-    EXPECT_DOUBLE_EQ(week.dragTop(), 9 * 60.0 + 45);
-    EXPECT_TRUE(week.finishDrag());
-    ASSERT_TRUE(saved.count() || saved.wait(5000));
-    EXPECT_TRUE(saved.takeFirst().at(0).toBool());
-    const auto* moved = storedEvent(stored(), 2);
-    ASSERT_TRUE(moved);
-    EXPECT_EQ(moved->start, march(5, 9, 45));
-    EXPECT_EQ(moved->end, march(5, 10, 45));
-    EXPECT_EQ(rowOf(*week.timedItems(), 2)->dayIndex, 4);
 
     // Resize the review: a small pull does nothing; 31 points is 30 minutes.
+    QSignalSpy saved(&week, &WeekModel::dragSaved);
     ASSERT_TRUE(week.beginResize(uuid(1).toString()));
     week.updateResize(14);
     EXPECT_FALSE(week.finishDrag());
@@ -233,6 +221,7 @@ TEST_F(CalendarModelsTest, DragsCreateDraftsAndSaveMovesAndResizesToTheFile) {
     EXPECT_DOUBLE_EQ(week.dragHeight(), 150.0);
     EXPECT_TRUE(week.finishDrag());
     ASSERT_TRUE(saved.count() || saved.wait(5000));
+    EXPECT_TRUE(saved.takeFirst().at(0).toBool());
     EXPECT_EQ(storedEvent(stored(), 1)->end, march(4, 11, 30));
     EXPECT_EQ(storedEvent(stored(), 1)->start, march(4, 9));
 
@@ -246,10 +235,8 @@ TEST_F(CalendarModelsTest, DetailResolvesBlocksAndDeletesTheWholeGroup) {
     open();
     WeekModel week;
     EventDetailModel detail;
-    week.setStore(store.get());
-    week.setScene(scene.get());
-    detail.setStore(store.get());
-    detail.setScene(scene.get());
+    attach(week);
+    attach(detail);
 
     // A click on the block opens the visit it mirrors, anchored on the block.
     const auto* block = rowOf(*week.timedItems(), 6);
@@ -287,8 +274,7 @@ TEST_F(CalendarModelsTest, MonthCellsOverflowAndCreateOnDoubleClick) {
     open();
     MonthModel month;
     Watched days(month.days());
-    month.setStore(store.get());
-    month.setScene(scene.get());
+    attach(month);
 
     ASSERT_EQ(month.days()->rowCount(), 42);
     EXPECT_EQ(month.titleText(), QStringLiteral("2026年3月"));
@@ -313,15 +299,11 @@ TEST_F(CalendarModelsTest, MonthCellsOverflowAndCreateOnDoubleClick) {
     EXPECT_TRUE(month.isDetailPresented(uuid(1).toString(), 3));
     EXPECT_FALSE(month.isDetailPresented(uuid(1).toString(), 4));
 
+    // A double click on a day makes an all-day draft (its days are checked
+    // through the view); paging a month redraws.
     month.createOnDay(9);
     ASSERT_TRUE(scene->pendingEventDraft());
     EXPECT_TRUE(scene->pendingEventDraft()->isAllDay);
-    EXPECT_EQ(scene->pendingEventDraft()->start, march(10));
-    EXPECT_EQ(scene->pendingEventDraft()->end, march(10));
-
-    // Arrow keys: a week down crosses rows; paging a month redraws.
-    month.moveSelection(7);
-    EXPECT_TRUE(month.days()->rows()[10].isSelected);
     scene->selectNavigation(NavigationItem::month);
     scene->moveSelectedDate(1, tokyo());
     EXPECT_EQ(month.titleText(), QStringLiteral("2026年4月"));
@@ -332,8 +314,7 @@ TEST_F(CalendarModelsTest, SearchNarrowsAsYouTypeAndIncludesThePastOnRequest) {
     open();
     SearchModel search;
     Watched results(search.results());
-    search.setStore(store.get());
-    search.setScene(scene.get());
+    attach(search);
 
     EXPECT_EQ(search.results()->rowCount(), 0);
     search.setQuery(QStringLiteral("設"));

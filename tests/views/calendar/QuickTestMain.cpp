@@ -43,24 +43,16 @@ public:
         const auto& presentation = workspace_.scene->editorPresentation();
         return presentation ? presentation->id() : QString();
     }
-    Q_INVOKABLE double pendingDraftStart() const {
+    // The pending draft's [start, end], empty without a draft.
+    Q_INVOKABLE QVariantList pendingDraft() const {
         const auto& draft = workspace_.scene->pendingEventDraft();
-        return draft ? draft->start.unixSeconds() : -1;
+        return draft ? QVariantList{draft->start.unixSeconds(), draft->end.unixSeconds()} : QVariantList{};
     }
-    Q_INVOKABLE double pendingDraftEnd() const {
-        const auto& draft = workspace_.scene->pendingEventDraft();
-        return draft ? draft->end.unixSeconds() : -1;
-    }
-    // The start of event `n` as the state file holds it; -1 when absent.
-    Q_INVOKABLE double storedStart(int n) const {
+    // Event `n`'s [start, end] as the state file holds it, empty when absent.
+    Q_INVOKABLE QVariantList storedInterval(int n) const {
         const AppSnapshot snapshot = workspace_.stored();
         const CalendarEvent* event = workspace_.storedEvent(snapshot, n);
-        return event ? event->start.unixSeconds() : -1;
-    }
-    Q_INVOKABLE double storedEnd(int n) const {
-        const AppSnapshot snapshot = workspace_.stored();
-        const CalendarEvent* event = workspace_.storedEvent(snapshot, n);
-        return event ? event->end.unixSeconds() : -1;
+        return event ? QVariantList{event->start.unixSeconds(), event->end.unixSeconds()} : QVariantList{};
     }
 
 private:

