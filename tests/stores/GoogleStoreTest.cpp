@@ -547,43 +547,6 @@ TEST_F(GoogleStoreEndToEndTest, TwoAccountsSyncIntoOneStoreAndAnEditFansOutWithE
     for (const auto& e : group(store->events(), groupID)) EXPECT_TRUE(e.googleEventID);
     EXPECT_EQ(group(onDisk().events, groupID), group(store->events(), groupID));
 
-    // Availability while editing asks each account's free-busy: Bob's block
-    // makes the hour busy in both accounts, but not for the group itself.
-    EventDraft editing = draft;
-    editing.groupID = groupID;
-    const auto own = syncWait(store->eventAvailability(editing, tokyo()));
-    ASSERT_TRUE(own.assessment());
-    EXPECT_EQ(own.assessment()->isAccountAvailable(alice.id), true);
-    EXPECT_EQ(own.assessment()->isAccountAvailable(bob.id), true);
-    const auto other = syncWait(store->eventAvailability(draft, tokyo()));
-    ASSERT_TRUE(other.assessment());
-    EXPECT_EQ(other.assessment()->isAccountAvailable(alice.id), false);
-}
-
-TEST_F(GoogleStoreEndToEndTest, ExpiredSyncTokenMidWayKeepsEveryEventUntilTheFullListingIsWhole) {
-    const Account alice = connect();
-    const auto before = store->events();
-    aliceGoogle.cancelEvent(kAlice, "alice7");
-    aliceGoogle.expireSyncTokens();
-    for (int i = 0; i < 300; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("bulk%1").arg(i), "Bulk", 10));
-    // The restart breaks on its second page.
-    aliceGoogle.failNextAt("GET", "pageToken=", CannedResponse::json(200, R"({"items": [{"id": "bulk1", "summ)"));
-
-    EXPECT_FALSE(syncWait(store->syncGoogleAccount(alice.id)));
-    EXPECT_EQ(store->lastError(), kSyncFailed);
-    EXPECT_EQ(store->retryOperation(), StoreRetryOperation::syncGoogleAccount(alice.id));
-    EXPECT_EQ(store->googleStatusMessage(alice.id), "同期に失敗しました。今すぐ同期をもう一度お試しください。");
-    EXPECT_EQ(eventsOn(store->events(), kAlice), 30);
-    EXPECT_EQ(eventsOn(onDisk().events, kAlice), 30);
-
-    syncWait(store->retryLastOperation());
-    EXPECT_FALSE(store->hasLastError());
-    EXPECT_EQ(eventsOn(store->events(), kAlice), 29 + 300);
-    EXPECT_EQ(std::count_if(store->events().begin(), store->events().end(),
-                            [](const CalendarEvent& e) { return e.googleEventID == QStringLiteral("alice7"); }),
-              0);
-    EXPECT_EQ(store->googleSyncStatus(alice.id), GoogleSyncStatus::connected);
-    (void)before;
 }
 
 TEST_F(GoogleStoreEndToEndTest, HostileRepliesEndInTheStoresMessagesWithLocalDataUntouched) {
