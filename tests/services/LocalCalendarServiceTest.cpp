@@ -113,27 +113,6 @@ TEST_F(LocalCalendarServiceTest, MissingFileGivesTheSeedAndTheFirstSaveADatabase
     }
 }
 
-TEST_F(LocalCalendarServiceTest, LegacyJsonBecomesADatabaseAndKeepsALegacyBackup) {
-    auto legacy = sample();
-    legacy.version = 1;
-    legacy.googleSyncStates.clear();
-    auto json = QByteArray::fromStdString(encodeJson(legacy));
-    ASSERT_TRUE(json.contains(",\"googleSyncStates\":[]"));
-    json.replace(",\"googleSyncStates\":[]", ""); // older files lack the key
-    writeBytes(path, json);
-
-    const auto result = syncWait(service->load());
-    legacy.version = 2;
-    EXPECT_FALSE(result.warning);
-    EXPECT_EQ(result.snapshot, legacy);
-    const auto backups = otherFiles();
-    ASSERT_EQ(backups.size(), 1);
-    EXPECT_TRUE(QRegularExpression("^state\\.1767258000250\\.[0-9A-F-]{36}\\.legacy\\.json$").match(backups[0]).hasMatch())
-        << backups[0].toStdString();
-    EXPECT_EQ(readBytes(dir.filePath(backups[0])), json);
-    EXPECT_EQ(reload(), legacy);
-}
-
 // --- damaged or newer files: moved aside byte for byte, the seed starts ---------
 
 struct Damage {

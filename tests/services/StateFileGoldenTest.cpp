@@ -8,7 +8,9 @@
 #include "support/JsonWriter.h"
 #include "support/SqliteFile.h"
 
+#include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -94,19 +96,27 @@ TEST(StateFileGoldenTest, TheDatabaseAndTheOldJsonFormatKeepTheirBytes) {
     tavelo::testing::expectGolden("state-database-rows.txt", rows(path));
     EXPECT_EQ(syncWait(LocalCalendarService(path).load()).snapshot, snapshot);
 
-    // The old format: one JSON document, read and migrated as it stands.
+    // The old format: one JSON document of version 1, read and migrated as it
+    // stands, the original kept byte for byte beside the new database.
     tavelo::testing::expectGolden("state-legacy.json", QByteArray::fromStdString(encodeJson(snapshot)));
     QTemporaryDir legacyDir;
     const QString legacy = legacyDir.filePath("state.json");
+    const QByteArray original = tavelo::testing::goldenBytes("state-legacy.json").replace("{\"version\":2,", "{\"version\":1,");
     {
         QFile file(legacy);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(tavelo::testing::goldenBytes("state-legacy.json"));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(original) == original.size());
     }
     const auto migrated = syncWait(LocalCalendarService(legacy).load());
     EXPECT_FALSE(migrated.warning);
     EXPECT_EQ(migrated.snapshot, snapshot);
     EXPECT_EQ(rows(legacy), rows(path)) << "migration writes what a save writes";
+    const QStringList backups = QDir(legacyDir.path()).entryList(QDir::Files | QDir::Hidden);
+    ASSERT_EQ(backups.size(), 2) << backups.join(' ').toStdString();
+    EXPECT_TRUE(QRegularExpression("^state\\.[0-9]+\\.[0-9A-F-]{36}\\.legacy\\.json$").match(backups[0]).hasMatch())
+        << backups[0].toStdString();
+    QFile backup(legacyDir.filePath(backups[0]));
+    ASSERT_TRUE(backup.open(QIODevice::ReadOnly));
+    EXPECT_EQ(backup.readAll(), original);
 }
 
 } // namespace
