@@ -3,6 +3,7 @@
 #include "google/GoogleCalendarMapper.h"
 #include "google/StableUUID.h"
 #include "support/DateCalendar.h"
+#include "support/FailureOf.h"
 #include "support/JsonReader.h"
 
 #include <gtest/gtest.h>
@@ -84,12 +85,8 @@ protected:
 TEST_F(GoogleSyncEngineTest, IncompleteListingsChangeNothing) {
     snapshot.googleSyncStates = {{calendar.id, QString("old"), at("2026-01-01T00:00:00Z")}};
     auto expectError = [&](std::vector<GoogleEventPage> pages, GoogleSyncEngineError::Kind kind) {
-        try {
-            merge(std::move(pages));
-            ADD_FAILURE() << "expected a sync engine error";
-        } catch (const GoogleSyncEngineError& error) {
-            EXPECT_EQ(error.kind(), kind);
-        }
+        const auto error = tavelo::testing::failureOf<GoogleSyncEngineError>([&] { merge(std::move(pages)); });
+        EXPECT_EQ(error ? std::optional(error->kind()) : std::nullopt, kind);
     };
     using Kind = GoogleSyncEngineError::Kind;
     expectError({}, Kind::incompletePagination);

@@ -5,6 +5,7 @@
 
 #include "services/LocalCalendarService.h"
 #include "support/Async.h"
+#include "support/FailureOf.h"
 #include "support/SqliteFile.h"
 
 #include <QDir>
@@ -17,6 +18,7 @@
 #include <fstream>
 
 using namespace tavelo;
+using tavelo::testing::failureOf;
 using tavelo::testing::quickCheck;
 using tavelo::testing::SqliteFile;
 
@@ -98,12 +100,9 @@ TEST_F(StoreCrashSafetyTest, ALockedFileWithAHotJournalFailsTheLoadAndStaysInPla
     ASSERT_EQ(holder.exec("UPDATE events SET payload = payload || ' '"), SQLITE_OK);
 
     LocalCalendarService service(path);
-    try {
-        syncWait(service.load());
-        ADD_FAILURE() << "the load succeeded on a locked file";
-    } catch (const SQLitePersistenceError& error) {
-        EXPECT_EQ(error.kind(), SQLitePersistenceError::Kind::operation) << error.detail();
-    }
+    const auto error = failureOf<SQLitePersistenceError>([&] { syncWait(service.load()); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), SQLitePersistenceError::Kind::operation) << error->detail();
     EXPECT_EQ(files(dir.path()), (QStringList{"state.json", "state.json-journal"}));
 }
 
@@ -184,12 +183,9 @@ TEST_F(StoreCrashSafetyTest, OnlyOneStoreAtATimeWritesTheFile) {
     EXPECT_TRUE(QFile::exists(leftover)) << "it may belong to the holder's replacement under way";
     auto changed = stored;
     changed.events.pop_back();
-    try {
-        syncWait(second.save(changed));
-        ADD_FAILURE() << "a second store wrote the file";
-    } catch (const FileSystemError& error) {
-        EXPECT_EQ(error.operation(), FileSystemError::Operation::lock);
-    }
+    const auto refused = failureOf<FileSystemError>([&] { syncWait(second.save(changed)); });
+    ASSERT_TRUE(refused) << "a second store wrote the file";
+    EXPECT_EQ(refused->operation(), FileSystemError::Operation::lock);
     EXPECT_THROW(syncWait(second.createEvents(changed.events)), FileSystemError);
     EXPECT_EQ(loadFresh(path).snapshot.events, stored.events);
 

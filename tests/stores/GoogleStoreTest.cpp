@@ -12,6 +12,7 @@
 #include "services/LocalCalendarService.h"
 #include "stores/AppStore.h"
 #include "stores/StoreTestSupport.h"
+#include "support/FailureOf.h"
 #include "support/HTTPTransport.h"
 
 #include <QCoreApplication>
@@ -606,12 +607,8 @@ TEST_F(GoogleStoreEndToEndTest, MoveWhoseOldCopyCannotBeDeletedKeepsItUntilTheRe
     moved.calendarID = calendarID(kBob);
     aliceGoogle.failNextAt("DELETE", "", GoogleCalendarStandIn::googleError(403, "forbidden", "Forbidden"));
     std::vector<CalendarEvent> desired{moved};
-    std::optional<GoogleCalendarServiceError> partial;
-    try {
-        syncWait(service->updateEvents(created.groupID, desired));
-    } catch (const GoogleCalendarServiceError& error) {
-        partial = error;
-    }
+    const auto partial =
+        tavelo::testing::failureOf<GoogleCalendarServiceError>([&] { syncWait(service->updateEvents(created.groupID, desired)); });
     ASSERT_TRUE(partial);
     const GoogleMutationDestination oldCopy{alice.id, created.calendarID, created.id};
     const GoogleMutationDestination newCopy{bob.id, moved.calendarID, created.id};
