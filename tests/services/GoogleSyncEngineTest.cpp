@@ -136,18 +136,20 @@ TEST_F(GoogleSyncEngineTest, StoredCopiesAndRepeatedRecordsOfOneID) {
 
     // Two records of "dup": the first names a group, the second does not, so
     // the second is merged against the stored event, not the first record.
+    // Of a new id too, the last record wins.
     const auto s = merge({lastPage({dto("dup", R"("extendedProperties": {"private": {"taveloGroupID": )"
                                               R"("9a000000-0000-4000-8000-000000000001"}})"),
-                                    dto("dup", R"("summary": "Final")"),
+                                    dto("dup", R"("summary": "Final")"), dto("new"), dto("new", R"("summary": "Last")"),
                                     dto("bad", R"("start": {"date": "x"})")})},
                          GoogleSyncMode::incremental)
                        .snapshot;
-    ASSERT_EQ(s.events.size(), 3u);
+    ASSERT_EQ(s.events.size(), 4u);
     EXPECT_EQ(s.events[0].id, first.id);
     EXPECT_EQ(s.events[0].title, "Final");
     EXPECT_EQ(s.events[0].groupID, first.groupID);
     EXPECT_EQ(s.events[1], skippedTwice); // unreadable records leave every stored copy alone
     EXPECT_EQ(s.events[2], skippedTwice);
+    EXPECT_EQ(s.events[3].title, "Last");
 }
 
 TEST_F(GoogleSyncEngineTest, AppOwnedStateSurvivesGoogleChanges) {
