@@ -59,13 +59,13 @@ protected:
         return Engine::mergingEventPages(pages, calendar, zone, mode, completedAt, snapshot);
     }
 
-    const CalendarEvent* find(const AppSnapshot& s, const QString& googleID, const UUID& calendarID) {
+    // The event of `googleID` on the synced calendar.
+    const CalendarEvent* find(const AppSnapshot& s, const QString& googleID) {
         auto it = std::find_if(s.events.begin(), s.events.end(), [&](const CalendarEvent& e) {
-            return e.googleEventID == googleID && e.calendarID == calendarID;
+            return e.googleEventID == googleID && e.calendarID == calendar.id;
         });
         return it == s.events.end() ? nullptr : &*it;
     }
-    const CalendarEvent* find(const AppSnapshot& s, const QString& googleID) { return find(s, googleID, calendar.id); }
 
     CalendarEvent localEvent(const QString& title, const UUID& calendarID, std::optional<QString> googleID) {
         CalendarEvent e;
