@@ -17,7 +17,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QCoro/QCoroTimer>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
