@@ -3,6 +3,8 @@
 // only needs its journal rolled back, repairs that keep the damaged file, and
 // one writer per file.
 
+#include "CrashLoopSteps.h"
+
 #include "services/LocalCalendarService.h"
 #include "support/Async.h"
 #include "support/FailureOf.h"
@@ -24,21 +26,10 @@ using tavelo::testing::SqliteFile;
 
 namespace {
 
-const Date kDay = Date::fromUnixSeconds(1767571200);
-
+// `count` events titled "<title> <n>", with notes long enough to fill many pages.
 AppSnapshot snapshotWith(int count, const char* title) {
     AppSnapshot s = AppSnapshot::empty();
-    for (int i = 0; i < count; ++i) {
-        CalendarEvent e;
-        e.id = UUID::random();
-        e.groupID = UUID::random();
-        e.title = QString("%1 %2").arg(title).arg(i);
-        e.notes = QString(200, QChar('n')); // rows big enough to fill many pages
-        e.start = kDay.addingSeconds(i * 60.0);
-        e.end = kDay.addingSeconds(i * 60.0 + 1800);
-        e.calendarID = CalendarSource::tavelo().id;
-        s.events.push_back(e);
-    }
+    for (int i = 0; i < count; ++i) s.events.push_back(crashloop::eventNumbered(10, i, QString("%1 %2").arg(title).arg(i)));
     return s;
 }
 
