@@ -83,10 +83,6 @@ TEST(CalendarModelJsonTest, SyncStatesCollapseToFirstPositionWithLastContent) {
                              {kCal2, QStringLiteral("B"), std::nullopt},
                              {kCal1, QStringLiteral("C"), std::nullopt}});
     EXPECT_EQ(built.googleSyncStates, decoded.googleSyncStates);
-
-    // Only the calendar id is required.
-    const auto bare = decodeJson<GoogleCalendarSyncState>(R"({"calendarID":")" + kCal1.toStdString() + "\"}");
-    EXPECT_EQ(bare, (GoogleCalendarSyncState{kCal1, std::nullopt, std::nullopt}));
 }
 
 TEST(CalendarModelJsonTest, ADamagedEventMakesTheWholeSnapshotUndecodable) {
