@@ -39,41 +39,17 @@ AppSnapshot fixedSnapshot() {
                                          .googleTimeZoneIdentifier = "Asia/Tokyo"});
     s.calendars.push_back(CalendarSource::tavelo());
     s.tags.push_back(Tag{.id = fixed(3), .name = "Deep work", .sortOrder = 0});
-    CalendarEvent rich;
-    rich.id = fixed(10);
-    rich.groupID = fixed(11);
-    rich.sourceEventID = fixed(12);
-    rich.title = "週次定例 \"weekly\"";
-    rich.start = day.addingSeconds(9 * 3600);
-    rich.end = day.addingSeconds(10 * 3600);
-    rich.recurrence = EventRecurrence::weekly;
-    rich.calendarID = fixed(2);
-    rich.tagID = fixed(3);
-    rich.notes = "line 1\nline 2\t✓";
-    rich.guests = {{fixed(13), "山田", "y@example.com", GuestStatus::tentative}};
-    rich.notifications = {10, 60};
-    rich.meetURL = CalendarEvent::pendingMeetURL();
-    rich.googleEventID = "g1";
-    rich.googleETag = "\"3300\"";
-    rich.googleUpdatedAt = day;
-    CalendarEvent block;
-    block.id = fixed(20);
-    block.groupID = fixed(11);
-    block.title = "予定あり";
-    block.start = rich.start;
-    block.end = rich.end;
-    block.calendarID = CalendarSource::tavelo().id;
-    block.isGeneratedBusyBlock = true;
-    CalendarEvent task;
-    task.id = fixed(30);
-    task.groupID = fixed(31);
-    task.kind = EventKind::task;
-    task.title = "Report";
-    task.start = day;
-    task.end = day.addingSeconds(86400);
-    task.isAllDay = true;
-    task.isCompleted = true;
-    task.calendarID = CalendarSource::tavelo().id;
+    const CalendarEvent rich{
+        .id = fixed(10), .groupID = fixed(11), .sourceEventID = fixed(12), .title = "週次定例 \"weekly\"",
+        .start = day.addingSeconds(9 * 3600), .end = day.addingSeconds(10 * 3600), .recurrence = EventRecurrence::weekly,
+        .calendarID = fixed(2), .tagID = fixed(3), .notes = "line 1\nline 2\t✓",
+        .guests = {{fixed(13), "山田", "y@example.com", GuestStatus::tentative}}, .notifications = {10, 60},
+        .meetURL = CalendarEvent::pendingMeetURL(), .googleEventID = "g1", .googleETag = "\"3300\"", .googleUpdatedAt = day};
+    const CalendarEvent block{.id = fixed(20), .groupID = fixed(11), .title = "予定あり", .start = rich.start, .end = rich.end,
+                              .calendarID = CalendarSource::tavelo().id, .isGeneratedBusyBlock = true};
+    const CalendarEvent task{.id = fixed(30), .groupID = fixed(31), .kind = EventKind::task, .title = "Report", .start = day,
+                             .end = day.addingSeconds(86400), .isAllDay = true, .calendarID = CalendarSource::tavelo().id,
+                             .isCompleted = true};
     s.events = {task, rich, block}; // an order no sort would give
     s.googleSyncStates.push_back({fixed(2), "token", day});
     return s;
