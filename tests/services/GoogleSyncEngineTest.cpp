@@ -68,15 +68,9 @@ protected:
     }
 
     CalendarEvent localEvent(const QString& title, const UUID& calendarID, std::optional<QString> googleID) {
-        CalendarEvent e;
-        e.id = UUID::random();
-        e.groupID = e.id;
-        e.title = title;
-        e.start = at("2026-01-07T09:00:00Z");
-        e.end = at("2026-01-07T10:00:00Z");
-        e.calendarID = calendarID;
-        e.googleEventID = std::move(googleID);
-        return e;
+        const UUID id = UUID::random();
+        return CalendarEvent{.id = id, .groupID = id, .title = title, .start = at("2026-01-07T09:00:00Z"),
+                             .end = at("2026-01-07T10:00:00Z"), .calendarID = calendarID, .googleEventID = std::move(googleID)};
     }
 };
 
