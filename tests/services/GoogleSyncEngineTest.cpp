@@ -147,13 +147,11 @@ TEST_F(GoogleSyncEngineTest, StoredCopiesAndRepeatedRecordsOfOneID) {
 }
 
 TEST_F(GoogleSyncEngineTest, AppOwnedStateSurvivesGoogleChanges) {
-    auto stored = localEvent("Before", calendar.id, QString("g"));
-    stored.kind = EventKind::task;
-    stored.isCompleted = true;
-    stored.tagID = kTagID;
-    stored.groupID = UUID::literal("6A000000-0000-4000-8000-000000000001");
-    stored.sourceEventID = UUID::literal("5A000000-0000-4000-8000-000000000001");
-    stored.isGeneratedBusyBlock = true;
+    const CalendarEvent stored{
+        .id = UUID::random(), .groupID = UUID::literal("6A000000-0000-4000-8000-000000000001"),
+        .sourceEventID = UUID::literal("5A000000-0000-4000-8000-000000000001"), .kind = EventKind::task, .title = "Before",
+        .start = at("2026-01-07T09:00:00Z"), .end = at("2026-01-07T10:00:00Z"), .calendarID = calendar.id, .tagID = kTagID,
+        .isCompleted = true, .isGeneratedBusyBlock = true, .googleEventID = QString("g")};
     snapshot.events = {stored};
 
     // Google knows none of the program's links: all stay.
