@@ -4,6 +4,9 @@
 
 #include "support/MetaEnumCheck.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
+
 #include <gtest/gtest.h>
 
 using namespace tavelo;
@@ -15,32 +18,27 @@ UUID id(const char* text) { return UUID::literal(text); }
 const UUID kCal1 = id("11111111-1111-4111-8111-111111111111");
 const UUID kCal2 = id("22222222-2222-4222-8222-222222222222");
 
+// Every field set, optional ones included.
 CalendarEvent sampleEvent() {
     return CalendarEvent{
         .id = id("AAAAAAAA-0000-4000-8000-000000000001"),
         .groupID = id("BBBBBBBB-0000-4000-8000-000000000001"),
-        .sourceEventID = std::nullopt,
-        .kind = EventKind::event,
+        .sourceEventID = id("DDDDDDDD-0000-4000-8000-000000000001"),
         .title = QStringLiteral("定例会議"),
         .start = *Date::fromIsoString("2026-01-05T09:00:00Z"),
         .end = *Date::fromIsoString("2026-01-05T10:00:00Z"),
-        .isAllDay = false,
         .recurrence = EventRecurrence::weekly,
         .calendarID = kCal1,
-        .tagID = std::nullopt,
-        .location = QString(),
+        .tagID = id("EEEEEEEE-0000-4000-8000-000000000001"),
         .notes = QStringLiteral("議題"),
         .guests = {Guest{id("CCCCCCCC-0000-4000-8000-000000000001"), "Ann", "ann@example.com", GuestStatus::accepted}},
         .notifications = {10, 0},
         .meetURL = CalendarEvent::pendingMeetURL(),
-        .availability = Availability::busy,
         .visibility = EventVisibility::privateTitle,
-        .isCompleted = false,
-        .isGeneratedBusyBlock = false,
         .externalUID = QStringLiteral("uid@google.com"),
-        .googleEventID = std::nullopt,
-        .googleETag = std::nullopt,
-        .googleUpdatedAt = std::nullopt,
+        .googleEventID = QStringLiteral("g1"),
+        .googleETag = QStringLiteral("\"etag\""),
+        .googleUpdatedAt = *Date::fromIsoString("2026-01-04T08:00:00Z"),
     };
 }
 
@@ -85,10 +83,6 @@ TEST(CalendarModelJsonTest, SyncStatesCollapseToFirstPositionWithLastContent) {
                              {kCal2, QStringLiteral("B"), std::nullopt},
                              {kCal1, QStringLiteral("C"), std::nullopt}});
     EXPECT_EQ(built.googleSyncStates, decoded.googleSyncStates);
-
-    // Only the calendar id is required.
-    const auto bare = decodeJson<GoogleCalendarSyncState>(R"({"calendarID":")" + kCal1.toStdString() + "\"}");
-    EXPECT_EQ(bare, (GoogleCalendarSyncState{kCal1, std::nullopt, std::nullopt}));
 }
 
 TEST(CalendarModelJsonTest, ADamagedEventMakesTheWholeSnapshotUndecodable) {
@@ -131,101 +125,55 @@ TEST(CalendarModelJsonTest, TagRuleConditionsUseTheSingleKeyForm) {
 
 namespace {
 
-// Decodes `json` with one top-level key left out; "" when it decodes, the
-// error's text otherwise.
-template <class T>
-std::string decodeWithout(const std::string& json, const std::string& key) {
-    const std::string needle = "\"" + key + "\":";
-    const auto at = json.find(needle);
-    if (at == std::string::npos) return "key not written";
-    // Values in these samples hold no top-level commas outside brackets.
-    std::size_t end = at + needle.size();
-    int depth = 0;
-    bool inString = false;
-    for (; end < json.size(); ++end) {
-        const char c = json[end];
-        if (inString) {
-            if (c == '\\') ++end;
-            else if (c == '"') inString = false;
-        } else if (c == '"') inString = true;
-        else if (c == '[' || c == '{') ++depth;
-        else if ((c == ']' || c == '}') && depth-- == 0) break;
-        else if (c == ',' && depth == 0) break;
-    }
-    std::string cut = json;
-    const bool trailingComma = end < json.size() && json[end] == ',';
-    cut.erase(trailingComma ? at : at - 1, end - at + 1);
-    try {
-        decodeJson<T>(cut);
-        return {};
-    } catch (const JsonDecodingError& error) {
-        return error.what();
-    }
-}
-
 // Every key written must be read back, and each is required unless it is one
 // of the record's optional keys: a field table that forgets one direction or
 // gives a field the wrong presence shows up here.
 template <class T>
-void expectPresence(const T& full, std::vector<std::string> keys, const std::set<std::string>& optionalKeys) {
+void expectPresence(const T& full, const std::set<QString>& optionalKeys) {
     const std::string json = encodeJson(full);
     EXPECT_EQ(decodeJson<T>(json), full) << json;
-    for (const auto& key : keys) {
-        const std::string error = decodeWithout<T>(json, key);
+    const QJsonObject object = QJsonDocument::fromJson(QByteArray::fromStdString(json)).object();
+    for (const QString& key : optionalKeys) EXPECT_TRUE(object.contains(key)) << key.toStdString() << " not written";
+    for (const QString& key : object.keys()) {
+        QJsonObject cut = object;
+        cut.remove(key);
+        std::string error;
+        try {
+            decodeJson<T>(QJsonDocument(cut).toJson(QJsonDocument::Compact).toStdString());
+        } catch (const JsonDecodingError& e) {
+            error = e.what();
+        }
         if (optionalKeys.contains(key))
-            EXPECT_EQ(error, "") << key;
+            EXPECT_EQ(error, "") << key.toStdString();
         else
-            EXPECT_NE(error.find(key), std::string::npos) << key << ": " << error;
+            EXPECT_NE(error.find(key.toStdString()), std::string::npos) << key.toStdString() << ": " << error;
     }
 }
 
 } // namespace
 
 TEST(CalendarModelJsonTest, EveryRecordReadsBackEveryKeyWithItsPresence) {
-    CalendarEvent event = sampleEvent();
-    event.sourceEventID = id("DDDDDDDD-0000-4000-8000-000000000001");
-    event.tagID = id("EEEEEEEE-0000-4000-8000-000000000001");
-    event.googleEventID = QStringLiteral("g1");
-    event.googleETag = QStringLiteral("\"etag\"");
-    event.googleUpdatedAt = *Date::fromIsoString("2026-01-04T08:00:00Z");
-    expectPresence(event,
-                   {"id", "groupID", "sourceEventID", "kind", "title", "start", "end", "isAllDay", "recurrence",
-                    "calendarID", "tagID", "location", "notes", "guests", "notifications", "meetURL", "availability",
-                    "visibility", "isCompleted", "isGeneratedBusyBlock", "externalUID", "googleEventID",
-                    "googleETag", "googleUpdatedAt"},
-                   {"sourceEventID", "recurrence", "tagID", "meetURL", "externalUID", "googleEventID", "googleETag",
-                    "googleUpdatedAt"});
-
+    expectPresence(sampleEvent(), {"sourceEventID", "recurrence", "tagID", "meetURL", "externalUID", "googleEventID",
+                                   "googleETag", "googleUpdatedAt"});
     expectPresence(Tag{.id = kCal2, .name = "Deep work", .colorHex = "#112233", .sortOrder = 3,
                        .weeklyTargetMinutes = 600, .warnsWhenExceeded = true,
                        .rules = {TagRule{kCal1, TagRuleCondition::titleContains("focus")}}},
-                   {"id", "name", "colorHex", "sortOrder", "weeklyTargetMinutes", "warnsWhenExceeded", "rules"},
                    {"weeklyTargetMinutes"});
-
     expectPresence(Account{.id = kCal1, .name = "Work", .email = "a@example.com", .kind = AccountKind::family,
                            .colorHex = "#000000", .isConnected = true,
                            .lastSync = *Date::fromIsoString("2026-01-01T00:00:00Z"), .googleSubject = "sub"},
-                   {"id", "name", "email", "kind", "colorHex", "isConnected", "lastSync", "googleSubject"},
                    {"lastSync", "googleSubject"});
-
     expectPresence(CalendarSource{.id = kCal2, .accountID = kCal1, .name = "Team", .colorHex = "#ABCDEF",
                                   .isVisible = false, .receivesBusyBlocks = true, .googleCalendarID = "team@x",
                                   .googleTimeZoneIdentifier = "Asia/Tokyo"},
-                   {"id", "accountID", "name", "colorHex", "isVisible", "receivesBusyBlocks", "googleCalendarID",
-                    "googleTimeZoneIdentifier"},
                    {"accountID", "googleCalendarID", "googleTimeZoneIdentifier"});
-
     expectPresence(GoogleCalendarSyncState{.calendarID = kCal1, .syncToken = "tok",
                                            .lastSync = *Date::fromIsoString("2026-01-02T00:00:00Z")},
-                   {"calendarID", "syncToken", "lastSync"}, {"syncToken", "lastSync"});
-
+                   {"syncToken", "lastSync"});
     AppPreferences preferences;
     preferences.busyBlockScope = BusyBlockScope::custom;
     preferences.customBusyBlockCalendarIDs = {kCal1, kCal2};
-    expectPresence(preferences,
-                   {"mergeDuplicates", "crossAccountAvailability", "automaticBusyBlocks", "busyBlockScope",
-                    "customBusyBlockCalendarIDs", "includePastSearchResults"},
-                   {});
+    expectPresence(preferences, {});
 }
 
 TEST(CalendarModelJsonTest, EnumerationsShowTheirStoredNames) {

@@ -26,15 +26,10 @@ inline UUID numbered(std::uint8_t kind, std::uint64_t n) {
 }
 
 inline CalendarEvent eventNumbered(std::uint8_t kind, std::uint64_t n, QString title) {
-    CalendarEvent e;
-    e.id = numbered(kind, n);
-    e.groupID = numbered(static_cast<std::uint8_t>(kind + 1), n);
-    e.title = std::move(title);
-    e.notes = QStringLiteral("議事メモ %1 ").arg(n).repeated(6);
-    e.start = Date::fromUnixSeconds(1767571200 + 900.0 * static_cast<double>(n % 5000));
-    e.end = e.start.addingSeconds(1800);
-    e.calendarID = CalendarSource::tavelo().id;
-    return e;
+    const Date start = Date::fromUnixSeconds(1767571200 + 900.0 * static_cast<double>(n % 5000));
+    return CalendarEvent{.id = numbered(kind, n), .groupID = numbered(static_cast<std::uint8_t>(kind + 1), n),
+                         .title = std::move(title), .start = start, .end = start.addingSeconds(1800),
+                         .calendarID = CalendarSource::tavelo().id, .notes = QStringLiteral("議事メモ %1 ").arg(n).repeated(6)};
 }
 
 inline AppSnapshot initial() {

@@ -28,14 +28,9 @@ const UUID kCalA = UUID::literal("0A000000-0000-4000-8000-000000000001");
 const UUID kCalB = UUID::literal("0B000000-0000-4000-8000-000000000002");
 
 CalendarEvent event(const char* title, double fromHour, double toHour, UUID calendar = kCalA, UUID group = UUID::random()) {
-    CalendarEvent e;
-    e.id = UUID::random();
-    e.groupID = group;
-    e.title = QString::fromUtf8(title);
-    e.start = kDay.addingSeconds(fromHour * 3600);
-    e.end = kDay.addingSeconds(toHour * 3600);
-    e.calendarID = calendar;
-    return e;
+    return CalendarEvent{.id = UUID::random(), .groupID = group, .title = QString::fromUtf8(title),
+                         .start = kDay.addingSeconds(fromHour * 3600), .end = kDay.addingSeconds(toHour * 3600),
+                         .calendarID = calendar};
 }
 
 // Events in an order no sort would produce, most optional fields set, and
@@ -45,16 +40,12 @@ AppSnapshot sample(int extra = 0) {
     s.accounts.push_back({UUID::random(), "仕事", "a@example.com", AccountKind::work, "#123456", true, kDay, "sub"});
     s.calendars.push_back({kCalA, s.accounts[0].id, "Work", "#2F6FEB", true, true, "primary", "Asia/Tokyo"});
     s.calendars.push_back({kCalB, std::nullopt, "Local", "#6558D9", true, false, std::nullopt, std::nullopt});
-    auto rich = event("週次定例 \"weekly\"", 0, 1);
-    rich.sourceEventID = UUID::random();
-    rich.recurrence = EventRecurrence::weekly;
-    rich.notes = "line 1\nline 2";
-    rich.guests = {{UUID::random(), "山田", "y@example.com", GuestStatus::tentative}};
-    rich.notifications = {10, 60};
-    rich.meetURL = CalendarEvent::pendingMeetURL();
-    rich.googleEventID = "g1";
-    rich.googleETag = "\"3300\"";
-    rich.googleUpdatedAt = kDay;
+    const CalendarEvent rich{
+        .id = UUID::random(), .groupID = UUID::random(), .sourceEventID = UUID::random(), .title = "週次定例 \"weekly\"",
+        .start = kDay, .end = kDay.addingSeconds(3600), .recurrence = EventRecurrence::weekly, .calendarID = kCalA,
+        .notes = "line 1\nline 2", .guests = {{UUID::random(), "山田", "y@example.com", GuestStatus::tentative}},
+        .notifications = {10, 60}, .meetURL = CalendarEvent::pendingMeetURL(), .googleEventID = "g1",
+        .googleETag = "\"3300\"", .googleUpdatedAt = kDay};
     s.events = {event("Zulu", 13, 14), rich, event("Alpha", 8, 9, kCalB)};
     for (int i = 0; i < extra; ++i) s.events.push_back(event("bulk", 24 - i % 24, 25 - i % 24, i % 2 ? kCalA : kCalB));
     s.googleSyncStates.push_back({kCalA, "token", kDay});
@@ -111,27 +102,6 @@ TEST_F(LocalCalendarServiceTest, MissingFileGivesTheSeedAndTheFirstSaveADatabase
         EXPECT_EQ(service->cachedSnapshot(), snapshot);
         EXPECT_EQ(reload(), snapshot);
     }
-}
-
-TEST_F(LocalCalendarServiceTest, LegacyJsonBecomesADatabaseAndKeepsALegacyBackup) {
-    auto legacy = sample();
-    legacy.version = 1;
-    legacy.googleSyncStates.clear();
-    auto json = QByteArray::fromStdString(encodeJson(legacy));
-    ASSERT_TRUE(json.contains(",\"googleSyncStates\":[]"));
-    json.replace(",\"googleSyncStates\":[]", ""); // older files lack the key
-    writeBytes(path, json);
-
-    const auto result = syncWait(service->load());
-    legacy.version = 2;
-    EXPECT_FALSE(result.warning);
-    EXPECT_EQ(result.snapshot, legacy);
-    const auto backups = otherFiles();
-    ASSERT_EQ(backups.size(), 1);
-    EXPECT_TRUE(QRegularExpression("^state\\.1767258000250\\.[0-9A-F-]{36}\\.legacy\\.json$").match(backups[0]).hasMatch())
-        << backups[0].toStdString();
-    EXPECT_EQ(readBytes(dir.filePath(backups[0])), json);
-    EXPECT_EQ(reload(), legacy);
 }
 
 // --- damaged or newer files: moved aside byte for byte, the seed starts ---------

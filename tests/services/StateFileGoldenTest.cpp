@@ -8,7 +8,9 @@
 #include "support/JsonWriter.h"
 #include "support/SqliteFile.h"
 
+#include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -37,41 +39,17 @@ AppSnapshot fixedSnapshot() {
                                          .googleTimeZoneIdentifier = "Asia/Tokyo"});
     s.calendars.push_back(CalendarSource::tavelo());
     s.tags.push_back(Tag{.id = fixed(3), .name = "Deep work", .sortOrder = 0});
-    CalendarEvent rich;
-    rich.id = fixed(10);
-    rich.groupID = fixed(11);
-    rich.sourceEventID = fixed(12);
-    rich.title = "週次定例 \"weekly\"";
-    rich.start = day.addingSeconds(9 * 3600);
-    rich.end = day.addingSeconds(10 * 3600);
-    rich.recurrence = EventRecurrence::weekly;
-    rich.calendarID = fixed(2);
-    rich.tagID = fixed(3);
-    rich.notes = "line 1\nline 2\t✓";
-    rich.guests = {{fixed(13), "山田", "y@example.com", GuestStatus::tentative}};
-    rich.notifications = {10, 60};
-    rich.meetURL = CalendarEvent::pendingMeetURL();
-    rich.googleEventID = "g1";
-    rich.googleETag = "\"3300\"";
-    rich.googleUpdatedAt = day;
-    CalendarEvent block;
-    block.id = fixed(20);
-    block.groupID = fixed(11);
-    block.title = "予定あり";
-    block.start = rich.start;
-    block.end = rich.end;
-    block.calendarID = CalendarSource::tavelo().id;
-    block.isGeneratedBusyBlock = true;
-    CalendarEvent task;
-    task.id = fixed(30);
-    task.groupID = fixed(31);
-    task.kind = EventKind::task;
-    task.title = "Report";
-    task.start = day;
-    task.end = day.addingSeconds(86400);
-    task.isAllDay = true;
-    task.isCompleted = true;
-    task.calendarID = CalendarSource::tavelo().id;
+    const CalendarEvent rich{
+        .id = fixed(10), .groupID = fixed(11), .sourceEventID = fixed(12), .title = "週次定例 \"weekly\"",
+        .start = day.addingSeconds(9 * 3600), .end = day.addingSeconds(10 * 3600), .recurrence = EventRecurrence::weekly,
+        .calendarID = fixed(2), .tagID = fixed(3), .notes = "line 1\nline 2\t✓",
+        .guests = {{fixed(13), "山田", "y@example.com", GuestStatus::tentative}}, .notifications = {10, 60},
+        .meetURL = CalendarEvent::pendingMeetURL(), .googleEventID = "g1", .googleETag = "\"3300\"", .googleUpdatedAt = day};
+    const CalendarEvent block{.id = fixed(20), .groupID = fixed(11), .title = "予定あり", .start = rich.start, .end = rich.end,
+                              .calendarID = CalendarSource::tavelo().id, .isGeneratedBusyBlock = true};
+    const CalendarEvent task{.id = fixed(30), .groupID = fixed(31), .kind = EventKind::task, .title = "Report", .start = day,
+                             .end = day.addingSeconds(86400), .isAllDay = true, .calendarID = CalendarSource::tavelo().id,
+                             .isCompleted = true};
     s.events = {task, rich, block}; // an order no sort would give
     s.googleSyncStates.push_back({fixed(2), "token", day});
     return s;
@@ -94,19 +72,27 @@ TEST(StateFileGoldenTest, TheDatabaseAndTheOldJsonFormatKeepTheirBytes) {
     tavelo::testing::expectGolden("state-database-rows.txt", rows(path));
     EXPECT_EQ(syncWait(LocalCalendarService(path).load()).snapshot, snapshot);
 
-    // The old format: one JSON document, read and migrated as it stands.
+    // The old format: one JSON document of version 1, read and migrated as it
+    // stands, the original kept byte for byte beside the new database.
     tavelo::testing::expectGolden("state-legacy.json", QByteArray::fromStdString(encodeJson(snapshot)));
     QTemporaryDir legacyDir;
     const QString legacy = legacyDir.filePath("state.json");
+    const QByteArray original = tavelo::testing::goldenBytes("state-legacy.json").replace("{\"version\":2,", "{\"version\":1,");
     {
         QFile file(legacy);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(tavelo::testing::goldenBytes("state-legacy.json"));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(original) == original.size());
     }
     const auto migrated = syncWait(LocalCalendarService(legacy).load());
     EXPECT_FALSE(migrated.warning);
     EXPECT_EQ(migrated.snapshot, snapshot);
     EXPECT_EQ(rows(legacy), rows(path)) << "migration writes what a save writes";
+    const QStringList backups = QDir(legacyDir.path()).entryList(QDir::Files | QDir::Hidden);
+    ASSERT_EQ(backups.size(), 2) << backups.join(' ').toStdString();
+    EXPECT_TRUE(QRegularExpression("^state\\.[0-9]+\\.[0-9A-F-]{36}\\.legacy\\.json$").match(backups[0]).hasMatch())
+        << backups[0].toStdString();
+    QFile backup(legacyDir.filePath(backups[0]));
+    ASSERT_TRUE(backup.open(QIODevice::ReadOnly));
+    EXPECT_EQ(backup.readAll(), original);
 }
 
 } // namespace

@@ -3,8 +3,11 @@
 // only needs its journal rolled back, repairs that keep the damaged file, and
 // one writer per file.
 
+#include "CrashLoopSteps.h"
+
 #include "services/LocalCalendarService.h"
 #include "support/Async.h"
+#include "support/FailureOf.h"
 #include "support/SqliteFile.h"
 
 #include <QDir>
@@ -17,26 +20,16 @@
 #include <fstream>
 
 using namespace tavelo;
+using tavelo::testing::failureOf;
 using tavelo::testing::quickCheck;
 using tavelo::testing::SqliteFile;
 
 namespace {
 
-const Date kDay = Date::fromUnixSeconds(1767571200);
-
+// `count` events titled "<title> <n>", with notes long enough to fill many pages.
 AppSnapshot snapshotWith(int count, const char* title) {
     AppSnapshot s = AppSnapshot::empty();
-    for (int i = 0; i < count; ++i) {
-        CalendarEvent e;
-        e.id = UUID::random();
-        e.groupID = UUID::random();
-        e.title = QString("%1 %2").arg(title).arg(i);
-        e.notes = QString(200, QChar('n')); // rows big enough to fill many pages
-        e.start = kDay.addingSeconds(i * 60.0);
-        e.end = kDay.addingSeconds(i * 60.0 + 1800);
-        e.calendarID = CalendarSource::tavelo().id;
-        s.events.push_back(e);
-    }
+    for (int i = 0; i < count; ++i) s.events.push_back(crashloop::eventNumbered(10, i, QString("%1 %2").arg(title).arg(i)));
     return s;
 }
 
@@ -98,12 +91,9 @@ TEST_F(StoreCrashSafetyTest, ALockedFileWithAHotJournalFailsTheLoadAndStaysInPla
     ASSERT_EQ(holder.exec("UPDATE events SET payload = payload || ' '"), SQLITE_OK);
 
     LocalCalendarService service(path);
-    try {
-        syncWait(service.load());
-        ADD_FAILURE() << "the load succeeded on a locked file";
-    } catch (const SQLitePersistenceError& error) {
-        EXPECT_EQ(error.kind(), SQLitePersistenceError::Kind::operation) << error.detail();
-    }
+    const auto error = failureOf<SQLitePersistenceError>([&] { syncWait(service.load()); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), SQLitePersistenceError::Kind::operation) << error->detail();
     EXPECT_EQ(files(dir.path()), (QStringList{"state.json", "state.json-journal"}));
 }
 
@@ -184,12 +174,9 @@ TEST_F(StoreCrashSafetyTest, OnlyOneStoreAtATimeWritesTheFile) {
     EXPECT_TRUE(QFile::exists(leftover)) << "it may belong to the holder's replacement under way";
     auto changed = stored;
     changed.events.pop_back();
-    try {
-        syncWait(second.save(changed));
-        ADD_FAILURE() << "a second store wrote the file";
-    } catch (const FileSystemError& error) {
-        EXPECT_EQ(error.operation(), FileSystemError::Operation::lock);
-    }
+    const auto refused = failureOf<FileSystemError>([&] { syncWait(second.save(changed)); });
+    ASSERT_TRUE(refused) << "a second store wrote the file";
+    EXPECT_EQ(refused->operation(), FileSystemError::Operation::lock);
     EXPECT_THROW(syncWait(second.createEvents(changed.events)), FileSystemError);
     EXPECT_EQ(loadFresh(path).snapshot.events, stored.events);
 

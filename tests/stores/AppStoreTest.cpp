@@ -6,9 +6,8 @@
 #include "stores/EventAccessPolicy.h"
 #include "stores/EventMutationEngine.h"
 
-#include "StoreTestSupport.h"
+#include "ScriptedGoogle.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QSignalSpy>
@@ -16,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <functional>
 #include <map>
 #include <string>
@@ -35,39 +33,6 @@ QString lockedSaveMessage() { return localizedDescription(SQLitePersistenceError
 // Holds the state file's lock, so that every save fails with SQLITE_BUSY
 // until `release`.
 using ExclusiveDatabaseLock = tavelo::testing::ExclusiveLock;
-
-// The local store seen as a remote one: each free-busy answer waits until the
-// test lets it through, and Google reports each account connected.
-class RemoteService final : public ForwardingCalendarService, public GoogleAccountService {
-public:
-    using ForwardingCalendarService::ForwardingCalendarService;
-    std::deque<Continuation<bool>> pending;
-    std::map<UUID, std::vector<GoogleSyncWarning>> warnings;
-    std::vector<UUID> asked;
-
-    QCoro::Task<std::vector<CalendarBusyInterval>> freeBusy(std::set<UUID> ids, DateInterval interval,
-                                                            std::optional<UUID> excluding) override {
-        auto inner = in;
-        co_await pending.emplace_back();
-        co_return co_await inner->freeBusy(std::move(ids), interval, excluding);
-    }
-    QCoro::Task<GoogleSyncStatus> googleSyncStatus(UUID id) override {
-        asked.push_back(id);
-        co_return GoogleSyncStatus::connected;
-    }
-    QCoro::Task<std::vector<GoogleSyncWarning>> googleSyncWarnings(UUID id) override {
-        co_return std::vector<GoogleSyncWarning>(warnings[id]);
-    }
-    // No account action is expected.
-    QCoro::Task<Account> connectGoogleAccount(std::stop_token) override { throw std::logic_error("unexpected"); }
-    QCoro::Task<void> syncGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
-    QCoro::Task<void> syncAllGoogleAccounts(std::stop_token) override { throw std::logic_error("unexpected"); }
-    QCoro::Task<Account> reconnectGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
-    QCoro::Task<void> disconnectGoogleAccount(UUID, std::stop_token) override { throw std::logic_error("unexpected"); }
-    QCoro::Task<Events> retryMutation(GoogleMutationOperation, UUID, Events, std::vector<GoogleMutationDestination>) override {
-        throw std::logic_error("unexpected");
-    }
-};
 
 // Two Google accounts with a calendar each, a calendar without an account
 // (all three receive busy blocks) and an account without calendars. A
@@ -355,10 +320,10 @@ TEST_F(AppStoreTest, FailedPersistKeepsTheStateAndTheRetryWritesIt) {
 // --- With Google configured: one remote service for both contracts ------------------------------------------------------------
 
 TEST_F(AppStoreTest, WithGoogleStatusIsReadPerAccountStaleAnswersAreDroppedAndFailuresUseFixedTexts) {
-    auto remote = std::make_shared<RemoteService>(std::make_shared<LocalCalendarService>(path()));
+    auto remote = std::make_shared<ScriptedGoogle>(std::make_shared<LocalCalendarService>(path()));
     remote->warnings[workAccount] = {GoogleSyncWarning::skippedEvents(work, 2)};
     auto& store = loaded(remote, remote);
-    EXPECT_EQ(remote->asked, (std::vector<UUID>{workAccount, homeAccount}));
+    EXPECT_EQ(remote->statusQueries, (std::vector<UUID>{workAccount, homeAccount}));
     EXPECT_EQ(store.googleSyncStatuses(), (std::map<UUID, GoogleSyncStatus>{{workAccount, GoogleSyncStatus::connected},
                                                                            {homeAccount, GoogleSyncStatus::connected}}));
     EXPECT_EQ(store.googleSyncWarnings().at(workAccount), remote->warnings[workAccount]);
@@ -367,13 +332,13 @@ TEST_F(AppStoreTest, WithGoogleStatusIsReadPerAccountStaleAnswersAreDroppedAndFa
     // Asked again before the first answer came: the first is void.
     auto stale = store.eventAvailability(overlapping, tokyo());
     auto fresh = store.eventAvailability(EventDraft::fromEvent(standup[0], {work}, tokyo()), tokyo());
-    ASSERT_EQ(remote->pending.size(), 2u);
-    for (auto& answer : remote->pending) answer.resume(true);
+    ASSERT_EQ(remote->freeBusyAnswers.size(), 2u);
+    for (auto& answer : remote->freeBusyAnswers) answer.resume(true);
     EXPECT_TRUE(syncWait(stale).isLoading());
     EXPECT_EQ(syncWait(fresh).text(), "2つのアカウントすべてで空き時間です"); // its own group is not busy
 
     auto again = store.eventAvailability(overlapping, tokyo());
-    remote->pending.back().resume(true);
+    remote->freeBusyAnswers.back().resume(true);
     EXPECT_EQ(syncWait(again).text(), "0 / 2つのアカウントで空き時間です");
 
     ExclusiveDatabaseLock lock(path());
@@ -382,6 +347,7 @@ TEST_F(AppStoreTest, WithGoogleStatusIsReadPerAccountStaleAnswersAreDroppedAndFa
     store.recordMutationFailure(std::make_exception_ptr(CancellationError()), std::nullopt);
     EXPECT_EQ(store.lastError(), QStringLiteral("変更をキャンセルしました。確認済みのデータは保持されています。"));
     EXPECT_FALSE(store.canRetry());
+    EXPECT_TRUE(remote->calls.empty()) << "none of this starts an account action";
 }
 
 // --- Events ----------------------------------------------------------------------------
@@ -520,28 +486,22 @@ TEST_F(AppStoreTest, ATagOperationThatChangesNothingStillSavesAndClearsTheMessag
 
 // --- Standalone meetings ---------------------------------------------------
 
+// The first event saved onto the local calendar brings it into the list,
+// once; standalone meetings live there.
 TEST_F(AppStoreTest, StandaloneMeetingsLiveOnTheLocalCalendarAddedOnce) {
     auto& store = loaded();
+    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(13), at(14)), std::nullopt)));
     const auto first = syncWait(store.createStandaloneMeeting("", at(9), at(9).addingSeconds(1)));
     const auto second = syncWait(store.createStandaloneMeeting("Retro", at(16), at(17)));
     ASSERT_TRUE(first && second && first->calendarID == local);
-    EXPECT_EQ(store.calendars().size(), initial.calendars.size() + 1);
-    EXPECT_EQ(store.events().size(), initial.events.size() + 2); // no busy blocks
+    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(15), at(16)), std::nullopt)));
+    EXPECT_EQ(std::count_if(store.calendars().begin(), store.calendars().end(),
+                            [&](const CalendarSource& c) { return c.id == local; }), 1);
+    EXPECT_EQ(store.events().size(), initial.events.size() + 4); // no busy blocks
 
     ASSERT_TRUE(syncWait(store.updateStandaloneMeeting(first->id, "Sync", at(10), at(11))));
     EXPECT_EQ(std::tuple(group(first->groupID)[0].title, group(first->groupID)[0].end), std::tuple(QString("Sync"), at(11)));
     EXPECT_FALSE(syncWait(store.updateStandaloneMeeting(standup[0].id, "Sync", at(10), at(11))));
-    EXPECT_FALSE(store.hasLastError());
-    EXPECT_EQ(stored(), store.snapshot());
-}
-
-TEST_F(AppStoreTest, TheFirstEventOnTheLocalCalendarAddsTheCalendarOnce) {
-    auto& store = loaded();
-    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(13), at(14)), std::nullopt)));
-    ASSERT_TRUE(syncWait(store.saveEvent(draft("Focus", {local}, at(15), at(16)), std::nullopt)));
-    EXPECT_EQ(std::count_if(store.calendars().begin(), store.calendars().end(),
-                            [&](const CalendarSource& c) { return c.id == local; }), 1);
-    EXPECT_EQ(store.events().size(), initial.events.size() + 2);
     EXPECT_FALSE(store.hasLastError());
     EXPECT_EQ(stored(), store.snapshot());
 }

@@ -11,12 +11,12 @@
 #include "services/GoogleCalendarService.h"
 #include "services/LocalCalendarService.h"
 #include "stores/AppStore.h"
-#include "stores/StoreTestSupport.h"
+#include "stores/ScriptedGoogle.h"
+#include "support/FailureOf.h"
 #include "support/HTTPTransport.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QCoro/QCoroTimer>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -42,96 +42,6 @@ const QString kAuthenticated = QStringLiteral("Google認証が完了しました
 bool settle(const std::function<bool()>& done) { return LocalHttpServer::waitUntil(done, 5000); }
 
 // --- The frame, against a scripted Google side ---------------------------
-
-// The local store seen as a Google one whose answers the test decides: each
-// browser wait stops until the test lets it through, failures and statuses
-// are set beforehand.
-class ScriptedGoogle final : public ForwardingCalendarService, public GoogleAccountService {
-public:
-    using ForwardingCalendarService::ForwardingCalendarService;
-
-    std::deque<Continuation<bool>> browsers;
-    bool holdBrowser = false;
-    // A browser that ignores being cancelled and answers anyway.
-    bool ignoresCancellation = false;
-    std::exception_ptr failure;
-    // The status each account is left with by a failure.
-    std::map<UUID, GoogleSyncStatus> statusesAfterFailure;
-    std::map<UUID, GoogleSyncStatus> statuses;
-    std::map<UUID, std::vector<GoogleSyncWarning>> warnings;
-    std::vector<QString> calls;
-
-    QCoro::Task<Account> connectGoogleAccount(std::stop_token token) override {
-        calls.push_back("connect");
-        co_await browser(token);
-        auto inner = in;
-        AppSnapshot snapshot = (co_await inner->load()).snapshot;
-        Account account{.id = UUID::random(), .isConnected = true, .googleSubject = QStringLiteral("sub")};
-        snapshot.accounts.push_back(account);
-        co_await inner->save(snapshot);
-        statuses[account.id] = GoogleSyncStatus::connected;
-        co_return account;
-    }
-    QCoro::Task<Account> reconnectGoogleAccount(UUID id, std::stop_token token) override {
-        calls.push_back("reconnect");
-        co_await browser(token);
-        statuses[id] = GoogleSyncStatus::connected;
-        auto inner = in;
-        const auto accounts = co_await inner->fetchAccounts();
-        for (const auto& account : accounts)
-            if (account.id == id) co_return account;
-        throw std::runtime_error("no such account");
-    }
-    QCoro::Task<void> syncGoogleAccount(UUID, std::stop_token token) override {
-        calls.push_back("sync");
-        co_await outcome(token);
-    }
-    QCoro::Task<void> syncAllGoogleAccounts(std::stop_token token) override {
-        calls.push_back("syncAll");
-        co_await outcome(token);
-    }
-    QCoro::Task<void> disconnectGoogleAccount(UUID id, std::stop_token token) override {
-        calls.push_back("disconnect");
-        co_await outcome(token);
-        auto inner = in;
-        AppSnapshot snapshot = (co_await inner->load()).snapshot;
-        std::erase_if(snapshot.accounts, [&](const Account& a) { return a.id == id; });
-        co_await inner->save(snapshot);
-        statuses.erase(id);
-    }
-    QCoro::Task<Events> retryMutation(GoogleMutationOperation, UUID, Events, std::vector<GoogleMutationDestination>) override {
-        throw std::logic_error("not used here");
-    }
-    QCoro::Task<GoogleSyncStatus> googleSyncStatus(UUID id) override {
-        const auto known = statuses.find(id);
-        co_return known == statuses.end() ? GoogleSyncStatus::connected : known->second;
-    }
-    QCoro::Task<std::vector<GoogleSyncWarning>> googleSyncWarnings(UUID id) override {
-        co_return std::vector<GoogleSyncWarning>(warnings[id]);
-    }
-
-private:
-    QCoro::Task<void> browser(std::stop_token token) {
-        if (holdBrowser) {
-            Continuation<bool> wait = browsers.emplace_back();
-            co_await wait;
-        } else {
-            co_await later();
-        }
-        if (!ignoresCancellation) checkCancellation(token);
-        if (failure) std::rethrow_exception(failure);
-    }
-    // Google answers later, never within the call.
-    static QCoro::Task<void> later() { co_await QCoro::sleepFor(std::chrono::milliseconds(0)); }
-    QCoro::Task<void> outcome(std::stop_token token) {
-        co_await later();
-        checkCancellation(token);
-        if (failure) {
-            for (const auto& [id, status] : statusesAfterFailure) statuses[id] = status;
-            std::rethrow_exception(failure);
-        }
-    }
-};
 
 class GoogleStoreFrameTest : public ::testing::Test {
 protected:
@@ -547,43 +457,6 @@ TEST_F(GoogleStoreEndToEndTest, TwoAccountsSyncIntoOneStoreAndAnEditFansOutWithE
     for (const auto& e : group(store->events(), groupID)) EXPECT_TRUE(e.googleEventID);
     EXPECT_EQ(group(onDisk().events, groupID), group(store->events(), groupID));
 
-    // Availability while editing asks each account's free-busy: Bob's block
-    // makes the hour busy in both accounts, but not for the group itself.
-    EventDraft editing = draft;
-    editing.groupID = groupID;
-    const auto own = syncWait(store->eventAvailability(editing, tokyo()));
-    ASSERT_TRUE(own.assessment());
-    EXPECT_EQ(own.assessment()->isAccountAvailable(alice.id), true);
-    EXPECT_EQ(own.assessment()->isAccountAvailable(bob.id), true);
-    const auto other = syncWait(store->eventAvailability(draft, tokyo()));
-    ASSERT_TRUE(other.assessment());
-    EXPECT_EQ(other.assessment()->isAccountAvailable(alice.id), false);
-}
-
-TEST_F(GoogleStoreEndToEndTest, ExpiredSyncTokenMidWayKeepsEveryEventUntilTheFullListingIsWhole) {
-    const Account alice = connect();
-    const auto before = store->events();
-    aliceGoogle.cancelEvent(kAlice, "alice7");
-    aliceGoogle.expireSyncTokens();
-    for (int i = 0; i < 300; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("bulk%1").arg(i), "Bulk", 10));
-    // The restart breaks on its second page.
-    aliceGoogle.failNextAt("GET", "pageToken=", CannedResponse::json(200, R"({"items": [{"id": "bulk1", "summ)"));
-
-    EXPECT_FALSE(syncWait(store->syncGoogleAccount(alice.id)));
-    EXPECT_EQ(store->lastError(), kSyncFailed);
-    EXPECT_EQ(store->retryOperation(), StoreRetryOperation::syncGoogleAccount(alice.id));
-    EXPECT_EQ(store->googleStatusMessage(alice.id), "同期に失敗しました。今すぐ同期をもう一度お試しください。");
-    EXPECT_EQ(eventsOn(store->events(), kAlice), 30);
-    EXPECT_EQ(eventsOn(onDisk().events, kAlice), 30);
-
-    syncWait(store->retryLastOperation());
-    EXPECT_FALSE(store->hasLastError());
-    EXPECT_EQ(eventsOn(store->events(), kAlice), 29 + 300);
-    EXPECT_EQ(std::count_if(store->events().begin(), store->events().end(),
-                            [](const CalendarEvent& e) { return e.googleEventID == QStringLiteral("alice7"); }),
-              0);
-    EXPECT_EQ(store->googleSyncStatus(alice.id), GoogleSyncStatus::connected);
-    (void)before;
 }
 
 TEST_F(GoogleStoreEndToEndTest, HostileRepliesEndInTheStoresMessagesWithLocalDataUntouched) {
@@ -643,12 +516,8 @@ TEST_F(GoogleStoreEndToEndTest, MoveWhoseOldCopyCannotBeDeletedKeepsItUntilTheRe
     moved.calendarID = calendarID(kBob);
     aliceGoogle.failNextAt("DELETE", "", GoogleCalendarStandIn::googleError(403, "forbidden", "Forbidden"));
     std::vector<CalendarEvent> desired{moved};
-    std::optional<GoogleCalendarServiceError> partial;
-    try {
-        syncWait(service->updateEvents(created.groupID, desired));
-    } catch (const GoogleCalendarServiceError& error) {
-        partial = error;
-    }
+    const auto partial =
+        tavelo::testing::failureOf<GoogleCalendarServiceError>([&] { syncWait(service->updateEvents(created.groupID, desired)); });
     ASSERT_TRUE(partial);
     const GoogleMutationDestination oldCopy{alice.id, created.calendarID, created.id};
     const GoogleMutationDestination newCopy{bob.id, moved.calendarID, created.id};

@@ -45,14 +45,8 @@ inline UUID uuid(int n) {
 
 // A busy timed event with id `n`, alone in its group unless `group` is given.
 inline CalendarEvent event(int n, Date start, Date end, UUID calendarID = uuid(0xCA1), int group = 0) {
-    CalendarEvent e;
-    e.id = uuid(n);
-    e.groupID = uuid(0x1000 + (group ? group : n));
-    e.title = QStringLiteral("event %1").arg(n);
-    e.start = start;
-    e.end = end;
-    e.calendarID = calendarID;
-    return e;
+    return CalendarEvent{.id = uuid(n), .groupID = uuid(0x1000 + (group ? group : n)), .title = QStringLiteral("event %1").arg(n),
+                         .start = start, .end = end, .calendarID = calendarID};
 }
 
 // Passes every call to `inner`; fakes override what they change.
