@@ -180,9 +180,14 @@ TEST_F(CloudServerWithProvider, RunNowEndsCompleteAndTheLinkCanBeSwitched) {
 
     syncWait(store->refreshAccount());
     EXPECT_TRUE(store->isChatGPTConnected());
+    EXPECT_EQ(store->account()->plan, QStringLiteral("local-model"));
     syncWait(store->logout());
     syncWait(store->refreshAccount());
     EXPECT_FALSE(store->isChatGPTConnected());
+    // Logging in again switches the link back on and says so instead of giving a code.
+    EXPECT_FALSE(messageOf(failureOf(store->login())).isEmpty());
+    syncWait(store->refreshAccount());
+    EXPECT_TRUE(store->isChatGPTConnected());
 }
 
 } // namespace
