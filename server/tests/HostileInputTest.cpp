@@ -3,7 +3,9 @@
 #include <boost/json.hpp>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <random>
+#include <thread>
 
 namespace tavelo::cloud {
 namespace {
@@ -32,7 +34,7 @@ protected:
         EXPECT_EQ(server.get("/v1/state", key).body, baseline);
     }
 
-    ServerProcess server;
+    ServerProcess server{{"--read-timeout", "1"}};
     std::string key = server.ownerKey();
     std::string baseline;
 };
@@ -63,24 +65,30 @@ TEST_F(HostileInput, OversizedMalformedAndUnknownRequestsGetClearErrors) {
     expectIntact();
 }
 
-TEST_F(HostileInput, ASlowClientDoesNotHoldOthers) {
-    // Half a request, left hanging on its own connection.
-    std::thread slow([&] { testing::rawRequest(server.port(), "PUT /v1/schedules HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{", 1500); });
-    for (int i = 0; i < 20; ++i) ASSERT_EQ(server.get("/v1/session", key).status, 200);
-    slow.join();
-    expectIntact();
-}
-
-TEST(HostileClients, ASlowClientIsCutOffAtTheReadLimit) {
-    ServerProcess server({"--read-timeout", "1"});
+// Headers that never end and a body that never comes, each on its own
+// connection: the others are served meanwhile, and both are cut off after
+// the one-second read limit.
+TEST_F(HostileInput, SlowClientsAreCutOffAtTheReadLimitWithoutHoldingOthers) {
+    const std::string unfinished[] = {"GET /v1/session HTTP/1.1\r\nHost: x\r\nX-Slow: ",
+                                      "PUT /v1/schedules HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{"};
+    std::atomic<int> cutOff{0};
+    int headerReply = -1;
     const auto started = std::chrono::steady_clock::now();
-    // Headers that never end: the server closes the connection after a second.
-    const auto reply = testing::rawRequest(server.port(), "GET /v1/session HTTP/1.1\r\nHost: x\r\nX-Slow: ", 5000);
+    std::vector<std::thread> slow;
+    for (const auto& raw : unfinished)
+        slow.emplace_back([&, raw] {
+            const int status = testing::rawRequest(server.port(), raw, 5000).status;
+            if (raw.starts_with("GET")) headerReply = status;
+            ++cutOff;
+        });
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(server.get("/v1/session", key).status, 200);
+    EXPECT_EQ(cutOff, 0); // answered while the slow ones still hang
+    for (auto& thread : slow) thread.join();
     const auto waited = std::chrono::steady_clock::now() - started;
-    EXPECT_EQ(reply.status, 0);
+    EXPECT_EQ(headerReply, 0);
     EXPECT_LT(waited, std::chrono::milliseconds(4000));
     EXPECT_GE(waited, std::chrono::milliseconds(900));
-    EXPECT_EQ(server.get("/healthz").status, 200);
+    expectIntact();
 }
 
 TEST_F(HostileInput, RandomisedRequestsNeverBreakTheServer) {
