@@ -3,9 +3,8 @@
 #include <boost/json.hpp>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <future>
 #include <random>
-#include <thread>
 
 namespace tavelo::cloud {
 namespace {
@@ -65,27 +64,17 @@ TEST_F(HostileInput, OversizedMalformedAndUnknownRequestsGetClearErrors) {
     expectIntact();
 }
 
-// Headers that never end and a body that never comes, each on its own
-// connection: the others are served meanwhile, and both are cut off after
-// the one-second read limit.
-TEST_F(HostileInput, SlowClientsAreCutOffAtTheReadLimitWithoutHoldingOthers) {
-    const std::string unfinished[] = {"GET /v1/session HTTP/1.1\r\nHost: x\r\nX-Slow: ",
-                                      "PUT /v1/schedules HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{"};
-    std::atomic<int> cutOff{0};
-    int headerReply = -1;
+// Headers that never end, on a connection of their own: others are served
+// meanwhile, and the connection is cut off after the one-second read limit.
+TEST_F(HostileInput, ASlowClientIsCutOffAtTheReadLimitWithoutHoldingOthers) {
     const auto started = std::chrono::steady_clock::now();
-    std::vector<std::thread> slow;
-    for (const auto& raw : unfinished)
-        slow.emplace_back([&, raw] {
-            const int status = testing::rawRequest(server.port(), raw, 5000).status;
-            if (raw.starts_with("GET")) headerReply = status;
-            ++cutOff;
-        });
+    auto slow = std::async(std::launch::async, [&] {
+        return testing::rawRequest(server.port(), "GET /v1/session HTTP/1.1\r\nHost: x\r\nX-Slow: ", 5000).status;
+    });
     for (int i = 0; i < 20; ++i) EXPECT_EQ(server.get("/v1/session", key).status, 200);
-    EXPECT_EQ(cutOff, 0); // answered while the slow ones still hang
-    for (auto& thread : slow) thread.join();
+    EXPECT_EQ(slow.wait_for(std::chrono::seconds(0)), std::future_status::timeout); // still hanging
+    EXPECT_EQ(slow.get(), 0);
     const auto waited = std::chrono::steady_clock::now() - started;
-    EXPECT_EQ(headerReply, 0);
     EXPECT_LT(waited, std::chrono::milliseconds(4000));
     EXPECT_GE(waited, std::chrono::milliseconds(900));
     expectIntact();
