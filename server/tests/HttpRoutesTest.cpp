@@ -187,7 +187,11 @@ TEST_F(IdentityRoutes, SignUpSignInAndTheSessionOfEachAccountIsItsOwn) {
     EXPECT_TRUE(parse(server.get("/v1/state", bobToken).body)["schedules"].as_array().empty());
     EXPECT_EQ(server.send("DELETE", "/v1/schedules/" + kStoredA, {}, bobToken).status, 404);
     EXPECT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":")" + kStoredA + R"("})", bobToken).status, 404);
-    EXPECT_EQ(parse(server.get("/v1/state", aliceToken).body)["schedules"].as_array().size(), 1u);
+    // Bob's schedule with the same id is his own.
+    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA, "Bob's"), bobToken).status, 200);
+    auto alices = parse(server.get("/v1/state", aliceToken).body)["schedules"].as_array();
+    ASSERT_EQ(alices.size(), 1u);
+    EXPECT_EQ(alices[0].as_object()["title"].as_string(), "Alice's");
     EXPECT_TRUE(parse(server.get("/v1/state", server.ownerKey()).body)["schedules"].as_array().empty());
 
     const auto good = signIn("ALICE@example.jp", "correct horse");
