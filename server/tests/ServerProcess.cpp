@@ -213,12 +213,8 @@ void ServerProcess::start() {
         // Each server's data gets its own database; a restart on the same
         // home finds it again.
         const std::string file = home_ + "/database-url";
-        std::ifstream in(file);
-        std::string url;
-        if (!std::getline(in, url) || url.empty()) {
-            url = createTestDatabase();
-            std::ofstream(file) << url << "\n";
-        }
+        std::string url = readFile(file);
+        if (url.empty()) std::ofstream(file) << (url = createTestDatabase());
         args.insert(args.end(), {"--database", url});
     }
     args.insert(args.end(), arguments_.begin(), arguments_.end());

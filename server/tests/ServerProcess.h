@@ -67,7 +67,6 @@ public:
     void signal(int signal);
     // Waits for the process to end; gives its exit status.
     int wait();
-    bool running() const { return pid_ > 0; }
 
     std::uint16_t port() const { return port_; }
     std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }
