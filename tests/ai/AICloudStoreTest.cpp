@@ -1,7 +1,8 @@
 // The cloud account against real HTTP servers on 127.0.0.1: the common
-// request path and the schedule routes, signing in and out of private servers
-// and the hosted account, restoration at start, the remembered keychain
-// answers and the ChatGPT device-code login.
+// request path, the cache, signing in and out of private servers and the
+// hosted account, restoration at start, the remembered keychain answers and
+// the ChatGPT device-code login. The schedule routes and the identity mails
+// are driven against the real server in tests/cloud.
 
 #include "CloudTestSupport.h"
 #include "support/Golden.h"
