@@ -53,20 +53,14 @@ TEST(Config, TheExecutableExplainsItselfAndRefusesAnOpenAddressWithoutTLS) {
     const std::string binary = TAVELO_CLOUD_BINARY;
     const std::string out = directory.path() + "/out.txt";
     EXPECT_EQ(exitCodeOf(binary + " --help >" + out + " 2>&1"), 0);
-    std::ifstream help(out);
-    const std::string text((std::istreambuf_iterator<char>(help)), std::istreambuf_iterator<char>());
-    EXPECT_NE(text.find("--listen HOST:PORT"), std::string::npos);
+    EXPECT_NE(testing::readFile(out).find("--listen HOST:PORT"), std::string::npos);
     EXPECT_EQ(exitCodeOf("XDG_DATA_HOME=" + directory.path() + " " + binary + " --listen 0.0.0.0:0 >" + out + " 2>&1"), 2);
-    std::ifstream refusal(out);
-    const std::string message((std::istreambuf_iterator<char>(refusal)), std::istreambuf_iterator<char>());
-    EXPECT_NE(message.find("without TLS"), std::string::npos);
+    EXPECT_NE(testing::readFile(out).find("without TLS"), std::string::npos);
     // A database it cannot open stops the start with a clear log line.
     EXPECT_EQ(exitCodeOf("XDG_CONFIG_HOME=" + directory.path() + " " + binary + " --listen 127.0.0.1:0 --database /proc/nope/db >" +
                          out + " 2>&1"),
               1);
-    std::ifstream failure(out);
-    const std::string log((std::istreambuf_iterator<char>(failure)), std::istreambuf_iterator<char>());
-    EXPECT_NE(log.find("storage_unavailable"), std::string::npos);
+    EXPECT_NE(testing::readFile(out).find("storage_unavailable"), std::string::npos);
 }
 
 } // namespace

@@ -3,22 +3,19 @@
 #include <boost/json.hpp>
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <thread>
 #include <future>
 #include <regex>
-#include <sstream>
+#include <thread>
 
 namespace tavelo::cloud {
 namespace {
 
+using testing::readFile;
 using testing::ServerProcess;
 
 boost::json::object parse(const std::string& text) {
@@ -51,6 +48,7 @@ std::string scheduleJSON(const std::string& id, const std::string& title = "Dail
 }
 
 constexpr const char* kScheduleA = "6F1E2B3C-0000-4000-8000-0000000000AA";
+const std::string kStoredA = "6f1e2b3c-0000-4000-8000-0000000000aa"; // as the server keeps it
 
 class OwnerRoutes : public ::testing::Test {
 protected:
@@ -62,10 +60,7 @@ TEST_F(OwnerRoutes, OwnerFileIsPrivateAndTheKeyOpensAnOwnerSession) {
     struct stat info {};
     ASSERT_EQ(::stat(server.ownerFile().c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
-    std::ifstream in(server.ownerFile());
-    std::stringstream text;
-    text << in.rdbuf();
-    EXPECT_EQ(text.str(), "{\"endpoint\": \"" + server.endpoint() + "\", \"connectionKey\": \"" + key + "\"}\n");
+    EXPECT_EQ(readFile(server.ownerFile()), "{\"endpoint\": \"" + server.endpoint() + "\", \"connectionKey\": \"" + key + "\"}\n");
     EXPECT_GE(key.size(), 32u);
 
     const auto session = server.get("/v1/session", key);
@@ -74,10 +69,7 @@ TEST_F(OwnerRoutes, OwnerFileIsPrivateAndTheKeyOpensAnOwnerSession) {
     EXPECT_EQ(field(session.body, "userID"), "owner");
 
     // The key is stored hashed: the database file does not contain it.
-    std::ifstream db(server.home() + "/data/tavelo-cloud/tavelo-cloud.sqlite3", std::ios::binary);
-    std::stringstream bytes;
-    bytes << db.rdbuf();
-    EXPECT_EQ(bytes.str().find(key), std::string::npos);
+    EXPECT_EQ(readFile(server.home() + "/data/tavelo-cloud/tavelo-cloud.sqlite3").find(key), std::string::npos);
 
     // A restart keeps the key and does not write the file again.
     EXPECT_EQ(server.stop(), 0);
@@ -100,7 +92,7 @@ TEST_F(OwnerRoutes, MissingOrWrongCredentialsGetAJSONError) {
 TEST_F(OwnerRoutes, SchedulesAreSavedValidatedListedAndDeleted) {
     const auto saved = server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA), key);
     ASSERT_EQ(saved.status, 200) << saved.body;
-    EXPECT_EQ(field(saved.body, "id"), "6f1e2b3c-0000-4000-8000-0000000000aa");
+    EXPECT_EQ(field(saved.body, "id"), kStoredA);
 
     const auto blank = server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA, "  "), key);
     EXPECT_EQ(blank.status, 400);
@@ -109,55 +101,29 @@ TEST_F(OwnerRoutes, SchedulesAreSavedValidatedListedAndDeleted) {
     ASSERT_EQ(state["schedules"].as_array().size(), 1u);
     EXPECT_EQ(state["schedules"].as_array()[0].as_object()["title"].as_string(), "Daily digest");
 
-    const auto run = server.send("POST", "/v1/run", R"({"scheduleID":"6f1e2b3c-0000-4000-8000-0000000000aa"})", key);
+    const auto run = server.send("POST", "/v1/run", R"({"scheduleID":")" + kStoredA + R"("})", key);
     ASSERT_EQ(run.status, 200) << run.body;
     EXPECT_EQ(field(run.body, "status"), "queued");
     EXPECT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":"6f1e2b3c-0000-4000-8000-0000000000ff"})", key).status, 404);
 
     EXPECT_EQ(server.send("DELETE", "/v1/schedules/..%2F..%2Fetc%2Fpasswd", {}, key).status, 400);
     EXPECT_EQ(server.send("DELETE", "/v1/schedules/../../etc/passwd", {}, key).status, 404);
-    EXPECT_EQ(server.send("DELETE", "/v1/schedules/6f1e2b3c-0000-4000-8000-0000000000aa", {}, key).status, 200);
-    EXPECT_EQ(server.send("DELETE", "/v1/schedules/6f1e2b3c-0000-4000-8000-0000000000aa", {}, key).status, 404);
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/" + kStoredA, {}, key).status, 200);
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/" + kStoredA, {}, key).status, 404);
     state = parse(server.get("/v1/state", key).body);
     EXPECT_TRUE(state["schedules"].as_array().empty());
 }
 
-TEST_F(OwnerRoutes, AccountReportsTheProviderLinkTruthfully) {
-    auto account = parse(server.get("/v1/account", key).body);
-    EXPECT_FALSE(account["connected"].as_bool()); // no provider configured
-    const auto login = server.send("POST", "/v1/login", {}, key);
-    EXPECT_EQ(login.status, 503);
-    EXPECT_FALSE(field(login.body, "error").empty());
+// A stop waits for the request in flight, and an idle keep-alive connection
+// does not hold it.
+TEST_F(OwnerRoutes, ShutdownLetsARequestInFlightFinishAndExitsCleanly) {
+    const int idle = testing::connectTo(server.port());
+    const std::string ping = "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n";
+    ASSERT_EQ(::send(idle, ping.data(), ping.size(), 0), static_cast<ssize_t>(ping.size()));
+    EXPECT_TRUE(testing::readMessage(idle, 5000).starts_with("HTTP/1.1 200"));
 
-    server.stop();
-    ServerProcess withProvider({"--ai-base-url", "http://127.0.0.1:9/v1", "--ai-model", "local-model"}, server.home());
-    account = parse(withProvider.get("/v1/account", key).body);
-    EXPECT_TRUE(account["connected"].as_bool());
-    EXPECT_EQ(account["plan"].as_string(), "local-model");
-    EXPECT_EQ(withProvider.send("POST", "/v1/logout", {}, key).status, 200);
-    EXPECT_FALSE(parse(withProvider.get("/v1/account", key).body)["connected"].as_bool());
-    const auto relink = withProvider.send("POST", "/v1/login", {}, key);
-    EXPECT_EQ(relink.status, 409);
-    EXPECT_TRUE(parse(withProvider.get("/v1/account", key).body)["connected"].as_bool());
-}
-
-TEST_F(OwnerRoutes, ShutdownFinishesAndExitsCleanly) {
-    EXPECT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA), key).status, 200);
-    // An idle keep-alive connection does not hold the shutdown.
-    const auto idle = testing::rawRequest(server.port(), "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n", 300);
-    EXPECT_EQ(idle.status, 200);
-    EXPECT_EQ(server.stop(), 0);
-    EXPECT_NE(server.log().find("\"event\":\"stopped\""), std::string::npos);
-}
-
-TEST_F(OwnerRoutes, ShutdownLetsARequestInFlightFinish) {
     const std::string body = scheduleJSON(kScheduleA, "Sent while stopping");
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(server.port());
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const int fd = testing::connectTo(server.port());
     const std::string head = "PUT /v1/schedules HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + key +
                              "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body.substr(0, 10);
     ASSERT_EQ(::send(fd, head.data(), head.size(), 0), static_cast<ssize_t>(head.size()));
@@ -166,12 +132,12 @@ TEST_F(OwnerRoutes, ShutdownLetsARequestInFlightFinish) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const std::string rest = body.substr(10);
     ASSERT_EQ(::send(fd, rest.data(), rest.size(), 0), static_cast<ssize_t>(rest.size()));
-    std::string reply;
-    char buffer[4096];
-    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<std::size_t>(n));
-    ::close(fd);
+    const std::string reply = testing::readMessage(fd, 10000);
     EXPECT_TRUE(reply.starts_with("HTTP/1.1 200")) << reply;
     EXPECT_EQ(server.wait(), 0);
+    ::close(fd);
+    ::close(idle);
+    EXPECT_NE(server.log().find("\"event\":\"stopped\""), std::string::npos);
     server.start();
     EXPECT_NE(server.get("/v1/state", key).body.find("Sent while stopping"), std::string::npos);
 }
@@ -181,24 +147,20 @@ protected:
     testing::HttpResult identity(const std::string& route, const std::string& body, const std::string& key = {}) const {
         return server.send("POST", "/v1/" + route + "?key=" + (key.empty() ? apiKey : key), body);
     }
+    static std::string credentials(const std::string& email, const std::string& password) {
+        return boost::json::serialize(boost::json::object{{"email", email}, {"password", password}, {"returnSecureToken", true}});
+    }
     std::string signUp(const std::string& email, const std::string& password = "correct horse") const {
-        boost::json::object body{{"email", email}, {"password", password}, {"returnSecureToken", true}};
-        return identity("accounts:signUp", boost::json::serialize(body)).body;
+        return identity("accounts:signUp", credentials(email, password)).body;
     }
     testing::HttpResult signIn(const std::string& email, const std::string& password) const {
-        boost::json::object body{{"email", email}, {"password", password}, {"returnSecureToken", true}};
-        return identity("accounts:signInWithPassword", boost::json::serialize(body));
+        return identity("accounts:signInWithPassword", credentials(email, password));
     }
     testing::HttpResult refresh(const std::string& token) const {
         boost::json::object body{{"grant_type", "refresh_token"}, {"refresh_token", token}};
         return identity("token", boost::json::serialize(body));
     }
-    std::string spool() const {
-        std::ifstream in(server.mailSpool());
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string spool() const { return readFile(server.mailSpool()); }
 
     ServerProcess server{{"--refresh-grace", "1"}};
     std::string apiKey = field(server.get("/v1/config").body, "apiKey");
@@ -223,9 +185,13 @@ TEST_F(IdentityRoutes, SignUpSignInAndTheSessionOfEachAccountIsItsOwn) {
     const std::string bobToken = field(signUp("bob@example.jp"), "idToken");
     ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA, "Alice's"), aliceToken).status, 200);
     EXPECT_TRUE(parse(server.get("/v1/state", bobToken).body)["schedules"].as_array().empty());
-    EXPECT_EQ(server.send("DELETE", "/v1/schedules/6f1e2b3c-0000-4000-8000-0000000000aa", {}, bobToken).status, 404);
-    EXPECT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":"6f1e2b3c-0000-4000-8000-0000000000aa"})", bobToken).status, 404);
-    EXPECT_EQ(parse(server.get("/v1/state", aliceToken).body)["schedules"].as_array().size(), 1u);
+    EXPECT_EQ(server.send("DELETE", "/v1/schedules/" + kStoredA, {}, bobToken).status, 404);
+    EXPECT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":")" + kStoredA + R"("})", bobToken).status, 404);
+    // Bob's schedule with the same id is his own.
+    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(kScheduleA, "Bob's"), bobToken).status, 200);
+    auto alices = parse(server.get("/v1/state", aliceToken).body)["schedules"].as_array();
+    ASSERT_EQ(alices.size(), 1u);
+    EXPECT_EQ(alices[0].as_object()["title"].as_string(), "Alice's");
     EXPECT_TRUE(parse(server.get("/v1/state", server.ownerKey()).body)["schedules"].as_array().empty());
 
     const auto good = signIn("ALICE@example.jp", "correct horse");
@@ -267,21 +233,22 @@ TEST_F(IdentityRoutes, ResetAndVerificationMailsCarryWorkingOneTimeCodes) {
     EXPECT_EQ(identity("accounts:sendOobCode", R"({"requestType":"PASSWORD_RESET","email":"ghost@example.jp"})").status, 200);
     EXPECT_EQ(spool().find("ghost@example.jp"), std::string::npos);
 
+    // The code of the spool's first mail of a kind.
+    auto codeOf = [this](const std::string& mode) {
+        std::smatch match;
+        const std::string mail = spool();
+        EXPECT_TRUE(std::regex_search(mail, match, std::regex("mode=" + mode + "&oobCode=([A-Za-z0-9_-]+)"))) << mode;
+        return match.empty() ? std::string() : match[1].str();
+    };
     boost::json::object verify{{"requestType", "VERIFY_EMAIL"}, {"idToken", idToken}};
     ASSERT_EQ(identity("accounts:sendOobCode", boost::json::serialize(verify)).status, 200);
-    std::smatch match;
-    std::string mail = spool();
-    ASSERT_TRUE(std::regex_search(mail, match, std::regex("mode=verifyEmail&oobCode=([A-Za-z0-9_-]+)")));
-    const auto page = server.get("/action?mode=verifyEmail&oobCode=" + match[1].str());
-    EXPECT_EQ(page.status, 200);
+    EXPECT_EQ(server.get("/action?mode=verifyEmail&oobCode=" + codeOf("verifyEmail")).status, 200);
     const std::string fresh = field(signIn("dave@example.jp", "correct horse").body, "idToken");
     const auto capabilities = parse(server.get("/v1/session", fresh).body)["capabilities"].as_array();
     EXPECT_NE(std::find(capabilities.begin(), capabilities.end(), boost::json::value("verifiedEmail")), capabilities.end());
 
     ASSERT_EQ(identity("accounts:sendOobCode", R"({"requestType":"PASSWORD_RESET","email":"dave@example.jp"})").status, 200);
-    mail = spool();
-    ASSERT_TRUE(std::regex_search(mail, match, std::regex("mode=resetPassword&oobCode=([A-Za-z0-9_-]+)")));
-    const std::string code = match[1].str();
+    const std::string code = codeOf("resetPassword");
     boost::json::object reset{{"oobCode", code}, {"newPassword", "battery staple"}};
     EXPECT_EQ(identity("accounts:resetPassword", boost::json::serialize(reset)).status, 200);
     EXPECT_EQ(identityMessage(identity("accounts:resetPassword", boost::json::serialize(reset)).body), "INVALID_OOB_CODE");

@@ -2,34 +2,24 @@
 #include "Mailer.h"
 #include "ServerProcess.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 namespace tavelo::cloud {
 namespace {
+
+using testing::readFile;
 
 // A one-connection SMTP relay that answers RCPT with `rcptReply` and keeps
 // what it was given after DATA.
 class FakeRelay {
 public:
     explicit FakeRelay(std::string rcptReply) : rcptReply_(std::move(rcptReply)) {
-        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        ::listen(listener_, 1);
-        socklen_t length = sizeof address;
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
+        listener_ = testing::listenOnLoopback(port_, 1);
         thread_ = std::thread([this] { serve(); });
     }
     ~FakeRelay() {
@@ -82,13 +72,6 @@ private:
     std::uint16_t port_ = 0;
     std::thread thread_;
 };
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 TEST(Mailer, RelayGetsTheMailAndARefusalOrAnAbsentRelayFallsBackToTheSpool) {
     crypto::initialise();

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 namespace tavelo::cloud {
 namespace {
@@ -48,48 +49,36 @@ TEST(ScheduleRules, ValidationGivesTheFirstFailingRuleInOrder) {
     EXPECT_TRUE(validationMessage(s).has_value());
 }
 
-TEST(ScheduleRules, OneTimeScheduleOccursOnlyInsideTheHalfOpenInterval) {
-    const auto s = schedule();
-    EXPECT_EQ(occurrences(s, kJan31Tokyo9, kJan31Tokyo9 + 1), std::vector<double>{kJan31Tokyo9});
-    EXPECT_TRUE(occurrences(s, kJan31Tokyo9 - 10, kJan31Tokyo9).empty());
-    EXPECT_EQ(nextOccurrence(s, kJan31Tokyo9 - 1), kJan31Tokyo9);
-    EXPECT_EQ(nextOccurrence(s, kJan31Tokyo9), std::nullopt);
-}
-
-TEST(ScheduleRules, MonthlyOn31stFallsOnTheLastDayAndComesBack) {
-    const auto s = schedule("monthly");
-    const auto dates = occurrences(s, kJan31Tokyo9, kJan31Tokyo9 + 70 * kDay);
-    ASSERT_EQ(dates.size(), 3u);
-    EXPECT_EQ(dates[1], 1772236800); // 2026-02-28 09:00 Tokyo
-    EXPECT_EQ(dates[2], 1774915200); // 2026-03-31 09:00 Tokyo
-    EXPECT_EQ(nextOccurrence(s, dates[0]), dates[1]);
-    EXPECT_EQ(nextOccurrence(s, dates[1]), dates[2]);
-}
-
-TEST(ScheduleRules, DailyKeepsTheLocalHourAcrossDaylightSaving) {
+TEST(ScheduleRules, OccurrencesKeepTheLocalTimeAndFallOnTheLastDayOfShortMonths) {
     // 2026-03-07 09:00 in New York is 14:00Z; after the 8 March change 09:00 is 13:00Z.
-    const double first = 1772892000;
-    const auto s = schedule("daily", first, "America/New_York");
-    const auto dates = occurrences(s, first, first + 2 * kDay + 1);
-    ASSERT_EQ(dates.size(), 3u);
-    EXPECT_EQ(dates[1] - dates[0], kDay - 3600);
-    EXPECT_EQ(dates[2] - dates[1], kDay);
-    // Tokyo has no daylight saving: exact days.
-    const auto tokyo = occurrences(schedule("daily"), kJan31Tokyo9, kJan31Tokyo9 + 3 * kDay);
-    ASSERT_EQ(tokyo.size(), 3u);
-    EXPECT_EQ(tokyo[2] - tokyo[0], 2 * kDay);
+    const double newYork = 1772892000;
+    const double feb28 = 1772236800, mar31 = 1774915200; // 09:00 in Tokyo
+    struct Case { const char* name; ScheduleRecord schedule; double from, to; std::vector<double> expected; };
+    const Case cases[] = {
+        {"once, start included", schedule(), kJan31Tokyo9, kJan31Tokyo9 + 1, {kJan31Tokyo9}},
+        {"once, end excluded", schedule(), kJan31Tokyo9 - 10, kJan31Tokyo9, {}},
+        {"monthly on the 31st", schedule("monthly"), kJan31Tokyo9, kJan31Tokyo9 + 70 * kDay, {kJan31Tokyo9, feb28, mar31}},
+        {"daily across daylight saving", schedule("daily", newYork, "America/New_York"), newYork, newYork + 2 * kDay + 1,
+         {newYork, newYork + kDay - 3600, newYork + 2 * kDay - 3600}},
+        {"daily in Tokyo", schedule("daily"), kJan31Tokyo9, kJan31Tokyo9 + 3 * kDay,
+         {kJan31Tokyo9, kJan31Tokyo9 + kDay, kJan31Tokyo9 + 2 * kDay}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(occurrences(c.schedule, c.from, c.to), c.expected) << c.name;
 }
 
-TEST(ScheduleRules, NextOccurrenceFarAfterTheFirstRunAndForWeekly) {
-    const auto weekly = schedule("weekly");
-    const double later = kJan31Tokyo9 + 400 * kDay + 5;
-    const auto next = nextOccurrence(weekly, later);
-    ASSERT_TRUE(next);
-    EXPECT_GT(*next, later);
-    EXPECT_LE(*next - later, 7 * kDay);
-    EXPECT_EQ(std::fmod(*next - kJan31Tokyo9, 7 * kDay), 0);
-    // Before the first run, the first run is next.
-    EXPECT_EQ(nextOccurrence(weekly, kJan31Tokyo9 - 1000), kJan31Tokyo9);
+TEST(ScheduleRules, NextOccurrenceIsTheFirstOneAfterTheGivenMoment) {
+    const auto once = schedule(), monthly = schedule("monthly"), weekly = schedule("weekly");
+    const double feb28 = 1772236800, mar31 = 1774915200;
+    const std::tuple<const ScheduleRecord*, double, std::optional<double>> cases[] = {
+        {&once, kJan31Tokyo9 - 1, kJan31Tokyo9},
+        {&once, kJan31Tokyo9, std::nullopt},
+        {&monthly, kJan31Tokyo9, feb28},
+        {&monthly, feb28, mar31},
+        {&weekly, kJan31Tokyo9 - 1000, kJan31Tokyo9}, // before the first run, the first run
+        {&weekly, kJan31Tokyo9 + 400 * kDay + 5, kJan31Tokyo9 + 406 * kDay}, // 58 weeks on
+    };
+    for (const auto& [s, after, expected] : cases)
+        EXPECT_EQ(nextOccurrence(*s, after), expected) << s->recurrence.value_or("once") << " after " << after;
 }
 
 TEST(ScheduleRules, DecodingRejectsWrongTypesAndNormalisesTheId) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
 #include <cmath>
 #include <map>
 
@@ -16,10 +15,10 @@ using testing::ServerProcess;
 
 double now() { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); }
 
-std::string scheduleJSON(int n, double firstRun, const char* recurrence = nullptr, const std::string& prompt = "Summarise") {
+std::string scheduleJSON(int n, double firstRun, const char* recurrence = nullptr) {
     char id[40];
     std::snprintf(id, sizeof id, "00000000-0000-4000-8000-%012d", n);
-    boost::json::object o{{"id", id}, {"title", "t" + std::to_string(n)}, {"prompt", prompt}, {"firstRun", firstRun},
+    boost::json::object o{{"id", id}, {"title", "t" + std::to_string(n)}, {"prompt", "Summarise"}, {"firstRun", firstRun},
                           {"timeZoneID", "Asia/Tokyo"}, {"isPaused", false}};
     if (recurrence) o["recurrence"] = recurrence;
     return boost::json::serialize(o);
@@ -48,60 +47,47 @@ bool allEnded(const std::vector<boost::json::object>& runs) {
     });
 }
 
-TEST(Scheduler, RunNowCallsTheProviderAndStoresItsAnswer) {
-    FakeProvider provider([](const std::string&) { return FakeProvider::completion("今日の予定は3件です。"); });
-    ServerProcess server(providerArguments(provider));
+const std::string kRunFirst = R"({"scheduleID":"00000000-0000-4000-8000-000000000001"})";
+
+// Saves schedule 1 for tomorrow, runs it now and gives the newest run once
+// every run has ended.
+boost::json::object runOnce(const ServerProcess& server) {
     const auto key = server.ownerKey();
-    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(1, now() + 86400, nullptr, "今日の予定をまとめて"), key).status, 200);
-    ASSERT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":"00000000-0000-4000-8000-000000000001"})", key).status, 200);
-    ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(server, key)); }));
-    const auto run = runsOf(server, key).at(0);
-    EXPECT_EQ(run.at("status"), "complete");
-    EXPECT_EQ(run.at("output"), "今日の予定は3件です。");
-    EXPECT_TRUE(run.contains("startedAt") && run.contains("endedAt"));
-    ASSERT_EQ(provider.requestCount(), 1);
-    const auto sent = boost::json::parse(provider.bodies().at(0)).as_object();
-    EXPECT_EQ(sent.at("model"), "test-model");
-    EXPECT_EQ(sent.at("messages").as_array().at(0).as_object().at("content"), "今日の予定をまとめて");
+    EXPECT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(1, now() + 86400), key).status, 200);
+    EXPECT_EQ(server.send("POST", "/v1/run", kRunFirst, key).status, 200);
+    EXPECT_TRUE(testing::eventually([&] { return allEnded(runsOf(server, key)); }, 15000));
+    const auto runs = runsOf(server, key);
+    return runs.empty() ? boost::json::object{} : runs.front();
 }
 
-TEST(Scheduler, ProviderFailuresAreRetriedThenEndAsFailedWithTheMessage) {
-    FakeProvider provider([](const std::string&) {
-        return FakeProvider::Reply{503, R"({"error":{"message":"overloaded"}})", 0};
-    });
-    ServerProcess server(providerArguments(provider, {"--run-attempts", "3"}));
-    const auto key = server.ownerKey();
-    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(1, now() + 86400), key).status, 200);
-    ASSERT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":"00000000-0000-4000-8000-000000000001"})", key).status, 200);
-    ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(server, key)); }, 15000));
-    const auto run = runsOf(server, key).at(0);
-    EXPECT_EQ(run.at("status"), "failed");
-    EXPECT_NE(std::string(run.at("error").as_string()).find("overloaded"), std::string::npos);
-    EXPECT_EQ(provider.requestCount(), 3);
-
-    // A refusal that retrying cannot fix fails at once.
-    FakeProvider refusing([](const std::string&) { return FakeProvider::Reply{401, R"({"error":{"message":"bad key"}})", 0}; });
-    server.stop();
-    ServerProcess second(providerArguments(refusing), server.home());
-    ASSERT_EQ(second.send("POST", "/v1/run", R"({"scheduleID":"00000000-0000-4000-8000-000000000001"})", key).status, 200);
-    ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(second, key)); }, 15000));
-    EXPECT_EQ(refusing.requestCount(), 1);
-}
-
-TEST(Scheduler, ATimeoutEndsAsAFailedRun) {
-    FakeProvider slow([](const std::string&) {
-        auto reply = FakeProvider::completion("late");
-        reply.delayMilliseconds = 3000;
-        return reply;
-    });
-    ServerProcess server(providerArguments(slow, {"--ai-timeout", "0.5", "--run-attempts", "1"}));
-    const auto key = server.ownerKey();
-    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(1, now() + 86400), key).status, 200);
-    ASSERT_EQ(server.send("POST", "/v1/run", R"({"scheduleID":"00000000-0000-4000-8000-000000000001"})", key).status, 200);
-    ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(server, key)); }, 15000));
-    const auto run = runsOf(server, key).at(0);
-    EXPECT_EQ(run.at("status"), "failed");
-    EXPECT_FALSE(std::string(run.at("error").as_string()).empty());
+// Busy providers and timeouts are tried again up to the limit; a refusal that
+// retrying cannot fix fails at once. Each ends as a failed run with a reason.
+TEST(Scheduler, FailedCallsAreRetriedOnlyWhenRetryingCanHelp) {
+    auto late = FakeProvider::completion("late");
+    late.delayMilliseconds = 3000;
+    struct Case {
+        const char* name;
+        FakeProvider::Reply reply;
+        std::vector<std::string> arguments;
+        int calls;
+        std::string error;
+    };
+    const Case cases[] = {
+        {"overloaded", {503, R"({"error":{"message":"overloaded"}})"}, {"--run-attempts", "3"}, 3, "overloaded"},
+        {"refused", {401, R"({"error":{"message":"bad key"}})"}, {"--run-attempts", "3"}, 1, ""},
+        {"timed out", late, {"--ai-timeout", "0.5", "--run-attempts", "1"}, 1, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeProvider provider([&](const std::string&) { return c.reply; });
+        ServerProcess server(providerArguments(provider, c.arguments));
+        const auto run = runOnce(server);
+        EXPECT_EQ(run.at("status"), "failed");
+        const std::string error(run.at("error").as_string());
+        EXPECT_FALSE(error.empty());
+        EXPECT_NE(error.find(c.error), std::string::npos) << error;
+        EXPECT_EQ(provider.requestCount(), c.calls);
+    }
 }
 
 TEST(Scheduler, DueOccurrencesRunOnceEvenWithTwoServersOnOneDatabase) {
@@ -155,46 +141,40 @@ TEST(Scheduler, KillDuringARunNeitherLosesNorDoublesIt) {
         if (calls++ == 0) reply.delayMilliseconds = 4000;
         return reply;
     });
-    auto server = std::make_unique<ServerProcess>(providerArguments(provider, {"--ai-timeout", "2"}));
-    const auto key = server->ownerKey();
-    const std::string home = server->home();
-    testing::TemporaryDirectory keep; // the process's own folder goes with it; keep the data
-    ASSERT_EQ(server->send("PUT", "/v1/schedules", scheduleJSON(1, now() + 86400), key).status, 200);
-    ASSERT_EQ(server->send("POST", "/v1/run", R"({"scheduleID":"00000000-0000-4000-8000-000000000001"})", key).status, 200);
+    testing::TemporaryDirectory home;
+    ServerProcess server(providerArguments(provider, {"--ai-timeout", "2"}), home.path());
+    const auto key = server.ownerKey();
+    ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(1, now() + 86400), key).status, 200);
+    ASSERT_EQ(server.send("POST", "/v1/run", kRunFirst, key).status, 200);
     ASSERT_TRUE(testing::eventually([&] { return provider.requestCount() == 1; }));
-    server->kill9();
-    std::filesystem::copy(home, keep.path(), std::filesystem::copy_options::recursive);
-    server.reset();
-
-    ServerProcess restarted(providerArguments(provider, {"--ai-timeout", "2"}), keep.path());
-    ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(restarted, key)); }, 20000));
-    const auto runs = runsOf(restarted, key);
+    server.kill9();
+    server.start();
+    ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(server, key)); }, 20000));
+    const auto runs = runsOf(server, key);
     ASSERT_EQ(runs.size(), 1u);
     EXPECT_EQ(runs[0].at("status"), "complete");
     EXPECT_EQ(runs[0].at("output"), "finished");
 }
 
 TEST(Scheduler, KillDuringWritesKeepsEveryAcknowledgedWrite) {
-    auto server = std::make_unique<ServerProcess>();
-    const auto key = server->ownerKey();
-    testing::TemporaryDirectory keep;
+    testing::TemporaryDirectory home;
+    ServerProcess server({}, home.path());
+    const auto key = server.ownerKey();
     std::atomic<int> acknowledged{0};
     std::atomic<bool> stop{false};
     std::thread writer([&] {
         for (int i = 1; !stop; ++i) {
-            if (server->send("PUT", "/v1/schedules", scheduleJSON(i, now() + 86400), key).status == 200) acknowledged = i;
+            if (server.send("PUT", "/v1/schedules", scheduleJSON(i, now() + 86400), key).status == 200) acknowledged = i;
             else break;
         }
     });
     ASSERT_TRUE(testing::eventually([&] { return acknowledged >= 50; }));
-    server->kill9();
+    server.kill9();
     stop = true;
     writer.join();
     const int written = acknowledged;
-    std::filesystem::copy(server->home(), keep.path(), std::filesystem::copy_options::recursive);
-    server.reset();
-    ServerProcess restarted({}, keep.path());
-    const auto state = boost::json::parse(restarted.get("/v1/state", key).body).as_object();
+    server.start();
+    const auto state = boost::json::parse(server.get("/v1/state", key).body).as_object();
     EXPECT_GE(static_cast<int>(state.at("schedules").as_array().size()), written);
 }
 

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -38,19 +37,26 @@ TemporaryDirectory::~TemporaryDirectory() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-std::uint16_t freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+int listenOnLoopback(std::uint16_t& port, int backlog) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int one = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::listen(fd, backlog);
     socklen_t length = sizeof address;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
+    port = ntohs(address.sin_port);
+    return fd;
 }
 
-namespace {
+std::uint16_t freePort() {
+    std::uint16_t port = 0;
+    ::close(listenOnLoopback(port));
+    return port;
+}
 
 int connectTo(std::uint16_t port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -65,9 +71,29 @@ int connectTo(std::uint16_t port) {
     return fd;
 }
 
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+namespace {
+
+// The head's end and, when the head declares one, the whole message's length.
+std::pair<std::size_t, std::optional<std::size_t>> messageBounds(const std::string& text) {
+    const auto headerEnd = text.find("\r\n\r\n");
+    if (headerEnd == std::string::npos) return {headerEnd, std::nullopt};
+    std::string head = text.substr(0, headerEnd);
+    for (auto& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const auto at = head.find("\ncontent-length:");
+    if (at == std::string::npos) return {headerEnd, std::nullopt};
+    return {headerEnd, headerEnd + 4 + std::strtoul(head.c_str() + at + 16, nullptr, 10)};
+}
+
 HttpResult parseReply(const std::string& text) {
     HttpResult result;
-    const auto headerEnd = text.find("\r\n\r\n");
+    const auto [headerEnd, length] = messageBounds(text);
     if (headerEnd == std::string::npos || !text.starts_with("HTTP/1.")) return result;
     result.status = std::atoi(text.c_str() + 9);
     std::istringstream lines(text.substr(0, headerEnd));
@@ -79,17 +105,29 @@ HttpResult parseReply(const std::string& text) {
         if (colon == std::string::npos) continue;
         std::string name = line.substr(0, colon);
         for (auto& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        std::string value = line.substr(colon + 1);
-        while (!value.empty() && value.front() == ' ') value.erase(0, 1);
-        result.headers[name] = value;
+        result.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
     }
-    result.body = text.substr(headerEnd + 4);
-    if (auto it = result.headers.find("content-length"); it != result.headers.end())
-        result.body.resize(std::min<std::size_t>(result.body.size(), std::stoul(it->second)));
+    result.body = text.substr(headerEnd + 4, length ? *length - headerEnd - 4 : std::string::npos);
     return result;
 }
 
 } // namespace
+
+std::string readMessage(int fd, int timeoutMilliseconds) {
+    std::string text;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMilliseconds);
+    char buffer[65536];
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{fd, POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        text.append(buffer, static_cast<std::size_t>(n));
+        if (const auto length = messageBounds(text).second; length && text.size() >= *length) break;
+    }
+    return text;
+}
 
 HttpResult rawRequest(std::uint16_t port, const std::string& raw, int timeoutMilliseconds) {
     const int fd = connectTo(port);
@@ -100,22 +138,7 @@ HttpResult rawRequest(std::uint16_t port, const std::string& raw, int timeoutMil
         if (n <= 0) break; // the server may refuse early and close
         sent += static_cast<std::size_t>(n);
     }
-    std::string text;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMilliseconds);
-    char buffer[65536];
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-        if (left <= 0) break;
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(left)) <= 0) break;
-        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n <= 0) break;
-        text.append(buffer, static_cast<std::size_t>(n));
-        const auto parsed = parseReply(text);
-        if (parsed.status && parsed.headers.count("content-length") &&
-            parsed.body.size() >= std::stoul(parsed.headers.at("content-length")))
-            break;
-    }
+    const std::string text = readMessage(fd, timeoutMilliseconds);
     ::close(fd);
     return parseReply(text);
 }
@@ -190,12 +213,8 @@ void ServerProcess::start() {
         // Each server's data gets its own database; a restart on the same
         // home finds it again.
         const std::string file = home_ + "/database-url";
-        std::ifstream in(file);
-        std::string url;
-        if (!std::getline(in, url) || url.empty()) {
-            url = createTestDatabase();
-            std::ofstream(file) << url << "\n";
-        }
+        std::string url = readFile(file);
+        if (url.empty()) std::ofstream(file) << (url = createTestDatabase());
         args.insert(args.end(), {"--database", url});
     }
     args.insert(args.end(), arguments_.begin(), arguments_.end());
@@ -225,12 +244,13 @@ void ServerProcess::start() {
 }
 
 int ServerProcess::stop() {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    signal(SIGTERM);
+    return wait();
+}
+
+void ServerProcess::kill9() {
+    signal(SIGKILL);
+    wait();
 }
 
 void ServerProcess::signal(int signal) {
@@ -245,30 +265,14 @@ int ServerProcess::wait() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-void ServerProcess::kill9() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-}
-
 std::string ServerProcess::ownerKey() const {
-    std::ifstream in(ownerFile());
-    std::stringstream text;
-    text << in.rdbuf();
     boost::system::error_code ec;
-    const auto value = boost::json::parse(text.str(), ec);
+    const auto value = boost::json::parse(readFile(ownerFile()), ec);
     if (ec || !value.is_object() || !value.as_object().contains("connectionKey")) return {};
     return std::string(value.as_object().at("connectionKey").as_string());
 }
 
-std::string ServerProcess::log() const {
-    std::ifstream in(home_ + "/server.log");
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+std::string ServerProcess::log() const { return readFile(home_ + "/server.log"); }
 
 HttpResult ServerProcess::get(const std::string& target, const std::string& token) const {
     return send("GET", target, {}, token);
@@ -282,17 +286,7 @@ HttpResult ServerProcess::send(const std::string& method, const std::string& tar
 }
 
 FakeProvider::FakeProvider(Handler handler) : handler_(std::move(handler)) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::listen(listener_, 64);
-    socklen_t length = sizeof address;
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    listener_ = listenOnLoopback(port_);
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -322,29 +316,11 @@ void FakeProvider::serve() {
         if (::poll(&p, 1, 100) <= 0) continue;
         const int fd = ::accept(listener_, nullptr, nullptr);
         if (fd < 0) continue;
-        // One connection at a time is enough for the tests; each is answered
-        // on its own thread so that a delay does not hold the others.
+        // Each connection is answered on its own thread so that a delay does
+        // not hold the others.
         ++active_;
         std::thread([this, fd] {
-            std::string text;
-            char buffer[8192];
-            std::size_t expected = std::string::npos;
-            while (true) {
-                pollfd q{fd, POLLIN, 0};
-                if (::poll(&q, 1, 5000) <= 0) break;
-                const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-                if (n <= 0) break;
-                text.append(buffer, static_cast<std::size_t>(n));
-                const auto end = text.find("\r\n\r\n");
-                if (end == std::string::npos) continue;
-                if (expected == std::string::npos) {
-                    std::string lowerText = text.substr(0, end);
-                    for (auto& c : lowerText) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-                    const auto at = lowerText.find("content-length:");
-                    expected = end + 4 + (at == std::string::npos ? 0 : std::stoul(lowerText.substr(at + 15)));
-                }
-                if (text.size() >= expected) break;
-            }
+            const std::string text = readMessage(fd, 5000);
             const auto end = text.find("\r\n\r\n");
             const std::string body = end == std::string::npos ? std::string() : text.substr(end + 4);
             {

@@ -29,6 +29,15 @@ private:
 };
 
 std::uint16_t freePort();
+// A socket listening on 127.0.0.1 at a free port, which goes to `port`.
+int listenOnLoopback(std::uint16_t& port, int backlog = 64);
+// A connection to 127.0.0.1:`port`, or -1.
+int connectTo(std::uint16_t port);
+// One HTTP message from `fd`: up to the end of its Content-Length body, or
+// whatever came before the peer closed or the time ran out.
+std::string readMessage(int fd, int timeoutMilliseconds);
+// The whole file ("" when it cannot be read).
+std::string readFile(const std::string& path);
 
 struct HttpResult {
     int status = 0; // 0: no reply (connection closed or timed out)
@@ -58,7 +67,6 @@ public:
     void signal(int signal);
     // Waits for the process to end; gives its exit status.
     int wait();
-    bool running() const { return pid_ > 0; }
 
     std::uint16_t port() const { return port_; }
     std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <set>
 #include <thread>
 
@@ -81,22 +82,14 @@ TEST_F(SqliteStorageTest, MigrationsApplyOnceAndANewerSchemaIsRefused) {
     EXPECT_EQ(newer.schedules("owner").size(), 1u); // nothing lost
 }
 
-TEST_P(StorageContract, UsersNeverSeeEachOthersSchedulesOrRuns) {
-    const auto shared = scheduleNumbered(7);
-    storage->putSchedule("alice", shared, 5000);
-    auto bobs = shared;
-    bobs.title = "Bob's own";
-    storage->putSchedule("bob", bobs, 5000);
-    EXPECT_EQ(storage->schedules("alice").at(0).title, "title 7");
-    EXPECT_EQ(storage->schedules("bob").at(0).title, "Bob's own");
-    EXPECT_FALSE(storage->enqueueRun("mallory", shared.id, 10, 10));
-    EXPECT_FALSE(storage->deleteSchedule("mallory", shared.id));
-    ASSERT_TRUE(storage->enqueueRun("alice", shared.id, 10, 10));
-    EXPECT_EQ(storage->runs("alice", 10).size(), 1u);
+// Which user sees which schedule is checked through the routes; here, what
+// becomes of a deleted schedule's queued run.
+TEST_P(StorageContract, ADeletedSchedulesQueuedRunIsCancelledAndNeverStarts) {
+    const auto schedule = scheduleNumbered(7);
+    storage->putSchedule("alice", schedule, 5000);
+    ASSERT_TRUE(storage->enqueueRun("alice", schedule.id, 10, 10));
     EXPECT_TRUE(storage->runs("bob", 10).empty());
-    EXPECT_TRUE(storage->deleteSchedule("alice", shared.id));
-    EXPECT_EQ(storage->schedules("bob").size(), 1u);
-    // The queued run of the deleted schedule never starts.
+    EXPECT_TRUE(storage->deleteSchedule("alice", schedule.id));
     EXPECT_EQ(storage->runs("alice", 10).at(0).status, "cancelled");
     EXPECT_FALSE(storage->claimRun("w", 100, 60));
 }
@@ -157,43 +150,24 @@ TEST_P(StorageContract, AnExpiredLeaseIsQueuedAgainThenInterrupted) {
 }
 
 TEST_P(StorageContract, RefreshTokensAndOneTimeCodes) {
+    // Rotation, revocation and codes used up are checked through the routes.
     ASSERT_TRUE(storage->createUser(UserRecord{"u1", "a@example.jp", "hash", false, 1}));
-    EXPECT_FALSE(storage->createUser(UserRecord{"u2", "a@example.jp", "hash", false, 1}));
     storage->insertRefreshToken(RefreshTokenRecord{"h1", "f", "u1", 1, std::nullopt, false});
-    storage->insertRefreshToken(RefreshTokenRecord{"h2", "f", "u1", 2, std::nullopt, false});
     storage->markRefreshTokenReplaced("h1", 5);
     storage->markRefreshTokenReplaced("h1", 9); // the first replacement counts
     EXPECT_EQ(storage->refreshToken("h1")->replacedAt, 5);
-    storage->revokeRefreshFamily("f");
-    EXPECT_TRUE(storage->refreshToken("h2")->revoked);
-
     storage->insertOobCode("c", "u1", "verifyEmail", 100);
     EXPECT_FALSE(storage->consumeOobCode("c", "resetPassword", 10));
-    EXPECT_EQ(storage->consumeOobCode("c", "verifyEmail", 10), "u1");
-    EXPECT_FALSE(storage->consumeOobCode("c", "verifyEmail", 10)); // used up
+    EXPECT_EQ(storage->consumeOobCode("c", "verifyEmail", 10), "u1"); // the wrong purpose left it
     storage->insertOobCode("d", "u1", "verifyEmail", 100);
     EXPECT_FALSE(storage->consumeOobCode("d", "verifyEmail", 100)); // expired
 }
 
 TEST_F(SqliteStorageTest, ADamagedFileGivesAClearErrorAndIsLeftAsItWas) {
-    const std::string damaged = directory.path() + "/damaged.sqlite3";
-    {
-        FILE* f = std::fopen(damaged.c_str(), "wb");
-        const std::string junk(4096, 'x');
-        std::fwrite(junk.data(), 1, junk.size(), f);
-        std::fclose(f);
-    }
-    EXPECT_THROW(
-        {
-            SqliteStorage broken(damaged);
-            broken.migrate();
-        },
-        StorageError);
-    FILE* f = std::fopen(damaged.c_str(), "rb");
-    char first[4] = {};
-    ASSERT_EQ(std::fread(first, 1, 4, f), 4u);
-    std::fclose(f);
-    EXPECT_EQ(std::string(first, 4), "xxxx");
+    const std::string damaged = directory.path() + "/damaged.sqlite3", junk(4096, 'x');
+    std::ofstream(damaged) << junk;
+    EXPECT_THROW(SqliteStorage(damaged).migrate(), StorageError);
+    EXPECT_EQ(testing::readFile(damaged), junk);
 }
 
 } // namespace

@@ -50,12 +50,40 @@ public:
 
 inline const QString kOwnerKey = QStringLiteral("owner-key-0123456789abcdefghijklmnop"); // 36 characters
 
-class CloudStoreTest : public ::testing::Test {
+// A sleep that ends at once (or with the cancellation), noting each wait in
+// `log` when one is given.
+inline SleepFunction instantSleep(std::vector<double>* log = nullptr) {
+    return [log](double seconds, std::stop_token stop) -> QCoro::Task<void> {
+        if (log) log->push_back(seconds);
+        checkCancellation(stop);
+        co_return;
+    };
+}
+
+// What a store is built from: settings and caches in a temporary folder, the
+// in-memory keychain and the real network.
+struct CloudStoreParts {
+    void pointHostedAccountAt(const QString& cloud, const QString& toolkit, const QString& secureToken) {
+        defaults->setString(QStringLiteral("aiCloudHostedEndpoint"), cloud);
+        defaults->setString(QStringLiteral("aiCloudIdentityToolkitURL"), toolkit);
+        defaults->setString(QStringLiteral("aiCloudSecureTokenURL"), secureToken);
+    }
+    std::unique_ptr<AICloudStore> storeWith(Clock now, SleepFunction sleep) {
+        return std::make_unique<AICloudStore>(AICloudStore::Dependencies{
+            defaults, secrets, transport, directory.filePath(QStringLiteral("cache")), std::move(now), std::move(sleep), {}});
+    }
+
+    QTemporaryDir directory;
+    std::shared_ptr<SettingsDefaults> defaults =
+        std::make_shared<SettingsDefaults>(directory.filePath(QStringLiteral("defaults.ini")));
+    std::shared_ptr<MemorySecretStore> secrets = std::make_shared<MemorySecretStore>();
+    std::shared_ptr<NetworkHTTPTransport> transport = std::make_shared<NetworkHTTPTransport>();
+};
+
+class CloudStoreTest : public ::testing::Test, protected CloudStoreParts {
 protected:
     CloudStoreTest() {
-        defaults->setString(QStringLiteral("aiCloudHostedEndpoint"), hosted.baseUrl());
-        defaults->setString(QStringLiteral("aiCloudIdentityToolkitURL"), identity.baseUrl());
-        defaults->setString(QStringLiteral("aiCloudSecureTokenURL"), identity.baseUrl() + QStringLiteral("/"));
+        pointHostedAccountAt(hosted.baseUrl(), identity.baseUrl(), identity.baseUrl() + QStringLiteral("/"));
         routeDefaults();
     }
 
@@ -70,15 +98,7 @@ protected:
         identity.route("POST", "/v1/token", CannedResponse::json(200, R"({"id_token":"ID-2","refresh_token":"REFRESH-2"})"));
     }
 
-    std::unique_ptr<AICloudStore> makeStore() {
-        auto sleep = [this](double seconds, std::stop_token stop) -> QCoro::Task<void> {
-            sleeps.push_back(seconds);
-            checkCancellation(stop);
-            co_return;
-        };
-        return std::make_unique<AICloudStore>(AICloudStore::Dependencies{
-            defaults, secrets, transport, directory.filePath(QStringLiteral("cache")), [this] { return now; }, sleep, {}});
-    }
+    std::unique_ptr<AICloudStore> makeStore() { return storeWith([this] { return now; }, instantSleep(&sleeps)); }
 
     // A store signed in to the private server.
     std::unique_ptr<AICloudStore> connectedStore() {
@@ -94,12 +114,7 @@ protected:
         return store;
     }
 
-    QTemporaryDir directory;
     LocalHttpServer privateServer, hosted, identity;
-    std::shared_ptr<SettingsDefaults> defaults =
-        std::make_shared<SettingsDefaults>(directory.filePath(QStringLiteral("defaults.ini")));
-    std::shared_ptr<MemorySecretStore> secrets = std::make_shared<MemorySecretStore>();
-    std::shared_ptr<NetworkHTTPTransport> transport = std::make_shared<NetworkHTTPTransport>();
     Date now = Date::fromUnixSeconds(1'767'225'600); // 2026-01-01T00:00:00Z
     std::vector<double> sleeps;
 };

@@ -6,6 +6,9 @@
 #include "ServerProcess.h"
 
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <gtest/gtest.h>
 
@@ -21,23 +24,14 @@ double wallSeconds() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-class CloudServerIntegration : public ::testing::Test {
+class CloudServerIntegration : public ::testing::Test, protected CloudStoreParts {
 protected:
     explicit CloudServerIntegration(std::vector<std::string> arguments = {"--log-level", "debug"}) : server(std::move(arguments)) {
-        const QString endpoint = QString::fromStdString(server.endpoint());
-        defaults->setString(QStringLiteral("aiCloudHostedEndpoint"), endpoint);
-        defaults->setString(QStringLiteral("aiCloudIdentityToolkitURL"), endpoint);
-        defaults->setString(QStringLiteral("aiCloudSecureTokenURL"), endpoint);
+        pointHostedAccountAt(endpoint(), endpoint(), endpoint());
     }
 
     std::unique_ptr<AICloudStore> makeStore() {
-        auto sleep = [](double, std::stop_token stop) -> QCoro::Task<void> {
-            checkCancellation(stop);
-            co_return;
-        };
-        return std::make_unique<AICloudStore>(AICloudStore::Dependencies{
-            defaults, secrets, transport, directory.filePath(QStringLiteral("cache")),
-            [this] { return Date::fromUnixSeconds(wallSeconds() + clockOffset); }, sleep, {}});
+        return storeWith([this] { return Date::fromUnixSeconds(wallSeconds() + clockOffset); }, instantSleep());
     }
 
     AISchedule schedule(const QString& title = QStringLiteral("朝のまとめ")) const {
@@ -50,11 +44,6 @@ protected:
     QString ownerKey() const { return QString::fromStdString(server.ownerKey()); }
 
     ServerProcess server;
-    QTemporaryDir directory;
-    std::shared_ptr<SettingsDefaults> defaults =
-        std::make_shared<SettingsDefaults>(directory.filePath(QStringLiteral("defaults.ini")));
-    std::shared_ptr<MemorySecretStore> secrets = std::make_shared<MemorySecretStore>();
-    std::shared_ptr<NetworkHTTPTransport> transport = std::make_shared<NetworkHTTPTransport>();
     double clockOffset = 0;
 };
 
@@ -117,10 +106,11 @@ TEST_F(CloudServerIntegration, HostedAccountSignsUpSignsInRefreshesAndResets) {
     const QString email = QStringLiteral("hanako@example.jp");
     const QString password = QStringLiteral("correct horse");
     syncWait(store->registerAccount(email, password));
-    EXPECT_FALSE(store->session()); // registration does not sign in
+    syncWait(store->resendVerification(email, password));
+    EXPECT_FALSE(store->session()); // neither signs in
     QFile spool(QString::fromStdString(server.mailSpool()));
     ASSERT_TRUE(spool.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(spool.readAll().contains("mode=verifyEmail"));
+    EXPECT_EQ(spool.readAll().count("mode=verifyEmail"), 2);
 
     EXPECT_FALSE(messageOf(failureOf(store->signIn(email, QStringLiteral("wrong horse")))).isEmpty());
     syncWait(store->signIn(email, password));
@@ -144,16 +134,10 @@ TEST_F(CloudServerIntegration, HostedAccountSignsUpSignsInRefreshesAndResets) {
     ASSERT_TRUE(restored->session());
     EXPECT_EQ(restored->session()->kind, TaveloSession::Kind::identity);
 
-    syncWait(store->resetPassword(QStringLiteral("nobody@example.jp")));
     syncWait(store->resetPassword(email));
     spool.seek(0);
     EXPECT_TRUE(spool.readAll().contains("mode=resetPassword"));
 
-    // The owner of the server does not see the account's schedules.
-    auto owner = makeStore();
-    syncWait(owner->connectPrivateServer(endpoint(), ownerKey()));
-    syncWait(owner->refresh());
-    EXPECT_TRUE(owner->state().schedules.empty());
 }
 
 class CloudServerWithProvider : public CloudServerIntegration {
@@ -175,14 +159,26 @@ TEST_F(CloudServerWithProvider, RunNowEndsCompleteAndTheLinkCanBeSwitched) {
         syncWait(store->refresh());
         return !store->state().runs.empty() && store->state().runs[0].status == QStringLiteral("complete");
     }, 10000));
-    EXPECT_EQ(store->state().runs[0].output, QStringLiteral("要約です。"));
-    EXPECT_EQ(store->state().runs[0].statusLabel(), QStringLiteral("完了"));
+    const AIRun run = store->state().runs[0];
+    EXPECT_EQ(run.output, QStringLiteral("要約です。"));
+    EXPECT_EQ(run.statusLabel(), QStringLiteral("完了"));
+    EXPECT_TRUE(run.startedAt && run.endedAt);
+    // The provider was asked with the configured model and the schedule's prompt.
+    ASSERT_EQ(provider.requestCount(), 1);
+    const QJsonObject sent = QJsonDocument::fromJson(QByteArray::fromStdString(provider.bodies().at(0))).object();
+    EXPECT_EQ(sent["model"].toString(), QStringLiteral("local-model"));
+    EXPECT_EQ(sent["messages"][0]["content"].toString(), saved.prompt);
 
     syncWait(store->refreshAccount());
     EXPECT_TRUE(store->isChatGPTConnected());
+    EXPECT_EQ(store->account()->plan, QStringLiteral("local-model"));
     syncWait(store->logout());
     syncWait(store->refreshAccount());
     EXPECT_FALSE(store->isChatGPTConnected());
+    // Logging in again switches the link back on and says so instead of giving a code.
+    EXPECT_FALSE(messageOf(failureOf(store->login())).isEmpty());
+    syncWait(store->refreshAccount());
+    EXPECT_TRUE(store->isChatGPTConnected());
 }
 
 } // namespace

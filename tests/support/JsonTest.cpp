@@ -80,6 +80,8 @@ TEST(JsonTest, StrictRulesRejectWithTheFaultAndItsPlace) {
         {R"({"count":1,"colours":[],"when":"1970-01-01T00:00:00.000Z"})", Kind::dataCorrupted, "when"},
         {R"({"count":1,"colours":{},"when":"1970-01-01T00:00:00Z"})", Kind::typeMismatch, "colours"},
         {R"([1,2])", Kind::typeMismatch, ""},
+        // The first occurrence of a key counts even when only a later one would decode.
+        {R"({"count":"one","count":1,"colours":[],"when":"1970-01-01T00:00:00Z"})", Kind::typeMismatch, "count"},
     };
     for (const auto& c : cases) {
         try {
@@ -119,13 +121,5 @@ TEST(JsonTest, FirstOccurrenceOfARepeatedKeyWinsAndUnknownKeysAreIgnored) {
         const auto decoded = decodeJson<Sample>(c.text);
         EXPECT_EQ(decoded.count, c.count);
         EXPECT_EQ(decoded.label, c.label);
-    }
-    // The first occurrence counts even when only a later one would decode.
-    try {
-        decodeJson<Sample>(R"({"count":"one","count":1,"colours":[],)" + when + "}");
-        ADD_FAILURE() << "decoded a count of \"one\"";
-    } catch (const JsonDecodingError& e) {
-        EXPECT_EQ(e.kind(), JsonDecodingError::Kind::typeMismatch);
-        EXPECT_EQ(e.path(), "count");
     }
 }

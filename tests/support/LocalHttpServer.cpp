@@ -8,29 +8,6 @@
 
 namespace tavelo::testing {
 
-namespace {
-
-QByteArray reasonPhrase(int status) {
-    switch (status) {
-    case 200: return "OK";
-    case 201: return "Created";
-    case 204: return "No Content";
-    case 301: return "Moved Permanently";
-    case 302: return "Found";
-    case 307: return "Temporary Redirect";
-    case 400: return "Bad Request";
-    case 401: return "Unauthorized";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 500: return "Internal Server Error";
-    case 502: return "Bad Gateway";
-    case 503: return "Service Unavailable";
-    default: return "Status";
-    }
-}
-
-} // namespace
-
 std::optional<QByteArray> RecordedRequest::header(const QByteArray& name) const {
     auto it = headers.find(name.toLower());
     if (it == headers.end()) return std::nullopt;
@@ -118,53 +95,43 @@ void LocalHttpServer::accept() {
     }
 }
 
+// One request per connection: the clients close after the reply.
 void LocalHttpServer::readFrom(QTcpSocket* socket) {
     QByteArray& buffer = buffers_[socket];
     buffer += socket->readAll();
-    for (;;) {
-        const qsizetype headerEnd = buffer.indexOf("\r\n\r\n");
-        if (headerEnd < 0) return;
-        const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
-        RecordedRequest request;
-        const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
-        request.method = requestLine.value(0);
-        const QByteArray target = requestLine.value(1);
-        const qsizetype question = target.indexOf('?');
-        request.path = question < 0 ? target : target.left(question);
-        request.query = question < 0 ? QByteArray() : target.mid(question + 1);
-        for (qsizetype i = 1; i < lines.size(); ++i) {
-            const QByteArray line = lines[i].trimmed();
-            const qsizetype colon = line.indexOf(':');
-            if (colon > 0) request.headers[line.left(colon).trimmed().toLower()] = line.mid(colon + 1).trimmed();
-        }
-        const qsizetype length = request.header("content-length").value_or("0").toLongLong();
-        if (buffer.size() < headerEnd + 4 + length) return;
-        request.body = buffer.mid(headerEnd + 4, length);
-        buffer.remove(0, headerEnd + 4 + length);
-
-        requests_.push_back(request);
-        auto route = routes_.find({request.method, request.path});
-        if (route == routes_.end() && fallback_) {
-            if (auto response = fallback_(request))
-                respond(socket, *response);
-            else
-                held_.emplace_back(socket);
-            return;
-        }
-        if (route == routes_.end()) {
-            respond(socket, CannedResponse{404, {{"Content-Type", "text/plain"}}, "no route"});
-            return;
-        }
-        if (auto response = route->second(request))
-            respond(socket, *response);
-        else
-            held_.emplace_back(socket);
-        return; // one request per connection
+    const qsizetype headerEnd = buffer.indexOf("\r\n\r\n");
+    if (headerEnd < 0) return;
+    const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
+    RecordedRequest request;
+    const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
+    request.method = requestLine.value(0);
+    const QByteArray target = requestLine.value(1);
+    const qsizetype question = target.indexOf('?');
+    request.path = question < 0 ? target : target.left(question);
+    request.query = question < 0 ? QByteArray() : target.mid(question + 1);
+    for (qsizetype i = 1; i < lines.size(); ++i) {
+        const QByteArray line = lines[i].trimmed();
+        const qsizetype colon = line.indexOf(':');
+        if (colon > 0) request.headers[line.left(colon).trimmed().toLower()] = line.mid(colon + 1).trimmed();
     }
+    const qsizetype length = request.header("content-length").value_or("0").toLongLong();
+    if (buffer.size() < headerEnd + 4 + length) return;
+    request.body = buffer.mid(headerEnd + 4, length);
+    buffer.clear();
+
+    requests_.push_back(request);
+    const auto route = routes_.find({request.method, request.path});
+    const Handler& handler = route != routes_.end() ? route->second : fallback_;
+    if (!handler)
+        respond(socket, CannedResponse{404, {{"Content-Type", "text/plain"}}, "no route"});
+    else if (auto response = handler(request))
+        respond(socket, *response);
+    else
+        held_.emplace_back(socket);
 }
 
 void LocalHttpServer::respond(QTcpSocket* socket, const CannedResponse& response) {
-    QByteArray out = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' + reasonPhrase(response.status) + "\r\n";
+    QByteArray out = "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
     for (const auto& [name, value] : response.headers) out += name + ": " + value + "\r\n";
     out += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
     out += "Connection: close\r\n\r\n";
