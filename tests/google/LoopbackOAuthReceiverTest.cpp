@@ -137,8 +137,14 @@ TEST_F(ReceiverStateTest, FailuresAfterTheRequestEndWithTheFailurePage) {
     EXPECT_EQ(listener->sent, (std::vector<QByteArray>{loopbackResponse(true), loopbackResponse(false)}));
 }
 
-// The time limit over real sockets: TcpReceiverTest.
-TEST_F(ReceiverStateTest, CancellationSendsNoPage) {
+TEST_F(ReceiverStateTest, TimeoutAndCancellationSendNoPage) {
+    syncWait(receiver->start());
+    auto timed = receiver->waitForCallback("s");
+    clock->fire();
+    expectError<LoopbackOAuthReceiverError>([&] { syncWait(timed); }, Kind::timedOut);
+    EXPECT_TRUE(listener->sent.empty());
+    EXPECT_EQ(receiver->phase(), Phase::terminated);
+
     for (bool byReceiver : {true, false}) {
         fresh();
         syncWait(receiver->start());
