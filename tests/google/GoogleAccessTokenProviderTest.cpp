@@ -6,7 +6,6 @@
 
 #include "google/GoogleAccessTokenProvider.h"
 
-#include <QTimer>
 
 using namespace tavelo;
 using namespace tavelo::testing;
@@ -40,8 +39,6 @@ protected:
         f.refreshWaiterDidCancel = [this] { ++cancelled; };
         return GoogleAccessTokenProvider::make(std::move(f));
     }
-
-    static void spin(int milliseconds = 20) { LocalHttpServer::waitUntil([] { return false; }, milliseconds); }
 
     const QString subject = QStringLiteral("108234567890123456789");
     GoogleOAuthStandIn google;

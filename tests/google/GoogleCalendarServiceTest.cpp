@@ -23,12 +23,11 @@ using ServiceKind = GoogleCalendarServiceError::Kind;
 using testing::FixedTokenProvider;
 
 QJsonObject timed(const QString& id, const QString& summary, int day, int hour = 10) {
-    const QString start = QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(hour, 2, 10, QChar('0'));
-    const QString end = QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(hour + 1, 2, 10, QChar('0'));
+    const auto at = [&](int h) { return QStringLiteral("2026-12-%1T%2:00:00+09:00").arg(day, 2, 10, QChar('0')).arg(h, 2, 10, QChar('0')); };
     return QJsonObject{{"id", id},
                        {"summary", summary},
-                       {"start", QJsonObject{{"dateTime", start}, {"timeZone", "Asia/Tokyo"}}},
-                       {"end", QJsonObject{{"dateTime", end}, {"timeZone", "Asia/Tokyo"}}}};
+                       {"start", QJsonObject{{"dateTime", at(hour)}, {"timeZone", "Asia/Tokyo"}}},
+                       {"end", QJsonObject{{"dateTime", at(hour + 1)}, {"timeZone", "Asia/Tokyo"}}}};
 }
 
 const QString kAlice = QStringLiteral("alice@example.com");
@@ -110,6 +109,27 @@ protected:
         return nullptr;
     }
 
+    // A group of one event on three calendars of two accounts, the last copy a
+    // busy block of the first.
+    static std::vector<CalendarEvent> groupOnThree(const AppSnapshot& snapshot, const UUID& groupID) {
+        const Date start = *Date::fromIsoString("2026-12-10T01:00:00Z");
+        std::vector<CalendarEvent> events;
+        for (const QString& googleID : {kAlice, kFamily, kBob}) {
+            CalendarEvent e;
+            e.id = UUID::random();
+            e.groupID = groupID;
+            e.title = QStringLiteral("Planning");
+            e.start = start;
+            e.end = start.addingSeconds(3600);
+            e.calendarID = calendarID(snapshot, googleID);
+            events.push_back(e);
+        }
+        events[2].isGeneratedBusyBlock = true;
+        events[2].sourceEventID = events[0].id;
+        events[2].title = QStringLiteral("Busy");
+        return events;
+    }
+
     template <class Body>
     std::optional<GoogleCalendarServiceError> failureOf(Body body) {
         return tavelo::testing::failureOf<GoogleCalendarServiceError>(body);
@@ -132,7 +152,13 @@ TEST_F(GoogleCalendarServiceTest, TwoAccountsSyncIntoOneFileThenOnlyChangesTrave
     const Account alice = connect();
     const Account bob = connect();
     EXPECT_NE(alice.id, bob.id);
-    syncWait(service->syncAllGoogleAccounts({}));
+    // Both syncs start at once; the second waits at the gate until the first has saved.
+    auto first = service->syncGoogleAccount(alice.id, {});
+    auto second = service->syncGoogleAccount(bob.id, {});
+    EXPECT_EQ(service->transactionGate().waiterCount(), 1u);
+    syncWait(first);
+    syncWait(second);
+    EXPECT_FALSE(service->transactionGate().isLocked());
 
     AppSnapshot stored = onDisk();
     EXPECT_EQ(eventsOn(stored, kAlice), 30);
@@ -160,45 +186,6 @@ TEST_F(GoogleCalendarServiceTest, TwoAccountsSyncIntoOneFileThenOnlyChangesTrave
     ASSERT_TRUE(eventByGoogleID(stored, "alice3"));
     EXPECT_EQ(eventByGoogleID(stored, "alice3")->title, "Moved review");
     EXPECT_FALSE(eventByGoogleID(stored, "alice4"));
-}
-
-TEST_F(GoogleCalendarServiceTest, ExpiredTokenRestartsWithAFullListingThatReplacesNothingUntilWhole) {
-    const Account alice = connect();
-    syncWait(service->syncGoogleAccount(alice.id, {}));
-    const AppSnapshot before = onDisk();
-
-    // Deleted at Google while the token expires: the full listing has no
-    // "cancelled" item for it, yet it must go.
-    aliceGoogle.cancelEvent(kAlice, "alice7");
-    aliceGoogle.expireSyncTokens();
-    // The restart is cut off after its first page (there are more than 250 events now).
-    for (int i = 0; i < 300; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("bulk%1").arg(i), "Bulk", 10));
-    aliceGoogle.failNextAt("GET", "/calendars/alice%40example.com/events?maxResults=250&showDeleted=true&singleEvents=true&pageToken=",
-                           GoogleCalendarStandIn::googleError(503, "backendError", "Service Unavailable"));
-    const UUID aliceCalendar = calendarID(before, kAlice);
-    auto partial = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
-    ASSERT_TRUE(partial);
-    EXPECT_EQ(partial->kind(), ServiceKind::partialSync);
-    EXPECT_EQ(partial->failedCalendarIDs(), std::vector<UUID>{aliceCalendar});
-    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::failed);
-    const auto warnings = syncWait(service->googleSyncWarnings(alice.id));
-    EXPECT_NE(std::find(warnings.begin(), warnings.end(), GoogleSyncWarning::calendarFailed(aliceCalendar)), warnings.end());
-
-    AppSnapshot interrupted = onDisk();
-    EXPECT_EQ(eventsOn(interrupted, kAlice), 30) << "nothing is replaced by half a listing";
-    EXPECT_TRUE(eventByGoogleID(interrupted, "alice7"));
-    EXPECT_EQ(eventsOn(interrupted, kFamily), 5);
-    // A partial failure leaves the account's last sync as it was.
-    EXPECT_EQ(interrupted.accounts.front().lastSync, before.accounts.front().lastSync);
-
-    // The next sync completes the restart.
-    syncWait(service->syncGoogleAccount(alice.id, {}));
-    AppSnapshot after = onDisk();
-    EXPECT_EQ(eventsOn(after, kAlice), 29 + 300);
-    EXPECT_FALSE(eventByGoogleID(after, "alice7"));
-    // Local ids survive the full listing.
-    EXPECT_EQ(eventByGoogleID(after, "alice1")->id, eventByGoogleID(before, "alice1")->id);
-    EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::connected);
 }
 
 TEST_F(GoogleCalendarServiceTest, RejectedCredentialsStopOneAccountAndTheOtherStillSyncs) {
@@ -305,100 +292,21 @@ TEST_F(GoogleCalendarServiceTest, DisconnectErasesTheLocalCopyAndReconnectingGiv
               GoogleCalendarServiceError::accountNotFound());
 }
 
-TEST_F(GoogleCalendarServiceTest, TransactionsRunOneAtATime) {
-    const Account alice = connect();
-    const Account bob = connect();
-    // Both syncs are started at once; the second waits at the gate until the
-    // first has saved.
-    auto first = service->syncGoogleAccount(alice.id, {});
-    auto second = service->syncGoogleAccount(bob.id, {});
-    EXPECT_EQ(service->transactionGate().waiterCount(), 1u);
-    syncWait(first);
-    syncWait(second);
-    AppSnapshot stored = onDisk();
-    EXPECT_EQ(eventsOn(stored, kAlice), 30);
-    EXPECT_EQ(eventsOn(stored, kBob), 12);
-    EXPECT_FALSE(service->transactionGate().isLocked());
-}
-
-// A group of one event on three calendars of two accounts, the last copy a
-// busy block of the first.
-std::vector<CalendarEvent> groupOnThree(const AppSnapshot& snapshot, const UUID& groupID) {
-    const auto calendarOf = [&](const QString& googleID) {
-        for (const auto& c : snapshot.calendars)
-            if (c.googleCalendarID == googleID) return c.id;
-        return UUID();
-    };
-    const Date start = *Date::fromIsoString("2026-12-10T01:00:00Z");
-    std::vector<CalendarEvent> events;
-    for (const QString& googleID : {kAlice, kFamily, kBob}) {
-        CalendarEvent e;
-        e.id = UUID::random();
-        e.groupID = groupID;
-        e.title = QStringLiteral("Planning");
-        e.start = start;
-        e.end = start.addingSeconds(3600);
-        e.calendarID = calendarOf(googleID);
-        events.push_back(e);
-    }
-    events[2].isGeneratedBusyBlock = true;
-    events[2].sourceEventID = events[0].id;
-    events[2].title = QStringLiteral("Busy");
-    return events;
-}
-
-TEST_F(GoogleCalendarServiceTest, GroupOnThreeCalendarsFailsInTheMiddleAndTheRetrySendsOnlyTheRest) {
-    const Account alice = connect();
-    const Account bob = connect();
-    syncWait(service->syncAllGoogleAccounts({}));
-    const UUID groupID = UUID::random();
-    const auto desired = groupOnThree(onDisk(), groupID);
-
-    aliceGoogle.failNextAt("POST", "family", GoogleCalendarStandIn::googleError(403, "forbiddenForNonOrganizer", "Forbidden"));
-    auto partial = failureOf([&] { syncWait(service->createEvents(desired)); });
-    ASSERT_TRUE(partial);
-    EXPECT_EQ(partial->kind(), ServiceKind::partialOperation);
-    EXPECT_EQ(partial->operation(), GoogleMutationOperation::create);
-    const GoogleMutationDestination second{alice.id, desired[1].calendarID, desired[1].id};
-    EXPECT_EQ(partial->remainingDestinations(), std::vector<GoogleMutationDestination>{second});
-    EXPECT_TRUE(partial->conflictingDestinations().empty());
-
-    AppSnapshot stored = onDisk();
-    ASSERT_TRUE(storedEventByID(stored, desired[0].id) && storedEventByID(stored, desired[2].id));
-    EXPECT_TRUE(storedEventByID(stored, desired[0].id)->googleEventID);
-    EXPECT_TRUE(storedEventByID(stored, desired[2].id)->googleEventID);
-    EXPECT_TRUE(storedEventByID(stored, desired[2].id)->isGeneratedBusyBlock);
-    // The failed copy is kept as desired, without a Google id.
-    ASSERT_TRUE(storedEventByID(stored, desired[1].id));
-    EXPECT_FALSE(storedEventByID(stored, desired[1].id)->googleEventID);
-    EXPECT_EQ(bobGoogle.liveEventCount(kBob), 13);
-
-    const int aliceRequests = int(aliceGoogle.server().requests().size());
-    const int bobRequests = int(bobGoogle.server().requests().size());
-    syncWait(service->retryMutation(GoogleMutationOperation::create, groupID, desired, partial->remainingDestinations()));
-    EXPECT_EQ(int(aliceGoogle.server().requests().size()), aliceRequests + 1);
-    EXPECT_EQ(int(bobGoogle.server().requests().size()), bobRequests);
-    EXPECT_EQ(aliceGoogle.liveEventCount(kFamily), 6);
-    EXPECT_EQ(aliceGoogle.liveEventCount(kAlice), 31);
-    EXPECT_TRUE(storedEventByID(onDisk(), desired[1].id)->googleEventID);
-
-    // A sync afterwards finds the copies by their Google ids and keeps the links.
-    syncWait(service->syncAllGoogleAccounts({}));
-    stored = onDisk();
-    EXPECT_EQ(storedEventByID(stored, desired[2].id)->sourceEventID, desired[0].id);
-    EXPECT_EQ(std::count_if(stored.events.begin(), stored.events.end(), [&](const CalendarEvent& e) { return e.groupID == groupID; }), 3);
-}
-
 TEST_F(GoogleCalendarServiceTest, EditsRemoteChangesAndDeletesFollowTheGroup) {
     const Account alice = connect();
     connect();
     syncWait(service->syncAllGoogleAccounts({}));
     const UUID groupID = UUID::random();
-    auto desired = syncWait(service->createEvents(groupOnThree(onDisk(), groupID)));
+    const auto made = groupOnThree(onDisk(), groupID);
+    auto desired = syncWait(service->createEvents(made));
     std::vector<CalendarEvent> group;
     for (const auto& e : desired)
         if (e.groupID == groupID) group.push_back(e);
     ASSERT_EQ(group.size(), 3u);
+    // A sync afterwards finds the copies by their Google ids and keeps the links.
+    syncWait(service->syncAllGoogleAccounts({}));
+    EXPECT_EQ(storedEventByID(onDisk(), made[2].id)->sourceEventID, made[0].id);
+    EXPECT_EQ(aliceGoogle.liveEventCount(kFamily), 6);
 
     // Only the tag changes: a patch of extended properties that mails nobody.
     const int patchesBefore = aliceGoogle.countOf("PATCH") + bobGoogle.countOf("PATCH");
@@ -448,7 +356,8 @@ TEST_F(GoogleCalendarServiceTest, EditsRemoteChangesAndDeletesFollowTheGroup) {
 
 TEST_F(GoogleCalendarServiceTest, MeetLinkAskedOnCreateArrivesWithALaterSync) {
     const Account alice = connect();
-    syncWait(service->syncGoogleAccount(alice.id, {}));
+    connect();
+    syncWait(service->syncAllGoogleAccounts({}));
     auto event = groupOnThree(onDisk(), UUID::random()).front();
     event.meetURL = CalendarEvent::pendingMeetURL();
     syncWait(service->createEvents({event}));
@@ -487,8 +396,13 @@ TEST_F(GoogleCalendarServiceTest, HostileListingsEndInErrorsAndLeaveTheStoreAlon
         auto failure = failureOf([&] { syncWait(service->syncGoogleAccount(alice.id, {})); });
         ASSERT_TRUE(failure) << body.toStdString();
         EXPECT_EQ(failure->failedCalendarIDs(), std::vector<UUID>{aliceCalendar}) << body.toStdString();
+        EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::failed);
+        const auto warnings = syncWait(service->googleSyncWarnings(alice.id));
+        EXPECT_NE(std::find(warnings.begin(), warnings.end(), GoogleSyncWarning::calendarFailed(aliceCalendar)), warnings.end());
         const AppSnapshot now = onDisk();
         EXPECT_EQ(now.events, before.events) << body.toStdString();
+        // A partial failure leaves the account's last sync as it was.
+        EXPECT_EQ(now.accounts.front().lastSync, before.accounts.front().lastSync);
     }
 
     // An unreadable item is counted in the account's warnings; the rest syncs.

@@ -54,6 +54,20 @@ void mergePatch(QJsonObject& target, const QJsonObject& patch) {
     }
 }
 
+// A query parameter, if sent.
+std::optional<QString> param(const std::map<QString, QString>& query, const char* key) {
+    auto it = query.find(QString::fromLatin1(key));
+    return it == query.end() ? std::nullopt : std::optional<QString>(it->second);
+}
+
+// A request body that is one JSON object.
+std::optional<QJsonObject> objectBody(const QByteArray& body) {
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(body, &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject()) return std::nullopt;
+    return document.object();
+}
+
 bool isBase32HexID(const QString& id) {
     static const QRegularExpression pattern(QStringLiteral("^[a-v0-9]{5,1024}$"));
     return pattern.match(id).hasMatch();
@@ -86,6 +100,11 @@ void GoogleCalendarStandIn::addCalendar(const QString& id, const QString& summar
     if (primary) entry.insert("primary", true);
     if (!calendars_.contains(id)) calendarOrder_.push_back(id);
     calendars_[id].entry = entry;
+}
+
+bool GoogleCalendarStandIn::matchesETag(const RecordedRequest& request, const StoredEvent& stored) {
+    const auto ifMatch = request.header("if-match");
+    return !ifMatch || *ifMatch == "*" || QString::fromUtf8(*ifMatch) == stored.body.value("etag").toString();
 }
 
 void GoogleCalendarStandIn::stamp(StoredEvent& stored) {
@@ -167,7 +186,6 @@ std::optional<CannedResponse> GoogleCalendarStandIn::handle(const RecordedReques
     for (const QByteArray& raw : request.path.mid(base.size() + 1).split('/'))
         segments.push_back(QUrl::fromPercentEncoding(raw));
     const auto query = parseForm(request.query).value_or(std::map<QString, QString>());
-    ++handled_;
 
     const QByteArray& method = request.method;
     if (segments.size() == 3 && segments[0] == "users" && segments[1] == "me" && segments[2] == "calendarList" &&
@@ -188,13 +206,13 @@ std::optional<CannedResponse> GoogleCalendarStandIn::handle(const RecordedReques
 
 CannedResponse GoogleCalendarStandIn::listCalendars(const std::map<QString, QString>& query) {
     int pageSize = 100;
-    if (auto it = query.find("maxResults"); it != query.end()) pageSize = std::min(it->second.toInt(), kMaximumCalendarPageSize);
+    if (auto max = param(query, "maxResults")) pageSize = std::min(max->toInt(), kMaximumCalendarPageSize);
     if (pageSize < 1) return googleError(400, "invalid", "Invalid value for maxResults");
     std::size_t offset = 0;
-    if (auto it = query.find("pageToken"); it != query.end()) {
+    if (auto pageToken = param(query, "pageToken")) {
         bool ok = false;
-        offset = it->second.mid(4).toULongLong(&ok);
-        if (!it->second.startsWith("cal-") || !ok) return googleError(400, "invalid", "Invalid page token");
+        offset = pageToken->mid(4).toULongLong(&ok);
+        if (!pageToken->startsWith("cal-") || !ok) return googleError(400, "invalid", "Invalid page token");
     }
     QJsonArray items;
     for (std::size_t i = offset; i < calendarOrder_.size() && items.size() < pageSize; ++i)
@@ -218,10 +236,7 @@ QJsonObject GoogleCalendarStandIn::listedForm(const StoredEvent& stored) const {
 
 CannedResponse GoogleCalendarStandIn::listEvents(const QString& calendarID, const std::map<QString, QString>& query) {
     Calendar& calendar = calendars_.at(calendarID);
-    const auto value = [&](const char* key) -> std::optional<QString> {
-        auto it = query.find(QString::fromLatin1(key));
-        return it == query.end() ? std::nullopt : std::optional<QString>(it->second);
-    };
+    const auto value = [&](const char* key) { return param(query, key); };
     int pageSize = 250;
     if (auto max = value("maxResults")) pageSize = std::min(max->toInt(), kMaximumEventPageSize);
     if (pageSize < 1) return googleError(400, "invalid", "Invalid value for maxResults");
@@ -300,9 +315,15 @@ CannedResponse GoogleCalendarStandIn::listEvents(const QString& calendarID, cons
 }
 
 bool GoogleCalendarStandIn::startsConference(const QJsonObject& body, const std::map<QString, QString>& query) {
-    auto version = query.find("conferenceDataVersion");
-    return version != query.end() && version->second == "1" &&
+    return param(query, "conferenceDataVersion") == QStringLiteral("1") &&
            body.value("conferenceData").toObject().value("createRequest").isObject();
+}
+
+void GoogleCalendarStandIn::startConference(QJsonObject& body, const QJsonObject& asked, StoredEvent& stored) {
+    QJsonObject create = asked.value("createRequest").toObject();
+    create.insert("status", QJsonObject{{"statusCode", "pending"}});
+    body.insert("conferenceData", QJsonObject{{"createRequest", create}});
+    stored.conferenceReadsLeft = kConferenceReadsUntilReady;
 }
 
 void GoogleCalendarStandIn::advanceConference(StoredEvent& stored) {
@@ -340,11 +361,9 @@ bool GoogleCalendarStandIn::withinPropertyLimits(const QJsonObject& event) {
 
 CannedResponse GoogleCalendarStandIn::insertEvent(const QString& calendarID, const RecordedRequest& request,
                                                   const std::map<QString, QString>& query) {
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(request.body, &error);
-    if (error.error != QJsonParseError::NoError || !document.isObject())
-        return googleError(400, "parseError", "Parse Error");
-    QJsonObject body = document.object();
+    auto parsed = objectBody(request.body);
+    if (!parsed) return googleError(400, "parseError", "Parse Error");
+    QJsonObject body = *parsed;
     auto& events = calendars_.at(calendarID).events;
     QString id = body.value("id").toString();
     if (body.contains("id") && !isBase32HexID(id)) return googleError(400, "invalid", "Invalid resource id value.");
@@ -359,15 +378,10 @@ CannedResponse GoogleCalendarStandIn::insertEvent(const QString& calendarID, con
     body.insert("status", "confirmed");
     body.insert("iCalUID", id + QStringLiteral("@google.com"));
     StoredEvent stored;
-    if (startsConference(body, query)) {
-        QJsonObject conference = body.value("conferenceData").toObject();
-        QJsonObject create = conference.value("createRequest").toObject();
-        create.insert("status", QJsonObject{{"statusCode", "pending"}});
-        body.insert("conferenceData", QJsonObject{{"createRequest", create}});
-        stored.conferenceReadsLeft = conferenceReadsUntilReady_;
-    } else {
+    if (startsConference(body, query))
+        startConference(body, body.value("conferenceData").toObject(), stored);
+    else
         body.remove("conferenceData");
-    }
     stored.body = body;
     stamp(stored);
     events[id] = stored;
@@ -389,14 +403,10 @@ CannedResponse GoogleCalendarStandIn::patchEvent(const QString& calendarID, cons
     auto it = events.find(eventID);
     if (it == events.end() || it->second.body.value("status").toString() == QLatin1String("cancelled"))
         return googleError(404, "notFound", "Not Found");
-    if (auto ifMatch = request.header("if-match"); ifMatch && *ifMatch != "*" &&
-                                                   QString::fromUtf8(*ifMatch) != it->second.body.value("etag").toString())
-        return googleError(412, "conditionNotMet", "Precondition Failed");
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(request.body, &error);
-    if (error.error != QJsonParseError::NoError || !document.isObject())
-        return googleError(400, "parseError", "Parse Error");
-    QJsonObject patch = document.object();
+    if (!matchesETag(request, it->second)) return googleError(412, "conditionNotMet", "Precondition Failed");
+    auto parsed = objectBody(request.body);
+    if (!parsed) return googleError(400, "parseError", "Parse Error");
+    QJsonObject patch = *parsed;
     patch.remove("id");
     const bool conference = startsConference(patch, query);
     if (!conference) patch.remove("conferenceData");
@@ -405,11 +415,8 @@ CannedResponse GoogleCalendarStandIn::patchEvent(const QString& calendarID, cons
     mergePatch(merged, patch);
     if (!withinPropertyLimits(merged)) return googleError(400, "invalid", "Extended properties exceed the limits.");
     if (conference) {
-        QJsonObject create = patch.value("conferenceData").toObject().value("createRequest").toObject();
-        create.insert("status", QJsonObject{{"statusCode", "pending"}});
-        merged.insert("conferenceData", QJsonObject{{"createRequest", create}});
+        startConference(merged, patch.value("conferenceData").toObject(), it->second);
         merged.remove("hangoutLink");
-        it->second.conferenceReadsLeft = conferenceReadsUntilReady_;
     }
     it->second.body = merged;
     stamp(it->second);
@@ -423,9 +430,7 @@ CannedResponse GoogleCalendarStandIn::deleteEvent(const QString& calendarID, con
     if (it == events.end()) return googleError(404, "notFound", "Not Found");
     if (it->second.body.value("status").toString() == QLatin1String("cancelled"))
         return googleError(410, "deleted", "Resource has been deleted");
-    if (auto ifMatch = request.header("if-match"); ifMatch && *ifMatch != "*" &&
-                                                   QString::fromUtf8(*ifMatch) != it->second.body.value("etag").toString())
-        return googleError(412, "conditionNotMet", "Precondition Failed");
+    if (!matchesETag(request, it->second)) return googleError(412, "conditionNotMet", "Precondition Failed");
     it->second.body.insert("status", "cancelled");
     stamp(it->second);
     return CannedResponse{204, {}, {}};

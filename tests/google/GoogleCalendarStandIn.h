@@ -82,12 +82,8 @@ public:
     void clearHolds() { holds_.clear(); }
     // A Google error body with one reason.
     static CannedResponse googleError(int status, const char* reason, const char* message);
-    // A conference asked for on insert or patch is ready after this many reads.
-    void setConferenceReadsUntilReady(int reads) { conferenceReadsUntilReady_ = reads; }
 
     int countOf(const QByteArray& method) const;
-    // Requests that reached the calendar logic, after faults and token checks.
-    int handledCount() const { return handled_; }
 
 private:
     struct StoredEvent {
@@ -120,6 +116,8 @@ private:
     CannedResponse freeBusy(const RecordedRequest& request);
 
     void stamp(StoredEvent& stored);
+    static bool matchesETag(const RecordedRequest& request, const StoredEvent& stored);
+    static void startConference(QJsonObject& body, const QJsonObject& asked, StoredEvent& stored);
     void advanceConference(StoredEvent& stored);
     static bool startsConference(const QJsonObject& body, const std::map<QString, QString>& query);
     static bool withinPropertyLimits(const QJsonObject& event);
@@ -142,8 +140,8 @@ private:
     std::vector<std::pair<QByteArray, QByteArray>> holds_;
     std::int64_t sequence_ = 1000;
     std::uint64_t tokenCounter_ = 0;
-    int conferenceReadsUntilReady_ = 1;
-    int handled_ = 0;
+    // A conference asked for on insert or patch is ready after this many reads.
+    static constexpr int kConferenceReadsUntilReady = 1;
 };
 
 } // namespace tavelo::testing

@@ -28,6 +28,12 @@ bool isLoopbackRedirect(const QString& uri) {
             url.host() == QLatin1String("localhost"));
 }
 
+// A form value, empty when not sent.
+QString formValue(const std::map<QString, QString>& form, const char* key) {
+    auto it = form.find(QString::fromLatin1(key));
+    return it == form.end() ? QString() : it->second;
+}
+
 CannedResponse errorPage(int status, const QByteArray& text) {
     return CannedResponse::html(status, "<!doctype html><title>Error</title><p>" + text + "</p>");
 }
@@ -107,10 +113,7 @@ CannedResponse GoogleOAuthStandIn::authorize(const RecordedRequest& request) {
     const auto query = parseForm(request.query);
     if (!query) return errorPage(400, "Error 400: invalid_request");
     lastAuthorizationQuery_ = *query;
-    auto value = [&](const char* key) {
-        auto it = query->find(QString::fromLatin1(key));
-        return it == query->end() ? QString() : it->second;
-    };
+    const auto value = [&](const char* key) { return formValue(*query, key); };
     if (value("client_id") != clientID_) return errorPage(401, "Error 401: invalid_client");
     const QString redirectURI = value("redirect_uri");
     if (!isLoopbackRedirect(redirectURI)) return errorPage(400, "Error 400: redirect_uri_mismatch");
@@ -136,7 +139,7 @@ CannedResponse GoogleOAuthStandIn::authorize(const RecordedRequest& request) {
 CannedResponse GoogleOAuthStandIn::tokenReply(const Grant& grant, const std::optional<QString>& refreshToken) {
     const QString accessToken = opaqueToken("ya29.");
     accessTokens_[accessToken] = grant;
-    QJsonObject body{{"access_token", accessToken}, {"expires_in", accessTokenLifetime_}, {"token_type", "Bearer"}};
+    QJsonObject body{{"access_token", accessToken}, {"expires_in", kAccessTokenLifetime}, {"token_type", "Bearer"}};
     if (!omitsScope_) body.insert("scope", grant.scopes.join(QLatin1Char(' ')));
     if (refreshToken) body.insert("refresh_token", *refreshToken);
     return CannedResponse::json(200, QJsonDocument(body).toJson(QJsonDocument::Compact));
@@ -147,10 +150,7 @@ CannedResponse GoogleOAuthStandIn::token(const RecordedRequest& request) {
         return oauthError(400, "invalid_request", "Bad Request");
     const auto form = parseForm(request.body);
     if (!form) return oauthError(400, "invalid_request", "Bad Request");
-    auto value = [&](const char* key) {
-        auto it = form->find(QString::fromLatin1(key));
-        return it == form->end() ? QString() : it->second;
-    };
+    const auto value = [&](const char* key) { return formValue(*form, key); };
     if (value("client_id") != clientID_ || value("client_secret") != clientSecret_)
         return oauthError(401, "invalid_client", "The OAuth client was not found.");
 
@@ -206,8 +206,7 @@ CannedResponse GoogleOAuthStandIn::userInfo(const RecordedRequest& request) {
 }
 
 CannedResponse GoogleOAuthStandIn::revoke(const RecordedRequest& request) {
-    const auto form = parseForm(request.body);
-    const QString token = form && form->contains(QStringLiteral("token")) ? form->at(QStringLiteral("token")) : QString();
+    const QString token = formValue(parseForm(request.body).value_or(std::map<QString, QString>()), "token");
     if (auto grant = refreshTokens_.find(token); grant != refreshTokens_.end()) {
         const QString subject = grant->second.account.subject;
         refreshTokens_.erase(grant);

@@ -49,7 +49,6 @@ public:
     void setIssuesRefreshTokens(bool issues) { issuesRefreshTokens_ = issues; }
     // Every refresh hands out a new refresh token and retires the old one.
     void setRotatesRefreshTokens(bool rotates) { rotatesRefreshTokens_ = rotates; }
-    void setAccessTokenLifetime(int seconds) { accessTokenLifetime_ = seconds; }
     // Leave "scope" out of token responses.
     void setOmitsScope(bool omits) { omitsScope_ = omits; }
 
@@ -101,7 +100,7 @@ private:
     bool issuesRefreshTokens_ = true;
     bool rotatesRefreshTokens_ = false;
     bool omitsScope_ = false;
-    int accessTokenLifetime_ = 3599;
+    static constexpr int kAccessTokenLifetime = 3599;
     bool holdsTokenRequests_ = false;
     std::deque<CannedResponse> heldTokenResponses_;
     std::map<QByteArray, std::deque<CannedResponse>> faults_;

@@ -31,15 +31,19 @@ public:
     std::vector<BackgroundTask<bool>> visits;
 };
 
+class GoogleServicesWiringTest : public ::testing::Test {
+protected:
+    GoogleOAuthStandIn oauth{kClientID, kClientSecret};
+    std::shared_ptr<MemoryDefaults> defaults = std::make_shared<MemoryDefaults>();
+    std::shared_ptr<KeychainSecretStore> secrets = std::make_shared<KeychainSecretStore>();
+    GoogleServiceSeams seams{nullptr, std::make_shared<VisitingOpener>(), secrets, oauth.endpoints()};
+    const GoogleOAuthConfiguration configuration{kClientID, kClientSecret};
+    const QString workspaceID = "ws-" + UUID::random().toString();
+};
+
 } // namespace
 
-TEST(GoogleServicesWiringTest, WorkspacePartsSignInStoreAndHandOutTokens) {
-    GoogleOAuthStandIn google(kClientID, kClientSecret);
-    auto defaults = std::make_shared<MemoryDefaults>();
-    auto secrets = std::make_shared<KeychainSecretStore>();
-    GoogleServiceSeams seams{nullptr, std::make_shared<VisitingOpener>(), secrets, google.endpoints()};
-    const GoogleOAuthConfiguration configuration{kClientID, kClientSecret};
-
+TEST_F(GoogleServicesWiringTest, WorkspacePartsSignInStoreAndHandOutTokens) {
     EXPECT_FALSE(makeGoogleServicesFactory(defaults, nullptr, seams)(configuration, nullptr, "/data/users/ws-1"));
 
     std::optional<GoogleServiceParts> parts;
@@ -47,7 +51,6 @@ TEST(GoogleServicesWiringTest, WorkspacePartsSignInStoreAndHandOutTokens) {
         parts = std::move(made);
         return std::optional<TaveloGoogleServices>(TaveloGoogleServices{});
     }, seams);
-    const QString workspaceID = "ws-" + UUID::random().toString();
     ASSERT_TRUE(factory(configuration, nullptr, "/data/jp.tavelo.app/users/" + workspaceID));
     ASSERT_TRUE(parts);
     EXPECT_EQ(parts->workspaceID, workspaceID);
@@ -58,7 +61,7 @@ TEST(GoogleServicesWiringTest, WorkspacePartsSignInStoreAndHandOutTokens) {
     ASSERT_EQ(item.status, SecretStatus::success);
     const GoogleCredential stored = GoogleCredential::fromJson(item.data);
     EXPECT_EQ(syncWait(parts->makeTokenProvider(identity.subject)->accessToken()), stored.accessToken);
-    EXPECT_EQ(google.refreshCount(), 0);
+    EXPECT_EQ(oauth.refreshCount(), 0);
     syncWait(parts->coordinator->disconnect(identity.subject));
 
     // With a collection chosen in the defaults, the store uses it.
@@ -73,8 +76,7 @@ TEST(GoogleServicesWiringTest, WorkspacePartsSignInStoreAndHandOutTokens) {
 // The production calendar service builder: sign-in through the coordinator,
 // tokens from the account's provider, listings from the Calendar stand-in,
 // everything into a real SQLite file.
-TEST(GoogleServicesWiringTest, BuiltCalendarServiceSignsInAndSyncsAnAccount) {
-    GoogleOAuthStandIn oauth(kClientID, kClientSecret);
+TEST_F(GoogleServicesWiringTest, BuiltCalendarServiceSignsInAndSyncsAnAccount) {
     GoogleCalendarStandIn calendar;
     calendar.setTokenValidator([&](const QString& token) { return oauth.isAccessTokenLive(token); });
     calendar.addCalendar("hanako@example.com", "Hanako", true);
@@ -85,14 +87,10 @@ TEST(GoogleServicesWiringTest, BuiltCalendarServiceSignsInAndSyncsAnAccount) {
                                       {"start", QJsonObject{{"dateTime", "2026-12-01T10:00:00Z"}}},
                                       {"end", QJsonObject{{"dateTime", "2026-12-01T11:00:00Z"}}}});
 
-    auto defaults = std::make_shared<MemoryDefaults>();
-    GoogleServiceSeams seams{nullptr, std::make_shared<VisitingOpener>(), std::make_shared<KeychainSecretStore>(),
-                             oauth.endpoints()};
     auto factory = makeGoogleServicesFactory(defaults, googleCalendarServiceBuilder(nullptr, calendar.baseURL()), seams);
     QTemporaryDir dir;
     auto local = std::make_shared<LocalCalendarService>(dir.filePath("calendar.sqlite"));
-    const QString workspaceID = "ws-" + UUID::random().toString();
-    auto services = factory(GoogleOAuthConfiguration{kClientID, kClientSecret}, local, "/data/users/" + workspaceID);
+    auto services = factory(configuration, local, "/data/users/" + workspaceID);
     ASSERT_TRUE(services && services->calendarService && services->accountService);
 
     const Account account = syncWait(services->accountService->connectGoogleAccount({}));

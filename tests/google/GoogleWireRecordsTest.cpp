@@ -33,22 +33,14 @@ std::string encoded(const auto& record) { return encodeJson(record); }
 } // namespace
 
 TEST(GoogleWireRecordsTest, EventDecodesEveryFieldAndIgnoresUnknownKeys) {
+    // What the mapper reads of a record is checked through it; here what only
+    // the record holds.
     const auto e = decodeGoogleEvent(kFullEvent);
-    EXPECT_EQ(e.id, "evt1");
-    EXPECT_EQ(e.etag, "\"3391\"");
-    EXPECT_EQ(e.updated, "2026-01-04T10:00:00.123Z");
-    ASSERT_TRUE(e.start && e.end && e.originalStartTime);
-    EXPECT_EQ(e.start->timeZone, "Asia/Tokyo");
+    ASSERT_TRUE(e.originalStartTime);
     EXPECT_EQ(e.originalStartTime->date, "2026-01-05");
     EXPECT_FALSE(e.originalStartTime->dateTime);
-    EXPECT_EQ(e.recurringEventId, "master");
     ASSERT_TRUE(e.attendees);
-    EXPECT_EQ(e.attendees->at(0).displayName, "Ann");
     EXPECT_FALSE(e.attendees->at(0).id);
-    ASSERT_TRUE(e.reminders && e.reminders->overrides);
-    EXPECT_EQ(e.reminders->overrides->at(0).minutes, 10);
-    ASSERT_TRUE(e.conferenceData && e.conferenceData->entryPoints);
-    EXPECT_EQ(e.conferenceData->entryPoints->at(0).entryPointType, "video");
     ASSERT_NE(e.privateProperty("taveloGroupID"), nullptr);
     EXPECT_EQ(*e.privateProperty("taveloGroupID"), "aaaaaaaa-0000-4000-8000-000000000001");
     EXPECT_EQ(e.privateProperty("x"), nullptr); // shared properties are not private ones
@@ -134,25 +126,6 @@ TEST(GoogleWireRecordsTest, CalendarListPageSkipsEntriesWithoutUsableIds) {
     EXPECT_EQ(page.calendars[0].backgroundColor, "#9fe1e7");
     EXPECT_EQ(page.skippedItemCount, 4);
     EXPECT_EQ(page.nextPageToken, "p2");
-}
-
-TEST(GoogleWireRecordsTest, FreeBusyResponseDecodesPerCalendar) {
-    const auto response = decodeGoogleFreeBusyResponse(R"({
-      "kind": "calendar#freeBusy", "timeMin": "2026-01-05T00:00:00Z",
-      "calendars": {
-        "a@example.com": {"busy": [{"start": "2026-01-05T01:00:00Z", "end": "2026-01-05T02:00:00Z"}]},
-        "b@example.com": {"errors": [{"domain": "global", "reason": "notFound"}], "busy": []}
-      }})");
-    ASSERT_TRUE(response.calendars);
-    ASSERT_EQ(response.calendars->size(), 2u);
-    const auto& a = response.calendars->at("a@example.com");
-    ASSERT_TRUE(a.busy);
-    EXPECT_EQ(a.busy->at(0).end, "2026-01-05T02:00:00Z");
-    EXPECT_EQ(response.calendars->at("b@example.com").errors->at(0).reason, "notFound");
-
-    EXPECT_THROW(decodeGoogleFreeBusyResponse(R"({"calendars": {"a": {"busy": [{"start": "x"}]}}})"),
-                 JsonDecodingError);
-    EXPECT_THROW(decodeGoogleFreeBusyResponse(R"({"calendars": []})"), JsonDecodingError);
 }
 
 TEST(GoogleWireRecordsTest, PatchTellsOmittedFromCleared) {
