@@ -21,7 +21,6 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
-#include <csignal>
 #include <deque>
 
 #include <gtest/gtest.h>
@@ -459,6 +458,31 @@ TEST_F(GoogleStoreEndToEndTest, TwoAccountsSyncIntoOneStoreAndAnEditFansOutWithE
 
 }
 
+// An expired token restarts the calendar with a full listing; half of one
+// replaces nothing, and the event deleted meanwhile (absent from the full
+// listing, with no "cancelled" item) goes once the listing is whole.
+TEST_F(GoogleStoreEndToEndTest, ExpiredSyncTokenMidWayKeepsEveryEventUntilTheFullListingIsWhole) {
+    const Account alice = connect();
+    aliceGoogle.cancelEvent(kAlice, "alice7");
+    aliceGoogle.expireSyncTokens();
+    for (int i = 0; i < 300; ++i) aliceGoogle.putEvent(kAlice, timed(QStringLiteral("bulk%1").arg(i), "Bulk", 10));
+    // The restart breaks on its second page.
+    aliceGoogle.failNextAt("GET", "pageToken=", CannedResponse::json(200, R"({"items": [{"id": "bulk1", "summ)"));
+
+    EXPECT_FALSE(syncWait(store->syncGoogleAccount(alice.id)));
+    EXPECT_EQ(store->lastError(), kSyncFailed);
+    EXPECT_EQ(store->retryOperation(), StoreRetryOperation::syncGoogleAccount(alice.id));
+    EXPECT_EQ(eventsOn(store->events(), kAlice), 30);
+    EXPECT_EQ(eventsOn(onDisk().events, kAlice), 30);
+
+    syncWait(store->retryLastOperation());
+    EXPECT_FALSE(store->hasLastError());
+    EXPECT_EQ(eventsOn(store->events(), kAlice), 29 + 300);
+    EXPECT_TRUE(std::none_of(store->events().begin(), store->events().end(),
+                             [](const CalendarEvent& e) { return e.googleEventID == QStringLiteral("alice7"); }));
+    EXPECT_EQ(store->googleSyncStatus(alice.id), GoogleSyncStatus::connected);
+}
+
 TEST_F(GoogleStoreEndToEndTest, HostileRepliesEndInTheStoresMessagesWithLocalDataUntouched) {
     const Account alice = connect();
     const Account bob = connect();
@@ -570,7 +594,7 @@ TEST_F(GoogleStoreEndToEndTest, ProcessKilledDuringAFullResyncStartedThroughTheS
                 {"--gtest_also_run_disabled_tests", "--gtest_filter=GoogleStoreKillTest.DISABLED_ChildSyncsThroughTheStoreUntilKilled"});
     ASSERT_TRUE(child.waitForStarted(10000));
     const bool midway = LocalHttpServer::waitUntil([&] { return aliceGoogle.server().heldCount() > 0; }, 30000);
-    ::kill(pid_t(child.processId()), SIGKILL);
+    child.kill(); // SIGKILL, and nothing once the child has already ended
     child.waitForFinished(10000);
     ASSERT_TRUE(midway) << "the child never reached the second page";
     EXPECT_EQ(child.exitStatus(), QProcess::CrashExit);
