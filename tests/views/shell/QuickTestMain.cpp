@@ -12,6 +12,8 @@ Q_IMPORT_QML_PLUGIN(Tavelo_CalendarPlugin)
 #endif
 
 int main(int argc, char** argv) {
+    // Offscreen unless told otherwise, also when ctest lists the tests.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
     QApplication app(argc, argv); // the tray menu is a widget
     ::testing::InitGoogleTest(&argc, argv);
