@@ -75,18 +75,5 @@ TEST_F(IdentityTokens, TheOwnerKeyIsMadeOnceAndOnlyItsHashIsKept) {
     EXPECT_TRUE(identity.authenticate("Bearer " + *replacement));
 }
 
-TEST(RateLimiter, BlocksAfterTheLimitUntilTheWindowPasses) {
-    RateLimiter limiter(3, 60);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_FALSE(limiter.blocked("k", 100));
-        limiter.recordFailure("k", 100 + i);
-    }
-    EXPECT_TRUE(limiter.blocked("k", 110));
-    EXPECT_FALSE(limiter.blocked("other", 110));
-    EXPECT_FALSE(limiter.blocked("k", 161)); // the window started at 100
-    limiter.recordFailure("k", 170);
-    EXPECT_FALSE(limiter.blocked("k", 171));
-}
-
 } // namespace
 } // namespace tavelo::cloud

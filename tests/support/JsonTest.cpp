@@ -95,31 +95,3 @@ TEST(JsonTest, StrictRulesRejectWithTheFaultAndItsPlace) {
     // A whole number written as a float is still an integer.
     EXPECT_EQ(decodeJson<Sample>(R"({"count":2.0,"colours":[],"when":"1970-01-01T00:00:00Z"})").count, 2);
 }
-
-TEST(JsonTest, FirstOccurrenceOfARepeatedKeyWinsAndUnknownKeysAreIgnored) {
-    const std::string when = R"("when":"1970-01-01T00:00:00Z")";
-    struct Case {
-        std::string text;
-        int count;
-        std::optional<QString> label;
-    };
-    std::string manyKeys;
-    for (int i = 0; i < 40; ++i) manyKeys += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ",";
-    const Case cases[] = {
-        // Written in the reverse of the order they are read, repeated, and
-        // among unknown keys, one of them an object with a known key inside.
-        {R"({"label":"a",)" + when + R"(,"colours":[],"x":{"count":9},"count":1,"count":2,"label":"b"})", 1, "a"},
-        // A null first occurrence leaves the optional key empty.
-        {R"({"count":1,"label":null,"colours":[],"label":"b",)" + when + "}", 1, std::nullopt},
-        // Unknown keys of the same length and ends as known ones.
-        {R"({"coast":7,"colOurs":[1],"count":3,"colours":[],)" + when + "}", 3, std::nullopt},
-        // Too many keys for the index: searched field by field, same rule.
-        {"{" + manyKeys + R"("count":4,"colours":[],"count":5,)" + when + "}", 4, std::nullopt},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        const auto decoded = decodeJson<Sample>(c.text);
-        EXPECT_EQ(decoded.count, c.count);
-        EXPECT_EQ(decoded.label, c.label);
-    }
-}
