@@ -44,11 +44,9 @@ public:
 
 inline const QString kOwnerKey = QStringLiteral("owner-key-0123456789abcdefghijklmnop"); // 36 characters
 
-// A sleep that ends at once (or with the cancellation), noting each wait in
-// `log` when one is given.
-inline SleepFunction instantSleep(std::vector<double>* log = nullptr) {
-    return [log](double seconds, std::stop_token stop) -> QCoro::Task<void> {
-        if (log) log->push_back(seconds);
+// A sleep that ends at once (or with the cancellation).
+inline SleepFunction instantSleep() {
+    return [](double, std::stop_token stop) -> QCoro::Task<void> {
         checkCancellation(stop);
         co_return;
     };
@@ -92,7 +90,7 @@ protected:
         identity.route("POST", "/v1/token", CannedResponse::json(200, R"({"id_token":"ID-2","refresh_token":"REFRESH-2"})"));
     }
 
-    std::unique_ptr<AICloudStore> makeStore() { return storeWith([this] { return now; }, instantSleep(&sleeps)); }
+    std::unique_ptr<AICloudStore> makeStore() { return storeWith([this] { return now; }, instantSleep()); }
 
     // A store signed in to the private server.
     std::unique_ptr<AICloudStore> connectedStore() {
@@ -110,7 +108,6 @@ protected:
 
     LocalHttpServer privateServer, hosted, identity;
     Date now = Date::fromUnixSeconds(1'767'225'600); // 2026-01-01T00:00:00Z
-    std::vector<double> sleeps;
 };
 
 // Runs `task` and returns the failure it ended with; fails the test when it

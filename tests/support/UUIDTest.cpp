@@ -19,14 +19,8 @@ TEST(UUIDTest, ReadsEitherCaseOfTheCanonicalFormAndPrintsUpperCase) {
     EXPECT_FALSE(UUID::fromString(QStringLiteral("785A676B-A42A-46B9-8D45-6335F8B1283Ä")));
 }
 
-TEST(UUIDTest, RandomValuesAreVersionFourAndDistinct) {
+TEST(UUIDTest, RandomValuesAreDistinct) {
     std::unordered_set<UUID> seen;
-    for (int i = 0; i < 1000; ++i) {
-        const UUID u = UUID::random();
-        const std::string text = u.toStdString();
-        EXPECT_EQ(text[14], '4');
-        EXPECT_NE(std::string("89AB").find(text[19]), std::string::npos) << text;
-        seen.insert(u);
-    }
+    for (int i = 0; i < 1000; ++i) seen.insert(UUID::random());
     EXPECT_EQ(seen.size(), 1000u);
 }
