@@ -20,10 +20,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#ifndef TAVELO_CLOUD_BINARY
-#error "TAVELO_CLOUD_BINARY must name the server executable"
-#endif
-
 namespace tavelo::cloud::testing {
 
 TemporaryDirectory::TemporaryDirectory() {
