@@ -11,13 +11,10 @@ namespace {
 
 Date iso(const char* text) { return *Date::fromIsoString(text); }
 
-CalendarEvent event(const char* id, const char* group, bool generated = false,
-                    std::optional<UUID> source = std::nullopt) {
+CalendarEvent event(const char* id, const char* group) {
     CalendarEvent e;
     e.id = UUID::literal(id);
     e.groupID = UUID::literal(group);
-    e.isGeneratedBusyBlock = generated;
-    e.sourceEventID = source;
     e.start = iso("2026-01-05T00:00:00Z");
     e.end = iso("2026-01-05T01:00:00Z");
     return e;
@@ -25,7 +22,6 @@ CalendarEvent event(const char* id, const char* group, bool generated = false,
 
 const char* kGroup = "00000000-0000-4000-8000-0000000000A0";
 const char* kPrimary = "00000000-0000-4000-8000-000000000001";
-const char* kBlock = "00000000-0000-4000-8000-000000000002";
 
 } // namespace
 
@@ -49,27 +45,4 @@ TEST(SceneStateTest, NavigationClosesDetailsAndAnnouncesOnlyCalendarScreens) {
     tavelo::testing::expectMetaNamesMatch<NavigationItem>(kNavigationItemNames);
     tavelo::testing::expectMetaNamesMatch<SettingsSection>(kSettingsSectionNames);
     EXPECT_EQ(scene.property("navigation").toString(), QMetaEnum::fromType<NavigationItem>().valueToKey(int(NavigationItem::settings)));
-}
-
-TEST(SceneStateTest, DetailsStayOnTheSurfaceThatWasClicked) {
-    SceneState scene(iso("2026-01-07T03:00:00Z"));
-    const Date day = iso("2026-01-04T15:00:00Z");
-    const std::vector<CalendarEvent> events{event(kPrimary, kGroup),
-                                            event(kBlock, kGroup, true, UUID::literal(kPrimary))};
-    const EventPopoverAnchor onLane1{UUID::literal(kBlock), EventPopoverAnchor::WeekTimed{day, 1}};
-
-    // A busy block opens the event it mirrors, anchored where it was clicked.
-    scene.selectEvent(onLane1, events);
-    EXPECT_EQ(scene.selectedEventID(), UUID::literal(kPrimary));
-    EXPECT_TRUE(scene.isEventDetailPresented(onLane1));
-    EXPECT_FALSE(scene.isEventDetailPresented({UUID::literal(kBlock), EventPopoverAnchor::WeekTimed{day, 2}}));
-    EXPECT_FALSE(scene.isEventDetailPresented({UUID::literal(kBlock), EventPopoverAnchor::Month{day}}));
-    EXPECT_FALSE(scene.isEventDetailPresented({UUID::literal(kPrimary), EventPopoverAnchor::WeekTimed{day, 1}}));
-
-    // A block whose source is gone resolves to nothing but keeps the anchor.
-    const std::vector<CalendarEvent> orphaned{event(kBlock, kGroup, true, UUID::literal(kPrimary))};
-    scene.selectEvent(onLane1, orphaned);
-    EXPECT_FALSE(scene.selectedEventID());
-    EXPECT_EQ(scene.selectedEventAnchor(), onLane1);
-    EXPECT_FALSE(scene.isEventDetailPresented(onLane1));
 }
