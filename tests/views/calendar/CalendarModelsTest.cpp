@@ -298,7 +298,6 @@ TEST_F(CalendarModelsTest, ReportComparesTagsWithTargetsAndThePreviousPeriod) {
     EXPECT_EQ(untagged.minutes, 60 + 30 + 240);
     EXPECT_EQ(report.totalMinutes(), 120 + 60 + 330);
     EXPECT_EQ(report.previousTotalMinutes(), 60);
-    EXPECT_EQ(report.previousRangeText(), QStringLiteral("2026/2/22 – 2026/2/28"));
 
     // Going over the target shows.
     ASSERT_TRUE(syncWait(store->moveEvent(uuid(2), {march(4, 12), march(4, 14)})));
@@ -307,7 +306,6 @@ TEST_F(CalendarModelsTest, ReportComparesTagsWithTargetsAndThePreviousPeriod) {
     // A month scales the weekly target to its 31 days.
     report.setPeriod(QStringLiteral("month"));
     EXPECT_EQ(report.rows()[0].targetMinutes, 531); // 120 * 31 / 7 = 531.4
-    EXPECT_EQ(report.previousRangeText(), QStringLiteral("2026/2/1 – 2026/2/28"));
     EXPECT_EQ(rows.resets(), 0);
 }
 
@@ -331,9 +329,6 @@ TEST_F(CalendarModelsTest, AIScheduleRunsStandInTheGridWithinTheShownHours) {
     std::unordered_set<RowKey> keys;
     for (const auto& row : rows) keys.insert(row.key());
     EXPECT_EQ(keys.size(), rows.size());
-    const auto paused = std::find_if(rows.begin(), rows.end(), [](const auto& row) { return row.title == QStringLiteral("週報"); });
-    ASSERT_NE(paused, rows.end());
-    EXPECT_TRUE(paused->isPast);
 
     // Starting the day at 8:00 leaves the 7:30 runs out.
     EXPECT_TRUE(WeekModel::aiRows(state, days, TimeGridHours{8, 20}, tokyo()).empty());

@@ -121,7 +121,6 @@ TEST_F(TimeGridTest, DragMathSnapsMovesToNearestAndResizesTowardZero) {
     EXPECT_EQ(movedInterval(meeting, {0, 8}, 100, tokyo), (DateInterval{at(2, 9, 15), at(2, 10, 15)}));
     EXPECT_EQ(movedInterval(meeting, {0, 7}, 100, tokyo), meeting);
     EXPECT_EQ(movedInterval(meeting, {150, 0}, 100, tokyo), (DateInterval{at(4, 9), at(4, 10)}));
-    EXPECT_EQ(movedInterval(meeting, {-149, 30}, 100, tokyo), (DateInterval{at(1, 9, 30), at(1, 10, 30)}));
 
     // Days are calendar days: across the New York spring change the wall
     // clock stays.

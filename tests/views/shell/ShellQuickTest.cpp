@@ -209,8 +209,6 @@ TEST_F(ShellQuickTest, TheWindowsCommandsDriveTheScene) {
 
     QTest::keyClick(window, Qt::Key_F, Qt::ControlModifier);
     EXPECT_EQ(w.scene->navigation(), NavigationItem::search);
-    QTest::keyClick(window, Qt::Key_1, Qt::ControlModifier);
-    EXPECT_EQ(w.scene->navigation(), NavigationItem::week);
 
     // Today.
     QTest::keyClick(window, Qt::Key_T, Qt::ControlModifier);
