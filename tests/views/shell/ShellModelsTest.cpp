@@ -5,14 +5,12 @@
 #include "views/shell/EventEditorModel.h"
 #include "views/shell/GoogleAccountListModel.h"
 #include "views/shell/GoogleAccountsDouble.h"
-#include "views/shell/SettingsModel.h"
 #include "views/shell/ShellController.h"
 #include "views/shell/ShellWorkspace.h"
 #include "views/shell/TagListModel.h"
 
 #include <QAbstractItemModelTester>
 #include <QSignalSpy>
-#include <QTest>
 
 #include <gtest/gtest.h>
 
