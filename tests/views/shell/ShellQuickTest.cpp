@@ -198,36 +198,6 @@ TEST_F(ShellQuickTest, QuittingWaitsForTheSaveUnderWayOnceAndTheTrayFollowsTheWo
     EXPECT_EQ(approved.count(), 1);
 }
 
-TEST_F(ShellQuickTest, TheWindowsCommandsDriveTheScene) {
-    auto cloud = makeStore();
-    ShellWorkspace w;
-    w.open(ShellWorkspace::march(4, 12));
-    shell::ShellRoot root(*cloud, w.store.get(), w.scene.get());
-    Harness h(root);
-    ASSERT_TRUE(h.window);
-    QQuickWindow* window = h.window;
-
-    QTest::keyClick(window, Qt::Key_F, Qt::ControlModifier);
-    EXPECT_EQ(w.scene->navigation(), NavigationItem::search);
-
-    // Today.
-    QTest::keyClick(window, Qt::Key_T, Qt::ControlModifier);
-    const auto today = tokyo().startOfDay(Date::now());
-    EXPECT_EQ(tokyo().startOfDay(w.scene->selectedDate()), today);
-
-    w.scene->setPendingEventDraft(EventDraft{});
-    QTest::keyClick(window, Qt::Key_N, Qt::ControlModifier);
-    ASSERT_TRUE(w.scene->editorPresentation());
-    EXPECT_TRUE(w.scene->editorPresentation()->isCreate());
-    EXPECT_FALSE(w.scene->pendingEventDraft()); // a new event starts empty
-    ASSERT_TRUE(waitUntil([&] {
-        const auto* dialog = h.find<QObject>("eventEditor");
-        return dialog && dialog->property("opened").toBool();
-    }));
-    QTest::keyClick(window, Qt::Key_Escape);
-    ASSERT_TRUE(waitUntil([&] { return !w.scene->editorPresentation(); }));
-}
-
 namespace {
 
 // The accounts page over a workspace with Google configured.
