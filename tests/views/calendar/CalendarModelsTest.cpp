@@ -2,7 +2,6 @@
 
 #include "ai/AISchedule.h"
 #include "support/TestWait.h"
-#include "views/calendar/CalendarViewSupport.h"
 #include "views/calendar/EventDetailModel.h"
 #include "views/calendar/MonthModel.h"
 #include "views/calendar/ReportModel.h"
@@ -61,7 +60,6 @@ TEST_F(CalendarModelsTest, WeekShowsLanesAllDayBarsMergedCopiesAndBusyBlocks) {
 
     ASSERT_EQ(week.days()->rows().size(), 7u);
     EXPECT_EQ(week.days()->rows().front().date, march(1));
-    EXPECT_TRUE(week.days()->rows()[3].isSelected);
 
     // Wednesday: the review beside the 1on1 and lunch.
     const auto* review = rowOf(*week.timedItems(), 1);
@@ -221,7 +219,6 @@ TEST_F(CalendarModelsTest, MonthCellsOverflowAndFollowThePage) {
     EXPECT_EQ(month.titleText(), QStringLiteral("2026年3月"));
     const auto& rows = month.days()->rows();
     EXPECT_EQ(rows.front().date, march(1));
-    EXPECT_FALSE(rows.back().isInMonth); // 11 April
     const DayRow& wednesday = rows[3];
     EXPECT_EQ(wednesday.itemCount, 8);
     ASSERT_EQ(wednesday.items.size(), 3u);
@@ -253,8 +250,6 @@ TEST_F(CalendarModelsTest, SearchNarrowsAsYouTypeAndIncludesThePastOnRequest) {
     search.setQuery(QStringLiteral("設計"));
     ASSERT_EQ(search.results()->rowCount(), 2);
     EXPECT_EQ(search.results()->rows()[0].eventID, uuid(20));
-    const auto text = [&](int row, int role) { return search.results()->index(row).data(role).toString(); };
-    EXPECT_EQ(text(0, CalendarItemModel::SectionRole), CalendarViewSupport::longDateText(fromToday(1, 0), tokyo()));
 
     search.setQuery(QStringLiteral("設計メモ"));
     EXPECT_EQ(search.results()->rowCount(), 1);
