@@ -18,7 +18,6 @@ protected:
 TEST_F(SingleInstanceTest, ALaterStartHandsItsMessageToTheRunningOneAndStaysSecondary) {
     SingleInstance first(dir.path());
     ASSERT_TRUE(first.tryBecomePrimary());
-    EXPECT_TRUE(first.tryBecomePrimary()) << "asking again changes nothing";
     QSignalSpy activations(&first, &SingleInstance::activationRequested);
 
     SingleInstance second(dir.path());
@@ -50,16 +49,6 @@ TEST_F(SingleInstanceTest, TheNextStartAfterTheRunningOneEndsBecomesPrimaryDespi
     SingleInstance later(dir.path());
     EXPECT_FALSE(later.tryBecomePrimary());
     EXPECT_TRUE(activations.wait(5000));
-}
-
-TEST_F(SingleInstanceTest, ASecondStartThatCannotReachTheRunningOneSaysSo) {
-    // The lock held, nobody listening: a primary stuck before it listens.
-    SingleInstance holder(dir.path());
-    ASSERT_TRUE(holder.tryBecomePrimary());
-    QFile::remove(holder.socketPath());
-    SingleInstance second(dir.path());
-    EXPECT_FALSE(second.tryBecomePrimary("activate", 300));
-    EXPECT_FALSE(second.handedOver());
 }
 
 } // namespace

@@ -34,38 +34,27 @@ protected:
 
 } // namespace
 
-TEST_F(TaveloAppTest, SigningInBuildsTheWorkspaceOverItsOwnDirectory) {
+// Signing in builds the workspace over its own directory; while the account
+// stays, the bundle stays; a new connection gets a fresh bundle over the same
+// data.
+TEST_F(TaveloAppTest, EachConnectionGetsItsOwnBundleOverTheAccountsDirectory) {
     start();
     EXPECT_EQ(app->currentWorkspace(), nullptr);
     EXPECT_FALSE(QDir(root()).exists(QStringLiteral("users")));
 
     signIn();
-    const auto workspace = app->currentWorkspace();
-    ASSERT_NE(workspace, nullptr);
-    EXPECT_EQ(workspace->id(), app->aiCloud().workspaceID());
-    EXPECT_EQ(workspace->connectionID(), app->aiCloud().connectionID());
-    EXPECT_EQ(workspace->directory(), QDir(root()).filePath(QStringLiteral("users/") + workspace->id()));
-    EXPECT_EQ(workspace->statePath(), QDir(workspace->directory()).filePath(QStringLiteral("state.json")));
-    EXPECT_FALSE(workspace->hasGoogleServices());
-
-    // The calendar store works over the workspace's own file.
-    syncWait(workspace->store().load());
-    EXPECT_TRUE(workspace->store().didLoad());
-    EXPECT_TRUE(syncWait(workspace->store().setPastSearchResultsIncluded(true)));
-    EXPECT_TRUE(QFile::exists(workspace->statePath()));
-
-    // Asking again keeps the same bundle while the account is unchanged.
-    app->updateWorkspace();
-    EXPECT_EQ(app->currentWorkspace(), workspace);
-}
-
-TEST_F(TaveloAppTest, ANewConnectionToTheSameAccountGetsAFreshBundleOverTheSameData) {
-    start();
-    signIn();
     const auto first = app->currentWorkspace();
     ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->id(), app->aiCloud().workspaceID());
+    EXPECT_EQ(first->connectionID(), app->aiCloud().connectionID());
+    EXPECT_EQ(first->directory(), QDir(root()).filePath(QStringLiteral("users/") + first->id()));
+    EXPECT_EQ(first->statePath(), QDir(first->directory()).filePath(QStringLiteral("state.json")));
+    app->updateWorkspace();
+    EXPECT_EQ(app->currentWorkspace(), first);
+
     syncWait(first->store().load());
     ASSERT_TRUE(syncWait(first->store().setPastSearchResultsIncluded(true)));
+    EXPECT_TRUE(QFile::exists(first->statePath()));
 
     signOut();
     EXPECT_EQ(app->currentWorkspace(), nullptr);

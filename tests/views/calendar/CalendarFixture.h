@@ -63,7 +63,6 @@ struct CalendarWorkspace {
         add(8, march(3), march(6), work, "大阪出張").isAllDay = true;
         // Friday night into Saturday.
         add(9, march(6, 22), march(7, 2), work, "夜間メンテナンス");
-        add(10, march(2, 9), march(2, 10), hidden, "見えない予定");
         // The week before: one development hour.
         add(11, on(tokyo(), 2, 25, 9), on(tokyo(), 2, 25, 10), work, "設計準備").tagID = develop;
         // Around today, for the search.

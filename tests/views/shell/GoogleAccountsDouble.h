@@ -40,7 +40,6 @@ public:
     }
     QCoro::Task<Account> reconnectGoogleAccount(UUID id, std::stop_token) override {
         reconnected.push_back(id);
-        if (holdsSignIn) co_await heldSignIns.emplace_back();
         Account account = signedIn;
         account.id = id;
         co_return account;
