@@ -2,8 +2,6 @@
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
 
-#include "support/MetaEnumCheck.h"
-
 #include <gtest/gtest.h>
 
 using namespace tavelo;
@@ -102,15 +100,4 @@ TEST(CalendarModelJsonTest, TagRuleConditionsUseTheSingleKeyForm) {
     for (const char* bad : {R"({})", R"({"titleContains":{"_0":"a"},"calendarEquals":{"_0":"a"}})",
                             R"({"titleStarts":{"_0":"a"}})", R"({"calendarEquals":{"_0":"nope"}})"})
         EXPECT_THROW(decodeJson<TagRuleCondition>(bad), JsonDecodingError) << bad;
-}
-
-TEST(CalendarModelJsonTest, EnumerationsShowTheirStoredNames) {
-    using tavelo::testing::expectMetaNamesMatch;
-    expectMetaNamesMatch<EventKind>(kEventKindNames);
-    expectMetaNamesMatch<EventRecurrence>(kEventRecurrenceNames);
-    expectMetaNamesMatch<Availability>(kAvailabilityNames);
-    expectMetaNamesMatch<EventVisibility>(kEventVisibilityNames);
-    expectMetaNamesMatch<GuestStatus>(kGuestStatusNames);
-    expectMetaNamesMatch<AccountKind>(kAccountKindNames);
-    expectMetaNamesMatch<BusyBlockScope>(kBusyBlockScopeNames);
 }

@@ -177,23 +177,6 @@ TEST_F(GoogleSyncEngineTest, AppOwnedStateSurvivesGoogleChanges) {
     EXPECT_TRUE(s.events[0].isCompleted);
 }
 
-TEST_F(GoogleSyncEngineTest, UnreadableItemsAreCountedAndKeepTheirStoredForm) {
-    const auto stored = localEvent("Stored", calendar.id, QString("bad"));
-    snapshot.events = {stored};
-    auto page = lastPage({dto("bad", R"("end": {"dateTime": "2026-01-05T08:00:00Z"})"), dto("ok")});
-    page.skippedItemCount = 2;
-    auto first = lastPage({}, {});
-    first.nextPageToken = "p2";
-    first.skippedItemCount = 1;
-    first.nextSyncToken.reset();
-
-    const auto result = merge({first, page});
-    ASSERT_EQ(result.snapshot.events.size(), 2u);
-    EXPECT_EQ(result.snapshot.events[0], stored);
-    EXPECT_EQ(result.warnings, std::vector<GoogleSyncWarning>{GoogleSyncWarning::skippedEvents(calendar.id, 4)});
-    EXPECT_TRUE(merge({lastPage({dto("ok")})}).warnings.empty());
-}
-
 TEST_F(GoogleSyncEngineTest, SyncTokens) {
     snapshot.googleSyncStates = {{otherCalendar.id, QString("t"), at("2026-01-01T00:00:00Z")}};
     auto s = Engine::clearingSyncToken(otherCalendar.id, snapshot);

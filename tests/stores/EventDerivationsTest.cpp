@@ -122,7 +122,6 @@ TEST(EventDerivationsTest, SearchFiltersByVisibilityAccountTimeAndFoldedText) {
         {u"5 alex kim alex@", std::nullopt, false, {{2, {calB}}}}, // location into the guest
         {u"review budget", std::nullopt, false, {}},
         {u"  ", personal, false, {{6, {calB}}, {2, {calB}}}},
-        {u"", uuid(0x99), true, {}},
     };
     for (const auto& c : cases) {
         const QString query = QString::fromUtf16(c.query.data(), static_cast<qsizetype>(c.query.size()));
