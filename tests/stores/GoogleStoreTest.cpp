@@ -48,33 +48,18 @@ protected:
     std::shared_ptr<ScriptedGoogle> google;
     std::unique_ptr<AppStore> store;
 
-    int opened = 0;
-
-    // A new file each time, as the store before may still hold the last one.
-    QString path() const {
-        const QString folder = dir.filePath(QString::number(opened));
-        QDir().mkpath(folder);
-        return QDir(folder).filePath("state.sqlite");
-    }
-
-    AppStore& open(std::vector<Account> accounts, bool withGoogle = true) {
-        ++opened;
+    // Two Google accounts and a local one.
+    AppStore& openWithTwoGoogleAccounts() {
         AppSnapshot initial = AppSnapshot::empty();
-        initial.accounts = std::move(accounts);
-        syncWait(LocalCalendarService(path()).save(initial));
-        auto local = std::make_shared<LocalCalendarService>(path());
-        google = std::make_shared<ScriptedGoogle>(local);
-        std::shared_ptr<CalendarService> service = google;
-        if (!withGoogle) service = local;
-        store = std::make_unique<AppStore>(service, withGoogle ? google : nullptr, dir.filePath("google-oauth.json"),
-                                           tokyo());
+        initial.accounts = {Account{.id = work, .isConnected = true, .googleSubject = "w"},
+                            Account{.id = home, .isConnected = true, .googleSubject = "h"},
+                            Account{.id = plain, .name = "Local"}};
+        const QString path = dir.filePath("state.sqlite");
+        syncWait(LocalCalendarService(path).save(initial));
+        google = std::make_shared<ScriptedGoogle>(std::make_shared<LocalCalendarService>(path));
+        store = std::make_unique<AppStore>(google, google, dir.filePath("google-oauth.json"), tokyo());
         syncWait(store->load());
         return *store;
-    }
-    AppStore& openWithTwoGoogleAccounts() {
-        return open({Account{.id = work, .isConnected = true, .googleSubject = "w"},
-                     Account{.id = home, .isConnected = true, .googleSubject = "h"},
-                     Account{.id = plain, .name = "Local"}});
     }
     std::optional<StoreRetryOperation> retry() const { return store->retryOperation(); }
 };
