@@ -149,22 +149,6 @@ TEST_F(GoogleSyncEngineTest, AppOwnedStateSurvivesGoogleChanges) {
     EXPECT_TRUE(s.events[0].isCompleted);
 }
 
-TEST_F(GoogleSyncEngineTest, SyncTokens) {
-    snapshot.googleSyncStates = {{otherCalendar.id, QString("t"), at("2026-01-01T00:00:00Z")}};
-    auto s = Engine::clearingSyncToken(otherCalendar.id, snapshot);
-    EXPECT_EQ(s.googleSyncStates,
-              (std::vector<GoogleCalendarSyncState>{{otherCalendar.id, std::nullopt, at("2026-01-01T00:00:00Z")}}));
-    s = Engine::clearingSyncToken(calendar.id, s);
-    ASSERT_EQ(s.googleSyncStates.size(), 2u);
-    EXPECT_EQ(s.googleSyncStates[1], (GoogleCalendarSyncState{calendar.id, std::nullopt, std::nullopt}));
-
-    snapshot = s;
-    const auto merged = merge({lastPage({}, {}, "fresh")}, GoogleSyncMode::full, at("2026-01-09T00:00:00Z")).snapshot;
-    EXPECT_EQ(merged.googleSyncStates[0], s.googleSyncStates[0]);
-    EXPECT_EQ(merged.googleSyncStates[1],
-              (GoogleCalendarSyncState{calendar.id, QString("fresh"), at("2026-01-09T00:00:00Z")}));
-}
-
 // A listing taken in page by page, each page dropped once added, merges to
 // exactly what the whole listing merges to in the zone its pages end with:
 // wall-clock and all-day times read in a zone that a later page replaces, a

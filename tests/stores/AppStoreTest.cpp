@@ -335,9 +335,6 @@ TEST_F(AppStoreTest, RefusalsShowTheirMessageWithoutRetryAndChangeNothing) {
         {save(otherGroup, standup[0].id), invalidEdit},
         {save(EventDraft::fromEvent(standup[2], {family}, tokyo()), standup[2].id), managedBlock},
         {[&] { return store.deleteEvent(standup[2].id); }, managedBlock},
-        {[&] { return store.deleteEvent(UUID::random()); }, invalidEdit},
-        {[&] { return store.setTaskCompletion(standup[0].id, true); }, invalidEdit}, // not a task
-        {[&] { return store.setTaskCompletion(report[2].id, true); }, invalidEdit},  // a block
         {[&] { return store.addTag(Tag{.id = UUID::random(), .name = " cafe "}); }, "同じ名前のタグがあります"},
         {[&] { return store.addTag(Tag{.id = UUID::random(), .name = " \n\t"}); }, "タグ名を入力してください"},
         {[&] { return store.updateTag(admin); }, "同じ名前のタグがあります"},

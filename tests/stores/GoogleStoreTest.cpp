@@ -83,11 +83,8 @@ TEST_F(GoogleStoreFrameTest, AutomaticRefreshIsThrottledToOnceInFiveMinutesFaile
     EXPECT_EQ(store.lastAutomaticGoogleRefresh(), start.addingSeconds(300));
 }
 
-TEST_F(GoogleStoreFrameTest, OneActionAtATimeAndStatusesFollowTheServiceAndTheAccounts) {
+TEST_F(GoogleStoreFrameTest, OneActionAtATimeAndTheFirstSyncFollowsAReconnect) {
     auto& store = openWithTwoGoogleAccounts();
-    EXPECT_EQ(store.googleStatusMessage(work), "接続中");
-    EXPECT_EQ(store.googleStatusMessage(plain), "待機中");
-
     google->holdBrowser = true;
     auto authentication = store.beginGoogleAuthentication(GoogleAuthenticationRequest::reconnect(work));
     ASSERT_TRUE(authentication);
@@ -103,15 +100,6 @@ TEST_F(GoogleStoreFrameTest, OneActionAtATimeAndStatusesFollowTheServiceAndTheAc
     EXPECT_EQ(store.googleAuthenticationMessage(), kAuthenticated);
     syncWait(store.prepareForLogout());
     EXPECT_EQ(google->calls, (std::vector<QString>{"reconnect", "sync"})) << "the first sync follows by itself";
-
-    // A disconnected account leaves both maps at the next refresh.
-    google->warnings[home] = {GoogleSyncWarning::skippedEvents(uuid(9), 2)};
-    EXPECT_TRUE(syncWait(store.syncGoogleAccount(home)));
-    ASSERT_TRUE(store.googleSyncWarnings().contains(home));
-    EXPECT_TRUE(syncWait(store.disconnectGoogleAccount(home)));
-    EXPECT_FALSE(store.googleSyncStatuses().contains(home));
-    EXPECT_FALSE(store.googleSyncWarnings().contains(home));
-    EXPECT_EQ(store.googleSyncStatus(home), GoogleSyncStatus::idle);
 }
 
 TEST_F(GoogleStoreFrameTest, EveryFailureHasItsMessageAndRetry) {
