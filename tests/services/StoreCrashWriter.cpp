@@ -1,13 +1,12 @@
 // The process the crash loop kills: it opens the store at argv[1], whose
-// content is step argv[2] of the sequence, says "ready" once it holds the
-// store, and then performs the following steps until it is killed.
+// content is step argv[2] of the sequence, and performs the following steps
+// until it is killed.
 
 #include "CrashLoopSteps.h"
 
 #include "support/Async.h"
 
 #include <QCoreApplication>
-#include <QThread>
 
 #include <cstdio>
 #include <cstdlib>
@@ -25,24 +24,10 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "load warning\n");
             return 3;
         }
-        // A store that cannot write fails here rather than later.
+        // A missing file is written whole first: the replacement path.
         syncWait(service.save(loaded.snapshot));
-        std::printf("ready\n");
-        std::fflush(stdout);
         AppSnapshot model = std::move(loaded.snapshot);
-        for (std::uint64_t n = std::strtoull(argv[2], nullptr, 10) + 1;; ++n) {
-            // A reader in another process can keep a write out for a moment
-            // (the database is busy); the same step is tried again.
-            for (int attempt = 0;; ++attempt) {
-                try {
-                    syncWait(crashloop::perform(service, model, n));
-                    break;
-                } catch (const SQLitePersistenceError& error) {
-                    if (error.kind() != SQLitePersistenceError::Kind::operation || attempt == 200) throw;
-                    QThread::msleep(10);
-                }
-            }
-        }
+        for (std::uint64_t n = std::strtoull(argv[2], nullptr, 10) + 1;; ++n) syncWait(crashloop::perform(service, model, n));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "failed: %s\n", error.what());
         return 4;

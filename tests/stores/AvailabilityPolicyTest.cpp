@@ -104,11 +104,7 @@ TEST_F(AvailabilityPolicyTest, FailuresAndCancellationNeverEscape) {
     std::stop_source stopped;
     stopped.request_stop();
     EXPECT_EQ(run(failing, stopped.get_token()), EventAvailabilityState::loading());
-    // No real range: every account is free and nothing is asked.
-    draft.end = draft.start;
-    EXPECT_EQ(run(failing).text(), "2つのアカウントすべてで空き時間です");
     EXPECT_EQ(cancelled.queries, 1);
-    EXPECT_EQ(EventAvailabilityAssessment{}.summary(), "作成先カレンダーを選択してください");
 }
 
 } // namespace

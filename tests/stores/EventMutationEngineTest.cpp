@@ -128,12 +128,6 @@ TEST_F(EventMutationEngineTest, ValidationChecksTitleThenRangeThenCalendars) {
     }
     EXPECT_EQ(EventMutationEngine::uniqueCalendarIDs({personal, stale, work, personal, local}, snapshot),
               (std::vector<UUID>{personal, work, local}));
-    // Last, the editor checks guest addresses, and only for provider calendars.
-    EventDraft d = draft({personal, work});
-    d.guests.push_back(Guest{.email = "bob@"});
-    EXPECT_EQ(d.validationMessage({work}, tokyo()), "Googleカレンダーの参加者には有効なメールアドレスを入力してください");
-    d.calendarIDs = {personal};
-    EXPECT_EQ(d.validationMessage({work}, tokyo()), std::nullopt);
 }
 
 TEST(GuestAddressTest, FollowsWhatGoogleAccepts) {

@@ -20,8 +20,6 @@ public:
 
     std::deque<Continuation<bool>> browsers;
     bool holdBrowser = false;
-    // A browser that ignores being cancelled and answers anyway.
-    bool ignoresCancellation = false;
     std::exception_ptr failure;
     // The status each account is left with by a failure.
     std::map<UUID, GoogleSyncStatus> statusesAfterFailure;
@@ -95,7 +93,7 @@ private:
         } else {
             co_await later();
         }
-        if (!ignoresCancellation) checkCancellation(token);
+        checkCancellation(token);
         if (failure) std::rethrow_exception(failure);
     }
     // Google answers later, never within the call.

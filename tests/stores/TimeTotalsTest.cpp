@@ -96,7 +96,6 @@ TEST(TimeTotalsTest, DailyTotalsSplitAtLocalMidnightTruncatingEachPart) {
     struct Case { const char* name; const DateCalendar& calendar; Date start, end; int total; std::vector<int> daily; };
     const Case cases[] = {
         {"over midnight", tokyo(), on(tokyo(), 1, 5, 23, 30), on(tokyo(), 1, 6, 0, 30), 60, {30, 30}},
-        {"70 seconds over midnight", tokyo(), on(tokyo(), 1, 5, 23, 59, 30), on(tokyo(), 1, 6, 0, 0, 40), 1, {}},
         {"91 seconds over midnight", tokyo(), on(tokyo(), 1, 5, 23, 59, 30), on(tokyo(), 1, 6, 0, 1, 1), 1, {1}},
         {"23-hour day", newYork(), on(newYork(), 3, 7, 22), on(newYork(), 3, 9, 2), 27 * 60, {120, 23 * 60, 120}},
         {"25-hour day", newYork(), on(newYork(), 10, 31, 23), on(newYork(), 11, 2, 1), 27 * 60, {60, 25 * 60, 60}},
@@ -120,7 +119,6 @@ TEST(TimeTotalsTest, PreviousIntervalIsTheMonthOrTheWeekBefore) {
     const Case cases[] = {
         {"a calendar month", {on(tokyo(), 3, 1), on(tokyo(), 4, 1)}, {on(tokyo(), 2, 1), on(tokyo(), 3, 1)}},
         {"a month in a daylight-saving zone", {on(ny, 4, 1), on(ny, 5, 1)}, {on(ny, 3, 1), on(ny, 4, 1)}, ny},
-        {"a month starting on the 2nd", {on(tokyo(), 3, 2), on(tokyo(), 4, 2)}, {on(tokyo(), 2, 23), on(tokyo(), 3, 2)}},
         {"three days", {on(tokyo(), 3, 10), on(tokyo(), 3, 13)}, {on(tokyo(), 3, 3), on(tokyo(), 3, 10)}},
         {"a week over the spring change", {on(ny, 3, 15), on(ny, 3, 22)}, {on(ny, 3, 8), on(ny, 3, 15)}, ny},
     };
@@ -141,11 +139,4 @@ TEST(TimeTotalsTest, WeeklyMinutesCountTheSundayWeekOfTheTagOnce) {
     };
     EXPECT_EQ(weeklyMinutes(focus, local(7, 12), events, berlin), 120);
     EXPECT_EQ(weeklyMinutes(other, local(10, 23), events, berlin), 120);
-}
-
-TEST(TimeTotalsTest, TotalsAreIdentifiedByDayAndTagText) {
-    const Tag t = tag(0xABC, "x", 0);
-    EXPECT_EQ((TagTotal{std::nullopt, 5}).id(), "untagged");
-    // Monday 5 January 2026, 00:00 in Tokyo is 2026-01-04T15:00:00Z.
-    EXPECT_EQ((DailyTagTotal{monday(0), t, 5}).id(), "789231600.0-00000000-0000-0000-0000-000000000ABC");
 }
