@@ -55,8 +55,6 @@ TEST(GoogleWireRecordsTest, HostileEventsFailAsAWholeWithAPath) {
         R"({"id": "a", "summary": 5})",
         R"({"id": "a", "start": "2026-01-05"})",
         R"({"id": "a", "reminders": {"overrides": []}})",
-        R"({"id": "a", "reminders": {"useDefault": false, "overrides": [{"method": "popup"}]}})",
-        R"({"id": "a", "extendedProperties": {"private": {"taveloGroupID": 7}}})",
         R"({"id": "a", "attendees": {"email": "x"}})",
         R"({"id": "a", "summary": "trunc)",
         R"(["id", "a"])",
@@ -128,24 +126,6 @@ TEST(GoogleWireRecordsTest, CalendarListPageSkipsEntriesWithoutUsableIds) {
     EXPECT_EQ(page.nextPageToken, "p2");
 }
 
-TEST(GoogleWireRecordsTest, PatchTellsOmittedFromCleared) {
-    GoogleEventPatchDTO patch;
-    patch.etag = "\"e1\"";
-    EXPECT_TRUE(patch.isEmpty());
-    EXPECT_EQ(encoded(patch), "{}");
-
-    patch.summary = GooglePatchValue<QString>::value("New");
-    patch.description = GooglePatchValue<QString>::clear();
-    patch.recurrence = GooglePatchValue<std::vector<QString>>::clear();
-    patch.attendees = GooglePatchValue<std::vector<GoogleEventAttendeeDTO>>::value({});
-    patch.extendedProperties = GooglePatchValue<GoogleExtendedPropertiesPatchDTO>::value(
-        {{{"taveloGroupID", QString("g")}, {"taveloTagIDs", std::nullopt}}});
-    EXPECT_FALSE(patch.isEmpty());
-    // The etag never reaches the body; cleared fields are JSON null.
-    EXPECT_EQ(encoded(patch), R"({"summary":"New","description":null,"recurrence":null,"attendees":[],)"
-                              R"("extendedProperties":{"private":{"taveloGroupID":"g","taveloTagIDs":null}}})");
-}
-
 TEST(GoogleWireRecordsTest, ExtendedPropertyLimits) {
     std::map<QString, QString> props{{"taveloGroupID", "aaaaaaaa-0000-4000-8000-000000000001"}};
     EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(props));
@@ -166,12 +146,3 @@ TEST(GoogleWireRecordsTest, ExtendedPropertyLimits) {
     EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(many));
 }
 
-TEST(GoogleWireRecordsTest, ErrorReasons) {
-    EXPECT_EQ(googleErrorReason(R"({"error": {"code": 403, "errors": [{"domain": "usageLimits"},)"
-                                R"( {"reason": "  "}, {"reason": 4}, {"reason": " rateLimitExceeded "},)"
-                                R"( {"reason": "other"}]}})"),
-              "rateLimitExceeded");
-    for (const char* body : {"", "<html>Forbidden</html>", R"({"error": "denied"})", R"({"error": {"errors": {}}})",
-                             R"({"error": {"errors": [{"reason": ""}]}})", R"({"error": {"errors": [)"})
-        EXPECT_FALSE(googleErrorReason(body)) << body;
-}
