@@ -199,11 +199,6 @@ TEST_F(GoogleOAuthClientTest, RefreshKeepsOrReplacesTokensAndClassifiesFailures)
             }
         }
     }
-
-    google.failNext("/token", CannedResponse::json(200, R"({"access_token":"t","expires_in":60.5,"token_type":"bearer","x":1})"));
-    refreshed = syncWait(client.refresh(storedCredential(refreshed.refreshToken)));
-    EXPECT_EQ(refreshed.accessToken, QStringLiteral("t"));
-    EXPECT_EQ(refreshed.expiry, clock.addingSeconds(60.5));
 }
 
 TEST_F(GoogleOAuthClientTest, FetchesTheIdentityAndRevokes) {

@@ -125,24 +125,3 @@ TEST(GoogleWireRecordsTest, CalendarListPageSkipsEntriesWithoutUsableIds) {
     EXPECT_EQ(page.skippedItemCount, 4);
     EXPECT_EQ(page.nextPageToken, "p2");
 }
-
-TEST(GoogleWireRecordsTest, ExtendedPropertyLimits) {
-    std::map<QString, QString> props{{"taveloGroupID", "aaaaaaaa-0000-4000-8000-000000000001"}};
-    EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(props));
-    props[QString(44, u'k')] = QString(1024, u'v');
-    EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(props));
-    props[QString(45, u'k')] = "v";
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
-    props.erase(QString(45, u'k'));
-    // Limits count UTF-8 bytes: 342 three-byte characters are over 1024.
-    props["jp"] = QString(342, QChar(0x4E88));
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
-    props.erase("jp");
-    // 32 properties of about 1 kB each push the total over 32 kB.
-    for (int i = 0; i < 32; ++i) props[QStringLiteral("p%1").arg(i)] = QString(1024, u'x');
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
-    std::map<QString, QString> many;
-    for (int i = 0; i < 301; ++i) many[QStringLiteral("k%1").arg(i)] = "1";
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(many));
-}
-
