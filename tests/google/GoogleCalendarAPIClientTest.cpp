@@ -151,6 +151,12 @@ TEST_F(GoogleCalendarAPIClientTest, InsertWhoseReplyWasLostReturnsTheStoredEvent
     EXPECT_EQ(google.liveEventCount(kPrimary), 1);
     EXPECT_EQ(requestsTo("POST").front().query, "sendUpdates=all");
 
+    // A garbled reply to an insert that was stored: read back, not sent again.
+    google.putEvent(kPrimary, QJsonObject{{"id", "dup002"}, {"summary", "Review"}});
+    google.failNext("POST", CannedResponse::json(200, R"({"id": 42})"));
+    EXPECT_EQ(syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("dup002"), QStringLiteral("x")))).summary,
+              QStringLiteral("Review"));
+
     // A bad request is not unclear: no read-back.
     const int getsBefore = google.countOf("GET");
     google.failNext("POST", GoogleCalendarStandIn::googleError(400, "invalid", "Invalid"));
