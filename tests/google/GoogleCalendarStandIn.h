@@ -2,21 +2,20 @@
 
 // A stand-in for Google's Calendar REST interface (v3) on 127.0.0.1, written
 // after Google's published documentation:
-// - calendarList and events listings in pages ("maxResults", at most 250
-//   calendars and 2500 events a page, "nextPageToken"); the last page of a
-//   full listing carries "nextSyncToken";
+// - the calendar list on one page; events listings in pages ("maxResults",
+//   at most 2500 events a page, "nextPageToken"); the last page of a full
+//   listing carries "nextSyncToken";
 // - incremental listings by "syncToken" return only what changed since,
 //   deleted events as "cancelled" items; a sync token that has expired is
-//   answered 410 (reason "fullSyncRequired"); a sync token together with a
-//   time range is a 400;
+//   answered 410 (reason "fullSyncRequired"); listings by time range are
+//   refused;
 // - every stored change gives the event a new ETag; a PATCH or DELETE whose
 //   If-Match names an older one is answered 412 ("conditionNotMet");
-// - insert with a client-chosen id (base32hex, 5 to 1024 characters), 409
-//   ("duplicate") for an id that exists; delete of a deleted event is 410;
+// - insert with a client-chosen id, 409 ("duplicate") for an id that exists;
+//   delete of a deleted event is 410;
 // - Meet conferences asked for with conferenceDataVersion=1 start "pending"
 //   and complete after a number of reads;
-// - private/shared extended properties merged key by key on PATCH and held
-//   to Google's limits (400 beyond them);
+// - private/shared extended properties merged key by key on PATCH;
 // - freeBusy over any calendars, with a "notFound" error for unknown ones;
 // - tokens: a request without an accepted bearer token is a 401 ("authError").
 // Faults (403 rate limits, 429 with Retry-After, 5xx, hostile bodies) are
@@ -42,7 +41,6 @@ class GoogleCalendarStandIn {
 public:
     static constexpr const char* kBasePath = "/calendar/v3";
     static constexpr int kMaximumEventPageSize = 2500;
-    static constexpr int kMaximumCalendarPageSize = 250;
 
     GoogleCalendarStandIn();
 
@@ -99,13 +97,12 @@ private:
         QString calendarID;
         std::vector<QString> ids;
         std::size_t offset = 0;
-        bool issuesSyncToken = false;
         std::int64_t snapshot = 0;
         std::optional<int> pageSize;
     };
 
     std::optional<CannedResponse> handle(const RecordedRequest& request);
-    CannedResponse listCalendars(const std::map<QString, QString>& query);
+    CannedResponse listCalendars();
     CannedResponse listEvents(const QString& calendarID, const std::map<QString, QString>& query);
     CannedResponse insertEvent(const QString& calendarID, const RecordedRequest& request,
                                const std::map<QString, QString>& query);
@@ -120,7 +117,6 @@ private:
     static void startConference(QJsonObject& body, const QJsonObject& asked, StoredEvent& stored);
     void advanceConference(StoredEvent& stored);
     static bool startsConference(const QJsonObject& body, const std::map<QString, QString>& query);
-    static bool withinPropertyLimits(const QJsonObject& event);
     QJsonObject listedForm(const StoredEvent& stored) const;
 
     LocalHttpServer server_;

@@ -84,7 +84,6 @@ TEST_F(GoogleKeychainTest, ADamagedItemIsAFailureNotAnAbsence) {
         // Nothing was lost: the item is still there for a person to inspect.
         EXPECT_EQ(syncWait(secrets->read(store->service(), "sub-1")).data, damaged);
     }
-    EXPECT_EQ(capturedWarnings.count("jp.tavelo.app.Sync: Keychain credential decoding failed"), 3);
     for (const QString& line : capturedWarnings) EXPECT_FALSE(line.contains("1//refresh") || line.contains("ya29"));
 
     // A provider over the damaged item reports it, and refreshes nothing.
@@ -140,7 +139,6 @@ TEST_F(GoogleKeychainTest, SignsInThroughARealBrowserAndRefreshesFromTheSecretSe
     const GoogleIdentity identity = syncWait(coordinator.connect());
     EXPECT_EQ(identity.subject, QStringLiteral("108234567890123456789"));
     const QString dom = browser->finishedDom();
-    EXPECT_TRUE(dom.contains("<title>Authorization complete</title>")) << dom.toStdString();
     EXPECT_TRUE(dom.contains("<h1>Authorization complete</h1><p>You can close this window and return to Tavelo.</p>"))
         << dom.toStdString();
     EXPECT_EQ(google.exchangeCount(), 1);
@@ -178,12 +176,9 @@ TEST_F(GoogleKeychainTest, AChosenCollectionHoldsTheCredentialsAndAMissingOneFai
     syncWait(chosen.remove("sub-9"));
     EXPECT_EQ(syncWait(chosen.load("sub-9")), std::nullopt);
 
-    qInstallMessageHandler(captureWarnings);
-    capturedWarnings.clear();
     KeychainGoogleCredentialStore missing(store->service(), secrets,
                                           QStringLiteral("/org/freedesktop/secrets/collection/no_such_keyring"));
     EXPECT_THROW(syncWait(missing.load("sub-9")), KeychainGoogleCredentialStoreError);
     EXPECT_THROW(syncWait(missing.save(credential("sub-9", "ya29.x"))), KeychainGoogleCredentialStoreError);
     EXPECT_THROW(syncWait(missing.remove("sub-9")), KeychainGoogleCredentialStoreError);
-    EXPECT_EQ(capturedWarnings.count("jp.tavelo.app.Sync: Keychain open failed: OSStatus -25294"), 3);
 }

@@ -112,7 +112,6 @@ CannedResponse GoogleOAuthStandIn::authorize(const RecordedRequest& request) {
     // The consent page reads its query as a browser sent it.
     const auto query = parseForm(request.query);
     if (!query) return errorPage(400, "Error 400: invalid_request");
-    lastAuthorizationQuery_ = *query;
     const auto value = [&](const char* key) { return formValue(*query, key); };
     if (value("client_id") != clientID_) return errorPage(401, "Error 401: invalid_client");
     const QString redirectURI = value("redirect_uri");

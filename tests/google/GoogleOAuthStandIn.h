@@ -67,8 +67,6 @@ public:
     int refreshCount() const { return refreshes_; }
     bool isRefreshTokenLive(const QString& token) const { return refreshTokens_.contains(token); }
     bool isAccessTokenLive(const QString& token) const { return accessTokens_.contains(token); }
-    // The query of the last consent-page request, decoded.
-    std::map<QString, QString> lastAuthorizationQuery() const { return lastAuthorizationQuery_; }
 
 private:
     struct PendingCode {
@@ -107,7 +105,6 @@ private:
     std::map<QString, PendingCode> codes_;
     std::map<QString, Grant> refreshTokens_;
     std::map<QString, Grant> accessTokens_;
-    std::map<QString, QString> lastAuthorizationQuery_;
     int exchanges_ = 0;
     int refreshes_ = 0;
 };

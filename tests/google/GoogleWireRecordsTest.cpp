@@ -55,8 +55,6 @@ TEST(GoogleWireRecordsTest, HostileEventsFailAsAWholeWithAPath) {
         R"({"id": "a", "summary": 5})",
         R"({"id": "a", "start": "2026-01-05"})",
         R"({"id": "a", "reminders": {"overrides": []}})",
-        R"({"id": "a", "reminders": {"useDefault": false, "overrides": [{"method": "popup"}]}})",
-        R"({"id": "a", "extendedProperties": {"private": {"taveloGroupID": 7}}})",
         R"({"id": "a", "attendees": {"email": "x"}})",
         R"({"id": "a", "summary": "trunc)",
         R"(["id", "a"])",
@@ -126,52 +124,4 @@ TEST(GoogleWireRecordsTest, CalendarListPageSkipsEntriesWithoutUsableIds) {
     EXPECT_EQ(page.calendars[0].backgroundColor, "#9fe1e7");
     EXPECT_EQ(page.skippedItemCount, 4);
     EXPECT_EQ(page.nextPageToken, "p2");
-}
-
-TEST(GoogleWireRecordsTest, PatchTellsOmittedFromCleared) {
-    GoogleEventPatchDTO patch;
-    patch.etag = "\"e1\"";
-    EXPECT_TRUE(patch.isEmpty());
-    EXPECT_EQ(encoded(patch), "{}");
-
-    patch.summary = GooglePatchValue<QString>::value("New");
-    patch.description = GooglePatchValue<QString>::clear();
-    patch.recurrence = GooglePatchValue<std::vector<QString>>::clear();
-    patch.attendees = GooglePatchValue<std::vector<GoogleEventAttendeeDTO>>::value({});
-    patch.extendedProperties = GooglePatchValue<GoogleExtendedPropertiesPatchDTO>::value(
-        {{{"taveloGroupID", QString("g")}, {"taveloTagIDs", std::nullopt}}});
-    EXPECT_FALSE(patch.isEmpty());
-    // The etag never reaches the body; cleared fields are JSON null.
-    EXPECT_EQ(encoded(patch), R"({"summary":"New","description":null,"recurrence":null,"attendees":[],)"
-                              R"("extendedProperties":{"private":{"taveloGroupID":"g","taveloTagIDs":null}}})");
-}
-
-TEST(GoogleWireRecordsTest, ExtendedPropertyLimits) {
-    std::map<QString, QString> props{{"taveloGroupID", "aaaaaaaa-0000-4000-8000-000000000001"}};
-    EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(props));
-    props[QString(44, u'k')] = QString(1024, u'v');
-    EXPECT_TRUE(fitsGoogleExtendedPropertyLimits(props));
-    props[QString(45, u'k')] = "v";
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
-    props.erase(QString(45, u'k'));
-    // Limits count UTF-8 bytes: 342 three-byte characters are over 1024.
-    props["jp"] = QString(342, QChar(0x4E88));
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
-    props.erase("jp");
-    // 32 properties of about 1 kB each push the total over 32 kB.
-    for (int i = 0; i < 32; ++i) props[QStringLiteral("p%1").arg(i)] = QString(1024, u'x');
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(props));
-    std::map<QString, QString> many;
-    for (int i = 0; i < 301; ++i) many[QStringLiteral("k%1").arg(i)] = "1";
-    EXPECT_FALSE(fitsGoogleExtendedPropertyLimits(many));
-}
-
-TEST(GoogleWireRecordsTest, ErrorReasons) {
-    EXPECT_EQ(googleErrorReason(R"({"error": {"code": 403, "errors": [{"domain": "usageLimits"},)"
-                                R"( {"reason": "  "}, {"reason": 4}, {"reason": " rateLimitExceeded "},)"
-                                R"( {"reason": "other"}]}})"),
-              "rateLimitExceeded");
-    for (const char* body : {"", "<html>Forbidden</html>", R"({"error": "denied"})", R"({"error": {"errors": {}}})",
-                             R"({"error": {"errors": [{"reason": ""}]}})", R"({"error": {"errors": [)"})
-        EXPECT_FALSE(googleErrorReason(body)) << body;
 }
