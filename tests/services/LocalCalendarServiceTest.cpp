@@ -169,6 +169,10 @@ INSTANTIATE_TEST_SUITE_P(
         Damage{"ExtraEventRow", databaseWith("INSERT INTO events VALUES('" + UUID::random().toStdString() + "', '" +
                                              encodeJson(event("stray", 1, 2)) + "')"), std::nullopt},
         Damage{"SameEventInTwoRows", databaseWith(kSameEventTwice), std::nullopt},
+        Damage{"RowKeyDiffersFromItsEvent",
+               databaseWith("UPDATE events SET id = '" + UUID::random().toStdString() +
+                            "' WHERE rowid = (SELECT rowid FROM events LIMIT 1 OFFSET 1)"),
+               std::nullopt},
         Damage{"UnreadableRowInALargeFile",
                databaseWith("UPDATE events SET payload = '{' WHERE rowid = (SELECT rowid FROM events LIMIT 1 OFFSET 700)", 1000),
                std::nullopt}),

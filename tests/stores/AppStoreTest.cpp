@@ -387,6 +387,22 @@ TEST_F(AppStoreTest, TagsKeepTrimmedNamesAndTheirOrderAndDeletionClearsThemFromE
     EXPECT_EQ(stored(), store.snapshot());
 }
 
+// Unlike visibility and preferences, a tag operation saves even when it
+// changes nothing, and its success clears an older message and retry.
+TEST_F(AppStoreTest, ATagOperationThatChangesNothingStillSavesAndClearsTheMessage) {
+    auto& store = loaded();
+    {
+        ExclusiveDatabaseLock lock(path());
+        EXPECT_FALSE(syncWait(store.moveTags({1}, 1))) << "onto its own place, and still a save that fails";
+        EXPECT_FALSE(syncWait(store.toggleCalendarVisibility(work)));
+        EXPECT_TRUE(store.canRetry());
+    }
+    EXPECT_TRUE(syncWait(store.setTagOrder({})));
+    EXPECT_FALSE(store.hasLastError());
+    EXPECT_FALSE(store.canRetry());
+    EXPECT_EQ(stored(), initial);
+}
+
 // --- Standalone meetings ---------------------------------------------------
 
 // The first event saved onto the local calendar brings it into the list,
