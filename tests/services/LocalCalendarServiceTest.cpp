@@ -289,25 +289,4 @@ TEST_F(LocalCalendarServiceTest, EventOperationsWriteWhatAFullSaveWritesAndUndoF
     }
 }
 
-TEST_F(LocalCalendarServiceTest, QueriesFilterByCalendarIntervalAndBusyBlocks) {
-    const UUID group = UUID::random(), kCalC = UUID::random();
-    auto free = event("free", 9, 10);
-    free.availability = Availability::free;
-    auto block = event("busy block", 10, 11);
-    block.isGeneratedBusyBlock = true;
-    const auto busy = event("busy", 9, 10), copyA = event("copy", 11, 12, kCalA, group),
-               copyB = event("copy", 11, 12, kCalB, group), endsAtStart = event("before", 7, 8),
-               startsAtEnd = event("after", 12, 13), otherCalendar = event("C", 9, 10, kCalC);
-    auto snapshot = sample();
-    snapshot.events = {busy, free, block, copyA, copyB, endsAtStart, startsAtEnd, otherCalendar};
-    save(snapshot);
-    auto fresh = makeService(path); // operations load on first use
-
-    const DateInterval interval{kDay.addingSeconds(8 * 3600), kDay.addingSeconds(12 * 3600)};
-    EXPECT_EQ(syncWait(fresh->fetchEvents({std::nullopt, std::nullopt, true})), snapshot.events);
-    EXPECT_EQ(syncWait(fresh->freeBusy({kCalA, kCalB}, interval, group)),
-              (std::vector<CalendarBusyInterval>{{busy.id, kCalA, {busy.start, busy.end}}, {block.id, kCalA, {block.start, block.end}}}));
-    EXPECT_EQ(syncWait(fresh->freeBusy({kCalA, kCalB}, interval, std::nullopt)).size(), 4u);
-}
-
 } // namespace

@@ -75,31 +75,6 @@ TEST(EventDraftBoundsTest, AllDayDraftsStoreAnExclusiveEndThatEditingTakesBack) 
     EXPECT_EQ(EventDraft::fromEvent(empty, {}, tokyo()).end, monday(9));
 }
 
-// Editing an event and saving the draft back changes nothing the editor does
-// not show: every field the two records share survives the trip.
-TEST(EventDraftBoundsTest, AnEventThroughTheEditorComesBackUnchanged) {
-    const CalendarEvent original{
-        .id = UUID::random(), .groupID = UUID::random(), .sourceEventID = UUID::random(), .kind = EventKind::task,
-        .title = "Review", .start = monday(9), .end = monday(11), .isAllDay = false,
-        .recurrence = EventRecurrence::monthly, .calendarID = UUID::random(), .tagID = UUID::random(),
-        .location = "Room 4", .notes = "bring notes",
-        .guests = {Guest{UUID::random(), "Bo", "bo@example.com", GuestStatus::tentative}}, .notifications = {5, 30},
-        .meetURL = QUrl("https://meet.example.com/abc"), .availability = Availability::free,
-        .visibility = EventVisibility::privateDetails, .isCompleted = true, .isGeneratedBusyBlock = false,
-        .externalUID = "ext@example.com", .googleEventID = "g", .googleETag = "e", .googleUpdatedAt = monday(8)};
-    const EventDraft draft = EventDraft::fromEvent(original, {original.calendarID}, tokyo());
-    EXPECT_EQ(draft.groupID, original.groupID);
-    EXPECT_EQ(draft.calendarIDs, std::vector<UUID>{original.calendarID});
-
-    // Only the fields the draft does not hold are carried over by hand.
-    CalendarEvent saved{.id = original.id, .groupID = original.groupID, .sourceEventID = original.sourceEventID,
-                        .calendarID = original.calendarID, .isGeneratedBusyBlock = original.isGeneratedBusyBlock,
-                        .googleEventID = original.googleEventID, .googleETag = original.googleETag,
-                        .googleUpdatedAt = original.googleUpdatedAt};
-    draft.applyTo(saved);
-    EXPECT_EQ(saved, original);
-}
-
 // The engine and the editor check the same things in the same order.
 TEST_F(EventMutationEngineTest, ValidationChecksTitleThenRangeThenCalendars) {
     const UUID stale = UUID::random();
@@ -171,7 +146,8 @@ TEST_F(EventMutationEngineTest, CreateCopiesEveryFieldThenMakesPrivateBlocksOfTh
     snapshot.preferences.busyBlockScope = BusyBlockScope::workOnly;
     const CalendarEvent model{
         .kind = EventKind::task, .title = "Review", .start = monday(0), .end = monday(48), .isAllDay = true,
-        .recurrence = EventRecurrence::weekly, .calendarID = personal, .location = "Room 4", .notes = "agenda",
+        .recurrence = EventRecurrence::weekly, .calendarID = personal, .tagID = UUID::random(), .location = "Room 4",
+        .notes = "agenda",
         .guests = {Guest{UUID::random(), "Ann", "ann@example.com", GuestStatus::accepted}}, .notifications = {10},
         .meetURL = QUrl("https://meet.example.com/x"), .visibility = EventVisibility::privateTitle, .isCompleted = true,
         .externalUID = "uid-1"};
@@ -191,33 +167,23 @@ TEST_F(EventMutationEngineTest, CreateCopiesEveryFieldThenMakesPrivateBlocksOfTh
                                         .visibility = EventVisibility::privateDetails, .isGeneratedBusyBlock = true}));
 }
 
+// A lower sortOrder beats a later title rule, equal ones keep list order, and
+// a blank title rule passes over to the tag's next rule; each copy on its own.
 TEST_F(EventMutationEngineTest, TagRulesWalkSortedTagsPerCopy) {
     const auto tag = [](int order, std::vector<TagRuleCondition> conditions) {
         Tag t{.id = UUID::random(), .sortOrder = order};
         for (auto& condition : conditions) t.rules.push_back(TagRule{UUID::random(), std::move(condition)});
         return t;
     };
-    const Tag late = tag(5, {TagRuleCondition::titleContains("review")});
+    const Tag late = tag(5, {TagRuleCondition::titleContains("RÉVIEW")});
     const Tag blank = tag(0, {TagRuleCondition::titleContains(" \n "), TagRuleCondition::calendarEquals(unowned)});
     const Tag tieFirst = tag(1, {TagRuleCondition::calendarEquals(personal)});
-    const Tag tieSecond = tag(1, {TagRuleCondition::calendarEquals(personal), TagRuleCondition::titleContains("CAFE")});
+    const Tag tieSecond = tag(1, {TagRuleCondition::calendarEquals(personal)});
     snapshot.tags = {late, tieFirst, blank, tieSecond};
     snapshot.preferences.automaticBusyBlocks = false;
-    const std::vector<std::tuple<QString, std::vector<UUID>, std::vector<std::optional<UUID>>>> cases = {
-        // A lower sortOrder beats a later title rule, equal ones keep list order,
-        // and a blank title rule passes over to the tag's next rule.
-        {"Weekly review", {personal, work, unowned}, {tieFirst.id, late.id, blank.id}},
-        {"Le Café du coin", {work}, {tieSecond.id}}, // case and diacritics ignored
-        {"Stand \n up", {work}, {std::nullopt}},     // blank rule text never matches
-    };
-    for (const auto& [title, calendars, expected] : cases) {
-        std::vector<std::optional<UUID>> tags;
-        for (const auto& event : create(draft(calendars, title))) tags.push_back(event.tagID);
-        EXPECT_EQ(tags, expected) << title.toStdString();
-    }
-    EventDraft tagged = draft({personal, work}, "Weekly review");
-    tagged.tagID = UUID::random();
-    for (const auto& event : create(tagged)) EXPECT_EQ(event.tagID, tagged.tagID);
+    std::vector<std::optional<UUID>> tags;
+    for (const auto& event : create(draft({personal, work, unowned}, "Weekly review"))) tags.push_back(event.tagID);
+    EXPECT_EQ(tags, (std::vector<std::optional<UUID>>{tieFirst.id, late.id, blank.id}));
 }
 
 TEST_F(EventMutationEngineTest, UpdateKeepsTheIdentityOfCopiesAndBlocksThatStay) {

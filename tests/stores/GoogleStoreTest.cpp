@@ -166,40 +166,6 @@ TEST_F(GoogleStoreFrameTest, EveryFailureHasItsMessageAndRetry) {
     EXPECT_FALSE(store.hasLastError());
 }
 
-TEST_F(GoogleStoreFrameTest, CancelledReconnectRestoresTheStatus) {
-    auto& store = openWithTwoGoogleAccounts();
-    google->statuses[work] = GoogleSyncStatus::reconnectRequired;
-    syncWait(store.syncGoogleAccount(home));
-    ASSERT_EQ(store.googleSyncStatus(work), GoogleSyncStatus::reconnectRequired);
-
-    google->holdBrowser = true;
-    auto first = store.beginGoogleAuthentication(GoogleAuthenticationRequest::reconnect(work));
-    ASSERT_TRUE(first);
-    ASSERT_TRUE(settle([&] { return google->browsers.size() == 1; }));
-    store.cancelGoogleAuthentication();
-    EXPECT_EQ(store.googleSyncStatus(work), GoogleSyncStatus::reconnectRequired);
-    EXPECT_EQ(retry(), StoreRetryOperation::reconnectGoogleAccount(work));
-    EXPECT_FALSE(store.isSyncing());
-    google->browsers.front().resume(true);
-    EXPECT_FALSE(syncWait(first->result()));
-}
-
-TEST_F(GoogleStoreFrameTest, LogoutEndsTheBrowserWaitAndEveryWriter) {
-    auto& store = openWithTwoGoogleAccounts();
-    google->holdBrowser = true;
-    auto authentication = store.beginGoogleAuthentication(GoogleAuthenticationRequest::connect());
-    ASSERT_TRUE(authentication);
-    ASSERT_TRUE(settle([&] { return google->browsers.size() == 1; }));
-    // The browser wait ends with the cancellation once it looks again.
-    auto logout = store.prepareForLogout();
-    google->browsers.front().resume(true);
-    syncWait(logout);
-    EXPECT_TRUE(authentication->isFinished());
-    EXPECT_FALSE(store.isSyncing());
-    EXPECT_FALSE(store.isPersistenceTransactionActive());
-    EXPECT_EQ(store.lastError(), kAuthenticationCancelled);
-}
-
 // --- End to end with the loopback stand-ins -----------------------------
 
 using testing::FixedTokenProvider;

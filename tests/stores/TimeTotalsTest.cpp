@@ -113,18 +113,6 @@ TEST(TimeTotalsTest, DailyTotalsSplitAtLocalMidnightTruncatingEachPart) {
     }
 }
 
-TEST(TimeTotalsTest, PreviousIntervalIsTheMonthOrTheWeekBefore) {
-    const auto& ny = newYork();
-    struct Case { const char* name; DateInterval interval, expected; const DateCalendar& calendar = tokyo(); };
-    const Case cases[] = {
-        {"a calendar month", {on(tokyo(), 3, 1), on(tokyo(), 4, 1)}, {on(tokyo(), 2, 1), on(tokyo(), 3, 1)}},
-        {"a month in a daylight-saving zone", {on(ny, 4, 1), on(ny, 5, 1)}, {on(ny, 3, 1), on(ny, 4, 1)}, ny},
-        {"three days", {on(tokyo(), 3, 10), on(tokyo(), 3, 13)}, {on(tokyo(), 3, 3), on(tokyo(), 3, 10)}},
-        {"a week over the spring change", {on(ny, 3, 15), on(ny, 3, 22)}, {on(ny, 3, 8), on(ny, 3, 15)}, ny},
-    };
-    for (const auto& c : cases) EXPECT_EQ(previousReportInterval(c.interval, c.calendar), c.expected) << c.name;
-}
-
 TEST(TimeTotalsTest, WeeklyMinutesCountTheSundayWeekOfTheTagOnce) {
     const DateCalendar berlin(QStringLiteral("Europe/Berlin"), QStringLiteral("de_DE")); // Monday-first locale
     const auto local = [&](int day, int hour) { return on(berlin, 1, day, hour); };
