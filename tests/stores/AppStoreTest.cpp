@@ -275,7 +275,6 @@ TEST_F(AppStoreTest, WithGoogleStatusIsReadPerAccountAndStaleAnswersAreDropped) 
     auto again = store.eventAvailability(overlapping, tokyo());
     remote->freeBusyAnswers.back().resume(true);
     EXPECT_EQ(syncWait(again).text(), "0 / 2つのアカウントで空き時間です");
-    EXPECT_TRUE(remote->calls.empty()) << "none of this starts an account action";
 }
 
 // --- Events ----------------------------------------------------------------------------
@@ -378,11 +377,9 @@ TEST_F(AppStoreTest, TagsKeepTrimmedNamesAndTheirOrderAndDeletionClearsThemFromE
     EXPECT_EQ(tagNames(), (std::vector<std::string>{"CAFE", "Deep work", "Health", "Admin", "Travel"}));
     ASSERT_TRUE(syncWait(store.moveTags({0, 2, 9}, 4)));
     EXPECT_EQ(tagNames(), (std::vector<std::string>{"Deep work", "Admin", "CAFE", "Health", "Travel"}));
-    ASSERT_TRUE(syncWait(store.setTagOrder({cafe.id, UUID::random(), cafe.id, store.tags()[1].id})));
-    EXPECT_EQ(tagNames(), (std::vector<std::string>{"CAFE", "Admin", "Deep work", "Health", "Travel"}));
 
     ASSERT_TRUE(syncWait(store.deleteTag(cafe.id)));
-    EXPECT_EQ(tagNames(), (std::vector<std::string>{"Admin", "Deep work", "Health", "Travel"}));
+    EXPECT_EQ(tagNames(), (std::vector<std::string>{"Deep work", "Admin", "Health", "Travel"}));
     EXPECT_TRUE(std::none_of(store.events().begin(), store.events().end(), [](const auto& e) { return e.tagID; }));
     EXPECT_EQ(stored(), store.snapshot());
 }

@@ -139,9 +139,6 @@ TEST_F(GoogleStoreFrameTest, EveryFailureHasItsMessageAndRetry) {
     EXPECT_FALSE(syncWait(store.syncAllGoogleAccounts()));
     EXPECT_EQ(store.lastError(), kReconnect);
     EXPECT_FALSE(store.canRetry()) << "which account to reconnect is the user's choice";
-    EXPECT_FALSE(syncWait(store.disconnectGoogleAccount(work)));
-    EXPECT_EQ(store.lastError(), kReconnect);
-    EXPECT_FALSE(store.canRetry());
     authenticate(GoogleAuthenticationRequest::reconnect(work));
     EXPECT_EQ(store.lastError(), kReconnect);
     EXPECT_EQ(retry(), StoreRetryOperation::reconnectGoogleAccount(work));
@@ -154,16 +151,6 @@ TEST_F(GoogleStoreFrameTest, EveryFailureHasItsMessageAndRetry) {
     authenticate(GoogleAuthenticationRequest::connect());
     EXPECT_EQ(store.lastError(), kAuthenticationCancelled);
     EXPECT_EQ(retry(), StoreRetryOperation::connectGoogleAccount());
-
-    // The offered retry runs the action it names.
-    google->failure = nullptr;
-    google->calls.clear();
-    fail({});
-    EXPECT_FALSE(syncWait(store.syncGoogleAccount(home)));
-    google->failure = nullptr;
-    syncWait(store.retryLastOperation());
-    EXPECT_EQ(google->calls, (std::vector<QString>{"sync", "sync"}));
-    EXPECT_FALSE(store.hasLastError());
 }
 
 // --- End to end with the loopback stand-ins -----------------------------
