@@ -27,7 +27,6 @@ public:
     std::map<UUID, std::vector<GoogleSyncWarning>> warnings;
     std::vector<QString> calls;
     std::deque<Continuation<bool>> freeBusyAnswers;
-    std::vector<UUID> statusQueries;
 
     QCoro::Task<Account> connectGoogleAccount(std::stop_token token) override {
         calls.push_back("connect");
@@ -77,7 +76,6 @@ public:
         co_return co_await inner->freeBusy(std::move(ids), interval, excluding);
     }
     QCoro::Task<GoogleSyncStatus> googleSyncStatus(UUID id) override {
-        statusQueries.push_back(id);
         const auto known = statuses.find(id);
         co_return known == statuses.end() ? GoogleSyncStatus::connected : known->second;
     }
