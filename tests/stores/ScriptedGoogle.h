@@ -28,16 +28,11 @@ public:
     std::vector<QString> calls;
     std::deque<Continuation<bool>> freeBusyAnswers;
 
+    // Connections and disconnections are scripted to fail only.
     QCoro::Task<Account> connectGoogleAccount(std::stop_token token) override {
         calls.push_back("connect");
         co_await browser(token);
-        auto inner = in;
-        AppSnapshot snapshot = (co_await inner->load()).snapshot;
-        Account account{.id = UUID::random(), .isConnected = true, .googleSubject = QStringLiteral("sub")};
-        snapshot.accounts.push_back(account);
-        co_await inner->save(snapshot);
-        statuses[account.id] = GoogleSyncStatus::connected;
-        co_return account;
+        throw std::logic_error("a connection that succeeds is not scripted");
     }
     QCoro::Task<Account> reconnectGoogleAccount(UUID id, std::stop_token token) override {
         calls.push_back("reconnect");
@@ -57,14 +52,10 @@ public:
         calls.push_back("syncAll");
         co_await outcome(token);
     }
-    QCoro::Task<void> disconnectGoogleAccount(UUID id, std::stop_token token) override {
+    QCoro::Task<void> disconnectGoogleAccount(UUID, std::stop_token token) override {
         calls.push_back("disconnect");
         co_await outcome(token);
-        auto inner = in;
-        AppSnapshot snapshot = (co_await inner->load()).snapshot;
-        std::erase_if(snapshot.accounts, [&](const Account& a) { return a.id == id; });
-        co_await inner->save(snapshot);
-        statuses.erase(id);
+        throw std::logic_error("a disconnection that succeeds is not scripted");
     }
     QCoro::Task<Events> retryMutation(GoogleMutationOperation, UUID, Events, std::vector<GoogleMutationDestination>) override {
         throw std::logic_error("not used here");
