@@ -246,11 +246,9 @@ TEST_F(AppStoreTest, FailedPersistKeepsTheStateAndTheRetryWritesIt) {
 
 TEST_F(AppStoreTest, WithGoogleStatusIsReadPerAccountAndStaleAnswersAreDropped) {
     auto remote = std::make_shared<ScriptedGoogle>(std::make_shared<LocalCalendarService>(path()));
-    remote->warnings[workAccount] = {GoogleSyncWarning::skippedEvents(work, 2)};
     auto& store = loaded(remote, remote);
     EXPECT_EQ(store.googleSyncStatuses(), (std::map<UUID, GoogleSyncStatus>{{workAccount, GoogleSyncStatus::connected},
                                                                            {homeAccount, GoogleSyncStatus::connected}}));
-    EXPECT_EQ(store.googleSyncWarnings().at(workAccount), remote->warnings[workAccount]);
 
     const auto overlapping = draft("New", {work}, at(9, 30), at(10, 30));
     // Asked again before the first answer came: the first is void.
@@ -350,6 +348,15 @@ TEST(EventAccessPolicyTest, BusyBlocksLeadToTheEventTheyMirror) {
     EXPECT_EQ(EventAccessPolicy::detailEvent(toSecond.id, events), second);
     EXPECT_EQ(EventAccessPolicy::detailEvent(toElsewhere.id, events), elsewhere); // the source wins over the group
     EXPECT_EQ(EventAccessPolicy::detailEvent(toBlock.id, events), first);         // else the group's first real event
+}
+
+// --- Tags ------------------------------------------------------------------------
+
+TEST_F(AppStoreTest, DeletingATagClearsItFromItsEvents) {
+    auto& store = loaded();
+    ASSERT_TRUE(syncWait(store.deleteTag(initial.tags[0].id)));
+    EXPECT_TRUE(std::none_of(store.events().begin(), store.events().end(), [](const auto& e) { return e.tagID; }));
+    EXPECT_EQ(stored(), store.snapshot());
 }
 
 // Unlike visibility and preferences, a tag operation saves even when it

@@ -111,7 +111,6 @@ TEST(EventDerivationsTest, SearchFiltersByVisibilityAccountTimeAndFoldedText) {
         {u"cafe review", work, false, {{1, {calA}}}},
         {u"budget room", std::nullopt, false, {{2, {calB}}}},      // spans title and location
         {u"5 alex kim alex@", std::nullopt, false, {{2, {calB}}}}, // location into the guest
-        {u"review budget", std::nullopt, false, {}},
         {u"  ", personal, false, {{6, {calB}}, {2, {calB}}}},
     };
     for (const auto& c : cases) {

@@ -81,7 +81,6 @@ TEST_F(EventMutationEngineTest, ValidationChecksTitleThenRangeThenCalendars) {
     const std::vector<Case> cases = {
         {QStringLiteral("\u3000\t"), 0, false, {}, Kind::blankTitle},
         {"x", 0, false, {}, Kind::invalidDateRange},
-        {"x", -1, false, {work}, Kind::invalidDateRange},
         {"x", 1, false, {stale, stale}, Kind::noCalendars, false},
         {"", 1, false, {local}, std::nullopt}, // untitled only on the local calendar alone
         {" \n", 1, false, {local, local}, std::nullopt, false},
