@@ -115,7 +115,6 @@ TEST_F(AccessTokenProviderTest, AFailedRefreshFailsEveryWaiterAlikeAndClearsTheS
     auto provider = makeProvider();
     const std::vector<std::pair<CannedResponse, Kind>> failures{
         {CannedResponse{503, {}, "upstream connect error"}, Kind::refreshFailed},
-        {CannedResponse::json(429, R"({"error":"rate_limit_exceeded"})"), Kind::refreshFailed},
         {CannedResponse::json(200, "{\"access_token\":"), Kind::refreshFailed},
         {CannedResponse::json(400, R"({"error":"invalid_grant","error_description":"Token has been expired or revoked."})"),
          Kind::reconnectRequired},

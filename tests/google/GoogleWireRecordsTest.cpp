@@ -69,10 +69,8 @@ TEST(GoogleWireRecordsTest, HostileEventsFailAsAWholeWithAPath) {
         EXPECT_EQ(error.kind(), JsonDecodingError::Kind::typeMismatch);
     }
 
-    // Null is the same as absent, and the first of duplicate keys counts.
-    const auto e = decodeGoogleEvent(R"({"id": "first", "id": "second", "summary": null})");
-    EXPECT_EQ(e.id, "first");
-    EXPECT_FALSE(e.summary);
+    // Null is the same as absent.
+    EXPECT_FALSE(decodeGoogleEvent(R"({"id": "a", "summary": null})").summary);
 }
 
 TEST(GoogleWireRecordsTest, EventPageKeepsWhatItCanRead) {
@@ -98,11 +96,6 @@ TEST(GoogleWireRecordsTest, EventPageKeepsWhatItCanRead) {
     EXPECT_EQ(page.nextSyncToken, "sync-2");
     EXPECT_FALSE(page.nextPageToken); // not a string
     EXPECT_FALSE(page.timeZone);      // empty after trimming
-
-    const auto empty = decodeGoogleEventPage(R"({"nextSyncToken": "s", "timeZone": "Asia/Tokyo"})");
-    EXPECT_TRUE(empty.events.empty());
-    EXPECT_EQ(empty.skippedItemCount, 0);
-    EXPECT_EQ(empty.timeZone, "Asia/Tokyo");
 
     for (const char* body : {R"({"items": {"id": "x"}})", R"([])", R"({"items": [{"id": "x"})", "", "null"})
         EXPECT_THROW(decodeGoogleEventPage(body), JsonDecodingError) << body;
