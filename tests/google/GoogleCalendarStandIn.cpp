@@ -217,7 +217,6 @@ CannedResponse GoogleCalendarStandIn::listEvents(const QString& calendarID, cons
     const auto value = [&](const char* key) { return param(query, key); };
     int pageSize = 250;
     if (auto max = value("maxResults")) pageSize = std::min(max->toInt(), kMaximumEventPageSize);
-    if (pageSize < 1) return googleError(400, "invalid", "Invalid value for maxResults");
 
     Cursor cursor;
     if (auto pageToken = value("pageToken")) {
@@ -383,11 +382,7 @@ CannedResponse GoogleCalendarStandIn::freeBusy(const RecordedRequest& request) {
     for (const QJsonValue item : body.value("items").toArray()) {
         const QString id = item.toObject().value("id").toString();
         auto calendar = calendars_.find(id);
-        if (calendar == calendars_.end()) {
-            calendars.insert(id, QJsonObject{{"errors", QJsonArray{QJsonObject{{"domain", "global"}, {"reason", "notFound"}}}},
-                                             {"busy", QJsonArray{}}});
-            continue;
-        }
+        if (calendar == calendars_.end()) continue;
         std::vector<std::pair<QDateTime, QDateTime>> periods;
         for (const auto& [eventID, stored] : calendar->second.events) {
             if (stored.body.value("status").toString() == QLatin1String("cancelled")) continue;

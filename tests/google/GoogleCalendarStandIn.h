@@ -16,7 +16,7 @@
 // - Meet conferences asked for with conferenceDataVersion=1 start "pending"
 //   and complete after a number of reads;
 // - private/shared extended properties merged key by key on PATCH;
-// - freeBusy over any calendars, with a "notFound" error for unknown ones;
+// - freeBusy over the calendars it keeps;
 // - tokens: a request without an accepted bearer token is a 401 ("authError").
 // Faults (403 rate limits, 429 with Retry-After, 5xx, hostile bodies) are
 // queued by the test for the next requests of one method.

@@ -101,8 +101,6 @@ QString GoogleOAuthStandIn::grantOffline(const Account& account, const QStringLi
     return refreshToken;
 }
 
-void GoogleOAuthStandIn::revokeRefreshToken(const QString& refreshToken) { refreshTokens_.erase(refreshToken); }
-
 CannedResponse GoogleOAuthStandIn::oauthError(int status, const char* error, const char* description) {
     QJsonObject body{{"error", error}, {"error_description", description}};
     return CannedResponse::json(status, QJsonDocument(body).toJson(QJsonDocument::Compact));

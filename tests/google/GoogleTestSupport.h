@@ -38,12 +38,10 @@ void expectError(const std::function<void()>& body, typename E::Kind kind) {
 // and follows redirects itself, keeping the final page.
 struct ScriptedBrowser {
     NetworkHTTPTransport transport;
-    QList<QUrl> visited;
     std::optional<HTTPResponse> lastPage;
 
     QCoro::Task<bool> open(QUrl url) {
         for (int hop = 0; hop < 5; ++hop) {
-            visited.push_back(url);
             HTTPRequest request;
             request.url = url;
             request.timeout = 10;
