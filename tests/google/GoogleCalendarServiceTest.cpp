@@ -178,7 +178,6 @@ TEST_F(GoogleCalendarServiceTest, RejectedCredentialsStopOneAccountAndTheOtherSt
     ASSERT_TRUE(partial);
     EXPECT_EQ(partial->kind(), ServiceKind::partialSync);
     EXPECT_EQ(partial->failedAccountIDs(), std::vector<UUID>{alice.id});
-    EXPECT_TRUE(partial->failedCalendarIDs().empty());
 
     EXPECT_EQ(syncWait(service->googleSyncStatus(alice.id)), GoogleSyncStatus::reconnectRequired);
     EXPECT_EQ(syncWait(service->googleSyncStatus(bob.id)), GoogleSyncStatus::connected);
@@ -319,9 +318,6 @@ TEST_F(GoogleCalendarServiceTest, MeetLinkAskedOnCreateArrivesWithALaterSync) {
     auto event = groupOnThree(onDisk(), UUID::random()).front();
     event.meetURL = CalendarEvent::pendingMeetURL();
     syncWait(service->createEvents({event}));
-
-    const auto insert = aliceGoogle.server().requests().back();
-    EXPECT_EQ(insert.query, "sendUpdates=all&conferenceDataVersion=1");
     // Google has not made the conference yet: the placeholder stays.
     EXPECT_EQ(storedEventByID(onDisk(), event.id)->meetURL, CalendarEvent::pendingMeetURL());
 

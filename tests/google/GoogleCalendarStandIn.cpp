@@ -279,13 +279,12 @@ void GoogleCalendarStandIn::startConference(QJsonObject& body, const QJsonObject
     QJsonObject create = asked.value("createRequest").toObject();
     create.insert("status", QJsonObject{{"statusCode", "pending"}});
     body.insert("conferenceData", QJsonObject{{"createRequest", create}});
-    stored.conferenceReadsLeft = kConferenceReadsUntilReady;
+    stored.conferencePending = true;
 }
 
 void GoogleCalendarStandIn::advanceConference(StoredEvent& stored) {
-    if (stored.conferenceReadsLeft < 0) return;
-    if (--stored.conferenceReadsLeft > 0) return;
-    stored.conferenceReadsLeft = -1;
+    if (!stored.conferencePending) return;
+    stored.conferencePending = false;
     const QString link = QStringLiteral("https://meet.google.com/tav-%1-elo").arg(stored.sequence % 10000);
     QJsonObject conference = stored.body.value("conferenceData").toObject();
     QJsonObject create = conference.value("createRequest").toObject();

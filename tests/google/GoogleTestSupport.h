@@ -64,7 +64,6 @@ struct ScriptedBrowser {
 class MemoryCredentialStore final : public GoogleCredentialStore {
 public:
     QCoro::Task<std::optional<GoogleCredential>> load(QString subject) override {
-        ++loads;
         if (failLoad) throw KeychainGoogleCredentialStoreError();
         auto it = items.find(subject);
         co_return it == items.end() ? std::nullopt : std::optional<GoogleCredential>(it->second);
@@ -82,7 +81,6 @@ public:
     }
 
     std::map<QString, GoogleCredential> items;
-    int loads = 0;
     int saves = 0;
     bool failLoad = false;
     bool failSave = false;
