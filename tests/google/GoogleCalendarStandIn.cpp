@@ -217,7 +217,6 @@ CannedResponse GoogleCalendarStandIn::listEvents(const QString& calendarID, cons
     const auto value = [&](const char* key) { return param(query, key); };
     int pageSize = 250;
     if (auto max = value("maxResults")) pageSize = std::min(max->toInt(), kMaximumEventPageSize);
-    if (pageSize < 1) return googleError(400, "invalid", "Invalid value for maxResults");
 
     Cursor cursor;
     if (auto pageToken = value("pageToken")) {
@@ -280,13 +279,12 @@ void GoogleCalendarStandIn::startConference(QJsonObject& body, const QJsonObject
     QJsonObject create = asked.value("createRequest").toObject();
     create.insert("status", QJsonObject{{"statusCode", "pending"}});
     body.insert("conferenceData", QJsonObject{{"createRequest", create}});
-    stored.conferenceReadsLeft = kConferenceReadsUntilReady;
+    stored.conferencePending = true;
 }
 
 void GoogleCalendarStandIn::advanceConference(StoredEvent& stored) {
-    if (stored.conferenceReadsLeft < 0) return;
-    if (--stored.conferenceReadsLeft > 0) return;
-    stored.conferenceReadsLeft = -1;
+    if (!stored.conferencePending) return;
+    stored.conferencePending = false;
     const QString link = QStringLiteral("https://meet.google.com/tav-%1-elo").arg(stored.sequence % 10000);
     QJsonObject conference = stored.body.value("conferenceData").toObject();
     QJsonObject create = conference.value("createRequest").toObject();
@@ -383,11 +381,7 @@ CannedResponse GoogleCalendarStandIn::freeBusy(const RecordedRequest& request) {
     for (const QJsonValue item : body.value("items").toArray()) {
         const QString id = item.toObject().value("id").toString();
         auto calendar = calendars_.find(id);
-        if (calendar == calendars_.end()) {
-            calendars.insert(id, QJsonObject{{"errors", QJsonArray{QJsonObject{{"domain", "global"}, {"reason", "notFound"}}}},
-                                             {"busy", QJsonArray{}}});
-            continue;
-        }
+        if (calendar == calendars_.end()) continue;
         std::vector<std::pair<QDateTime, QDateTime>> periods;
         for (const auto& [eventID, stored] : calendar->second.events) {
             if (stored.body.value("status").toString() == QLatin1String("cancelled")) continue;

@@ -14,9 +14,9 @@
 // - insert with a client-chosen id, 409 ("duplicate") for an id that exists;
 //   delete of a deleted event is 410;
 // - Meet conferences asked for with conferenceDataVersion=1 start "pending"
-//   and complete after a number of reads;
+//   and complete at the next read;
 // - private/shared extended properties merged key by key on PATCH;
-// - freeBusy over any calendars, with a "notFound" error for unknown ones;
+// - freeBusy over the calendars it keeps;
 // - tokens: a request without an accepted bearer token is a 401 ("authError").
 // Faults (403 rate limits, 429 with Retry-After, 5xx, hostile bodies) are
 // queued by the test for the next requests of one method.
@@ -87,7 +87,7 @@ private:
     struct StoredEvent {
         QJsonObject body;
         std::int64_t sequence = 0;
-        int conferenceReadsLeft = -1; // -1: no conference pending
+        bool conferencePending = false; // ready at the next read
     };
     struct Calendar {
         QJsonObject entry;
@@ -98,7 +98,6 @@ private:
         std::vector<QString> ids;
         std::size_t offset = 0;
         std::int64_t snapshot = 0;
-        std::optional<int> pageSize;
     };
 
     std::optional<CannedResponse> handle(const RecordedRequest& request);
@@ -136,8 +135,6 @@ private:
     std::vector<std::pair<QByteArray, QByteArray>> holds_;
     std::int64_t sequence_ = 1000;
     std::uint64_t tokenCounter_ = 0;
-    // A conference asked for on insert or patch is ready after this many reads.
-    static constexpr int kConferenceReadsUntilReady = 1;
 };
 
 } // namespace tavelo::testing

@@ -101,8 +101,6 @@ QString GoogleOAuthStandIn::grantOffline(const Account& account, const QStringLi
     return refreshToken;
 }
 
-void GoogleOAuthStandIn::revokeRefreshToken(const QString& refreshToken) { refreshTokens_.erase(refreshToken); }
-
 CannedResponse GoogleOAuthStandIn::oauthError(int status, const char* error, const char* description) {
     QJsonObject body{{"error", error}, {"error_description", description}};
     return CannedResponse::json(status, QJsonDocument(body).toJson(QJsonDocument::Compact));
@@ -192,11 +190,7 @@ CannedResponse GoogleOAuthStandIn::userInfo(const RecordedRequest& request) {
     const auto grant = authorization.startsWith("Bearer ")
                            ? accessTokens_.find(QString::fromUtf8(authorization.mid(7)))
                            : accessTokens_.end();
-    if (grant == accessTokens_.end()) {
-        CannedResponse response = oauthError(401, "invalid_request", "Invalid Credentials");
-        response.headers.emplace_back("WWW-Authenticate", "Bearer realm=\"https://accounts.google.com/\", error=\"invalid_token\"");
-        return response;
-    }
+    if (grant == accessTokens_.end()) return oauthError(401, "invalid_request", "Invalid Credentials");
     const Account& account = grant->second.account;
     QJsonObject body{{"sub", account.subject}, {"email", account.email}, {"email_verified", true},
                      {"picture", "https://lh3.googleusercontent.com/a/photo"}};

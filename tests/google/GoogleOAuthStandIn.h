@@ -61,7 +61,6 @@ public:
 
     // A grant made outside any browser flow; returns its refresh token.
     QString grantOffline(const Account& account, const QStringList& scopes);
-    void revokeRefreshToken(const QString& refreshToken);
 
     int exchangeCount() const { return exchanges_; }
     int refreshCount() const { return refreshes_; }

@@ -38,12 +38,10 @@ void expectError(const std::function<void()>& body, typename E::Kind kind) {
 // and follows redirects itself, keeping the final page.
 struct ScriptedBrowser {
     NetworkHTTPTransport transport;
-    QList<QUrl> visited;
     std::optional<HTTPResponse> lastPage;
 
     QCoro::Task<bool> open(QUrl url) {
         for (int hop = 0; hop < 5; ++hop) {
-            visited.push_back(url);
             HTTPRequest request;
             request.url = url;
             request.timeout = 10;
@@ -66,7 +64,6 @@ struct ScriptedBrowser {
 class MemoryCredentialStore final : public GoogleCredentialStore {
 public:
     QCoro::Task<std::optional<GoogleCredential>> load(QString subject) override {
-        ++loads;
         if (failLoad) throw KeychainGoogleCredentialStoreError();
         auto it = items.find(subject);
         co_return it == items.end() ? std::nullopt : std::optional<GoogleCredential>(it->second);
@@ -84,7 +81,6 @@ public:
     }
 
     std::map<QString, GoogleCredential> items;
-    int loads = 0;
     int saves = 0;
     bool failLoad = false;
     bool failSave = false;

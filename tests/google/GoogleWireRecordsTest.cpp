@@ -1,53 +1,9 @@
 #include "google/GoogleWireRecords.h"
 #include "support/JsonReader.h"
-#include "support/JsonWriter.h"
 
 #include <gtest/gtest.h>
 
 using namespace tavelo;
-
-namespace {
-
-const char* kFullEvent = R"({
-  "kind": "calendar#event",
-  "id": "evt1", "etag": "\"3391\"", "status": "confirmed", "summary": "Design review",
-  "description": "Agenda", "location": "Room 4", "iCalUID": "evt1@google.com",
-  "updated": "2026-01-04T10:00:00.123Z",
-  "start": {"dateTime": "2026-01-05T09:00:00+09:00", "timeZone": "Asia/Tokyo"},
-  "end": {"dateTime": "2026-01-05T10:00:00+09:00", "timeZone": "Asia/Tokyo"},
-  "recurrence": ["RRULE:FREQ=WEEKLY"], "recurringEventId": "master",
-  "originalStartTime": {"date": "2026-01-05"},
-  "transparency": "transparent", "visibility": "private",
-  "attendees": [{"email": "ann@example.com", "displayName": "Ann", "responseStatus": "accepted", "self": true}],
-  "reminders": {"useDefault": false, "overrides": [{"method": "popup", "minutes": 10}]},
-  "hangoutLink": "https://meet.google.com/abc-defg-hij",
-  "conferenceData": {"entryPoints": [{"entryPointType": "video", "uri": "https://meet.google.com/abc-defg-hij"}],
-                     "conferenceSolution": {"name": "Google Meet"}},
-  "extendedProperties": {"private": {"taveloGroupID": "aaaaaaaa-0000-4000-8000-000000000001"},
-                         "shared": {"x": "y"}},
-  "organizer": {"email": "boss@example.com"}
-})";
-
-std::string encoded(const auto& record) { return encodeJson(record); }
-
-} // namespace
-
-TEST(GoogleWireRecordsTest, EventDecodesEveryFieldAndIgnoresUnknownKeys) {
-    // What the mapper reads of a record is checked through it; here what only
-    // the record holds.
-    const auto e = decodeGoogleEvent(kFullEvent);
-    ASSERT_TRUE(e.originalStartTime);
-    EXPECT_EQ(e.originalStartTime->date, "2026-01-05");
-    EXPECT_FALSE(e.originalStartTime->dateTime);
-    ASSERT_TRUE(e.attendees);
-    EXPECT_FALSE(e.attendees->at(0).id);
-    ASSERT_NE(e.privateProperty("taveloGroupID"), nullptr);
-    EXPECT_EQ(*e.privateProperty("taveloGroupID"), "aaaaaaaa-0000-4000-8000-000000000001");
-    EXPECT_EQ(e.privateProperty("x"), nullptr); // shared properties are not private ones
-
-    // Encoding and decoding again loses nothing the record knows.
-    EXPECT_EQ(decodeGoogleEvent(encoded(e)), e);
-}
 
 TEST(GoogleWireRecordsTest, HostileEventsFailAsAWholeWithAPath) {
     // Wrong types, required keys of nested records, damaged syntax.
@@ -56,23 +12,14 @@ TEST(GoogleWireRecordsTest, HostileEventsFailAsAWholeWithAPath) {
         R"({"id": "a", "start": "2026-01-05"})",
         R"({"id": "a", "reminders": {"overrides": []}})",
         R"({"id": "a", "attendees": {"email": "x"}})",
+        R"({"id": "a", "attendees": [{"email": "a@x"}, {"email": false}]})",
         R"({"id": "a", "summary": "trunc)",
         R"(["id", "a"])",
     };
     for (const char* json : bad) EXPECT_THROW(decodeGoogleEvent(json), JsonDecodingError) << json;
 
-    try {
-        decodeGoogleEvent(R"({"id": "a", "attendees": [{"email": "a@x"}, {"email": false}]})");
-        FAIL() << "expected a decoding error";
-    } catch (const JsonDecodingError& error) {
-        EXPECT_NE(error.path().find("attendees"), std::string::npos) << error.path();
-        EXPECT_EQ(error.kind(), JsonDecodingError::Kind::typeMismatch);
-    }
-
-    // Null is the same as absent, and the first of duplicate keys counts.
-    const auto e = decodeGoogleEvent(R"({"id": "first", "id": "second", "summary": null})");
-    EXPECT_EQ(e.id, "first");
-    EXPECT_FALSE(e.summary);
+    // Null is the same as absent.
+    EXPECT_FALSE(decodeGoogleEvent(R"({"id": "a", "summary": null})").summary);
 }
 
 TEST(GoogleWireRecordsTest, EventPageKeepsWhatItCanRead) {
@@ -97,12 +44,6 @@ TEST(GoogleWireRecordsTest, EventPageKeepsWhatItCanRead) {
     EXPECT_EQ(page.skippedItemCount, 6);
     EXPECT_EQ(page.nextSyncToken, "sync-2");
     EXPECT_FALSE(page.nextPageToken); // not a string
-    EXPECT_FALSE(page.timeZone);      // empty after trimming
-
-    const auto empty = decodeGoogleEventPage(R"({"nextSyncToken": "s", "timeZone": "Asia/Tokyo"})");
-    EXPECT_TRUE(empty.events.empty());
-    EXPECT_EQ(empty.skippedItemCount, 0);
-    EXPECT_EQ(empty.timeZone, "Asia/Tokyo");
 
     for (const char* body : {R"({"items": {"id": "x"}})", R"([])", R"({"items": [{"id": "x"})", "", "null"})
         EXPECT_THROW(decodeGoogleEventPage(body), JsonDecodingError) << body;
@@ -121,7 +62,6 @@ TEST(GoogleWireRecordsTest, CalendarListPageSkipsEntriesWithoutUsableIds) {
       ]})");
     ASSERT_EQ(page.calendars.size(), 1u);
     EXPECT_EQ(page.calendars[0].primary, true);
-    EXPECT_EQ(page.calendars[0].backgroundColor, "#9fe1e7");
     EXPECT_EQ(page.skippedItemCount, 4);
     EXPECT_EQ(page.nextPageToken, "p2");
 }
