@@ -279,10 +279,14 @@ TEST_F(GoogleCalendarServiceTest, EditsRemoteChangesAndDeletesFollowTheGroup) {
     syncWait(service->updateEvents(groupID, retagged));
     EXPECT_EQ(aliceGoogle.countOf("PATCH") + bobGoogle.countOf("PATCH"), patchesBefore + 3);
     EXPECT_FALSE(aliceGoogle.server().requests().back().query.contains("sendUpdates"));
+    // An update with nothing changed sends nothing (no guest is mailed for it).
+    const auto sent = aliceGoogle.server().requests().size() + bobGoogle.server().requests().size();
     auto current = onDisk();
     std::vector<CalendarEvent> same;
     for (const auto& e : current.events)
         if (e.groupID == groupID) same.push_back(e);
+    syncWait(service->updateEvents(groupID, same));
+    EXPECT_EQ(aliceGoogle.server().requests().size() + bobGoogle.server().requests().size(), sent);
 
     // Someone renames the family copy at Google meanwhile: Google wins there.
     const CalendarEvent family = *storedEventByID(current, group[1].id);
