@@ -105,8 +105,8 @@ TEST_F(GoogleStoreFrameTest, EveryFailureHasItsMessageAndRetry) {
     };
     const auto authenticate = [&](GoogleAuthenticationRequest request) {
         auto task = store.beginGoogleAuthentication(request);
-        EXPECT_TRUE(task);
-        if (task) EXPECT_FALSE(syncWait(task->result()));
+        ASSERT_TRUE(task);
+        EXPECT_FALSE(syncWait(task->result()));
         EXPECT_FALSE(store.isSyncing());
     };
 
@@ -214,8 +214,11 @@ protected:
     Account connect() {
         const auto before = store->accounts().size();
         auto task = store->beginGoogleAuthentication(GoogleAuthenticationRequest::connect());
-        EXPECT_TRUE(task);
-        if (task) EXPECT_TRUE(syncWait(task->result()));
+        if (!task) {
+            ADD_FAILURE() << "no authentication started";
+            return Account{};
+        }
+        EXPECT_TRUE(syncWait(task->result()));
         syncWait(store->prepareForLogout());
         EXPECT_EQ(store->accounts().size(), before + 1);
         return store->accounts().back();
