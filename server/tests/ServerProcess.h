@@ -6,13 +6,11 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <functional>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace tavelo::cloud::testing {
@@ -42,7 +40,7 @@ std::string readFile(const std::string& path);
 struct HttpResult {
     int status = 0; // 0: no reply (connection closed or timed out)
     std::string body;
-    std::map<std::string, std::string> headers; // names in lower case
+    std::string contentType;
 };
 
 // One request on a new connection ("Connection: close").
@@ -88,8 +86,9 @@ private:
     pid_t pid_ = -1;
 };
 
-// An OpenAI-compatible chat-completions stand-in on 127.0.0.1. Each request
-// gets `reply(body)` = (status, body, delay in milliseconds).
+// An OpenAI-compatible chat-completions stand-in on 127.0.0.1, served by the
+// project's own HTTP server. Each request gets `reply(body)` = (status, body,
+// delay in milliseconds); a delay holds only its own connection.
 class FakeProvider {
 public:
     struct Reply {
@@ -102,22 +101,17 @@ public:
     explicit FakeProvider(Handler handler);
     ~FakeProvider();
     std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_) + "/v1"; }
-    int requestCount() const { return requests_; }
+    int requestCount() const;
     std::vector<std::string> bodies() const;
 
     static Reply completion(const std::string& text);
 
 private:
-    void serve();
-    Handler handler_;
-    int listener_ = -1;
+    struct Service;
+    std::unique_ptr<Service> service_;
     std::uint16_t port_ = 0;
-    std::atomic<int> requests_{0};
-    std::atomic<int> active_{0};
-    std::atomic<bool> stopping_{false};
     mutable std::mutex mutex_;
     std::vector<std::string> bodies_;
-    std::thread thread_;
 };
 
 // The PostgreSQL URL pattern of the test cluster ("{db}" stands for the
