@@ -38,25 +38,16 @@ TemporaryDirectory::~TemporaryDirectory() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-int listenOnLoopback(std::uint16_t& port, int backlog) {
+std::uint16_t freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::listen(fd, backlog);
     socklen_t length = sizeof address;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    port = ntohs(address.sin_port);
-    return fd;
-}
-
-std::uint16_t freePort() {
-    std::uint16_t port = 0;
-    ::close(listenOnLoopback(port));
-    return port;
+    ::close(fd);
+    return ntohs(address.sin_port);
 }
 
 int connectTo(std::uint16_t port) {

@@ -26,9 +26,8 @@ private:
     std::string path_;
 };
 
+// A loopback port that nothing listens on.
 std::uint16_t freePort();
-// A socket listening on 127.0.0.1 at a free port, which goes to `port`.
-int listenOnLoopback(std::uint16_t& port, int backlog = 64);
 // A connection to 127.0.0.1:`port`, or -1.
 int connectTo(std::uint16_t port);
 // One HTTP message from `fd`: up to the end of its Content-Length body, or
