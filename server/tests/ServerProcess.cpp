@@ -13,7 +13,6 @@
 
 #include <boost/beast/http.hpp>
 #include <boost/json.hpp>
-#include <libpq-fe.h>
 
 #include <atomic>
 #include <chrono>
@@ -172,17 +171,8 @@ std::string createTestDatabase() {
     };
     static std::atomic<int> counter{0};
     const std::string name = "tavelo_test_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
-    PGconn* connection = PQconnectdb(url("postgres").c_str());
-    if (PQstatus(connection) != CONNECTION_OK) {
-        const std::string message = PQerrorMessage(connection);
-        PQfinish(connection);
-        throw std::runtime_error("cannot reach the test PostgreSQL: " + message);
-    }
-    PGresult* result = PQexec(connection, ("CREATE DATABASE " + name).c_str());
-    const bool created = PQresultStatus(result) == PGRES_COMMAND_OK;
-    PQclear(result);
-    PQfinish(connection);
-    if (!created) throw std::runtime_error("cannot create the test database " + name);
+    const std::string command = "createdb --maintenance-db='" + url("postgres") + "' " + name;
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("cannot create the test database " + name);
     return url(name);
 }
 
