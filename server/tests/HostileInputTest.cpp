@@ -12,11 +12,10 @@ namespace {
 using testing::ServerProcess;
 
 std::string errorOf(const std::string& body) {
-    boost::system::error_code ec;
-    const auto value = boost::json::parse(body, ec);
-    if (ec || !value.is_object() || !value.as_object().contains("error")) return {};
-    const auto& error = value.as_object().at("error");
-    return error.is_string() ? std::string(error.as_string()) : std::string("(object)");
+    const auto object = testing::jsonObject(body);
+    const auto* error = object.if_contains("error");
+    if (!error) return {};
+    return error->is_string() ? std::string(error->as_string()) : std::string("(object)");
 }
 
 class HostileInput : public ::testing::Test {

@@ -69,6 +69,12 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
+boost::json::object jsonObject(const std::string& text) {
+    boost::system::error_code ec;
+    const auto value = boost::json::parse(text, ec);
+    return !ec && value.is_object() ? value.as_object() : boost::json::object();
+}
+
 namespace {
 
 namespace http = boost::beast::http;
@@ -236,10 +242,9 @@ int ServerProcess::wait() {
 }
 
 std::string ServerProcess::ownerKey() const {
-    boost::system::error_code ec;
-    const auto value = boost::json::parse(readFile(ownerFile()), ec);
-    if (ec || !value.is_object() || !value.as_object().contains("connectionKey")) return {};
-    return std::string(value.as_object().at("connectionKey").as_string());
+    const auto owner = jsonObject(readFile(ownerFile()));
+    const auto* key = owner.if_contains("connectionKey");
+    return key && key->is_string() ? std::string(key->as_string()) : std::string();
 }
 
 std::string ServerProcess::log() const { return readFile(home_ + "/server.log"); }

@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include <boost/json/object.hpp>
+
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -35,6 +37,8 @@ int connectTo(std::uint16_t port);
 std::string readMessage(int fd, int timeoutMilliseconds);
 // The whole file ("" when it cannot be read).
 std::string readFile(const std::string& path);
+// `text` as a JSON object; an empty one when it is not a JSON object.
+boost::json::object jsonObject(const std::string& text);
 
 struct HttpResult {
     int status = 0; // 0: no reply (connection closed or timed out)
