@@ -150,6 +150,7 @@ TEST_F(IdentityRoutes, SignUpSignInAndTheSessionOfEachAccountIsItsOwn) {
     const std::string aliceToken = field(created, "idToken");
     ASSERT_FALSE(aliceToken.empty()) << created;
     EXPECT_EQ(identityMessage(signUp("alice@example.jp")), "EMAIL_EXISTS");
+    EXPECT_TRUE(identityMessage(signUp("b@example.jp", "12345")).starts_with("WEAK_PASSWORD"));
 
     const auto session = jsonObject(server.get("/v1/session", aliceToken).body);
     EXPECT_NE(session.at("userID").as_string(), "owner");

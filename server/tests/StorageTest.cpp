@@ -87,6 +87,7 @@ TEST_P(StorageContract, ADeletedSchedulesQueuedRunIsCancelledAndNeverStarts) {
     const auto schedule = scheduleNumbered(7);
     storage->putSchedule("alice", schedule, 5000);
     ASSERT_TRUE(storage->enqueueRun("alice", schedule.id, 10, 10));
+    EXPECT_TRUE(storage->runs("bob", 10).empty());
     EXPECT_TRUE(storage->deleteSchedule("alice", schedule.id));
     EXPECT_EQ(storage->runs("alice", 10).at(0).status, "cancelled");
     EXPECT_FALSE(storage->claimRun("w", 100, 60));
