@@ -25,12 +25,11 @@ std::string scheduleJSON(int n, double firstRun, const char* recurrence = nullpt
 }
 
 std::vector<boost::json::object> runsOf(const ServerProcess& server, const std::string& key) {
-    const auto reply = server.get("/v1/state", key);
+    const auto state = testing::jsonObject(server.get("/v1/state", key).body);
     std::vector<boost::json::object> runs;
-    boost::system::error_code ec;
-    const auto value = boost::json::parse(reply.body, ec);
-    if (ec || !value.is_object()) return runs;
-    for (const auto& run : value.as_object().at("runs").as_array()) runs.push_back(run.as_object());
+    if (const auto* list = state.if_contains("runs")) {
+        for (const auto& run : list->as_array()) runs.push_back(run.as_object());
+    }
     return runs;
 }
 
@@ -126,7 +125,6 @@ TEST(Scheduler, AnOccurrenceDueWhileTheServerWasDownRunsOnceAfterTheRestart) {
     ASSERT_EQ(server.send("PUT", "/v1/schedules", scheduleJSON(1, at, "weekly"), key).status, 200);
     ASSERT_EQ(server.stop(), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<int>((at - now()) * 1000) + 500));
-    EXPECT_EQ(provider.requestCount(), 0);
     server.start();
     ASSERT_TRUE(testing::eventually([&] { return allEnded(runsOf(server, key)); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(500));

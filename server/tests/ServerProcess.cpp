@@ -1,5 +1,7 @@
 #include "ServerProcess.h"
 
+#include "HttpServer.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -9,9 +11,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <boost/beast/http.hpp>
 #include <boost/json.hpp>
-#include <libpq-fe.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +22,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace tavelo::cloud::testing {
 
@@ -33,25 +37,16 @@ TemporaryDirectory::~TemporaryDirectory() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-int listenOnLoopback(std::uint16_t& port, int backlog) {
+std::uint16_t freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::listen(fd, backlog);
     socklen_t length = sizeof address;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    port = ntohs(address.sin_port);
-    return fd;
-}
-
-std::uint16_t freePort() {
-    std::uint16_t port = 0;
-    ::close(listenOnLoopback(port));
-    return port;
+    ::close(fd);
+    return ntohs(address.sin_port);
 }
 
 int connectTo(std::uint16_t port) {
@@ -74,37 +69,31 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
+boost::json::object jsonObject(const std::string& text) {
+    boost::system::error_code ec;
+    const auto value = boost::json::parse(text, ec);
+    return !ec && value.is_object() ? value.as_object() : boost::json::object();
+}
+
 namespace {
 
-// The head's end and, when the head declares one, the whole message's length.
-std::pair<std::size_t, std::optional<std::size_t>> messageBounds(const std::string& text) {
-    const auto headerEnd = text.find("\r\n\r\n");
-    if (headerEnd == std::string::npos) return {headerEnd, std::nullopt};
-    std::string head = text.substr(0, headerEnd);
-    for (auto& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const auto at = head.find("\ncontent-length:");
-    if (at == std::string::npos) return {headerEnd, std::nullopt};
-    return {headerEnd, headerEnd + 4 + std::strtoul(head.c_str() + at + 16, nullptr, 10)};
+namespace http = boost::beast::http;
+using ReplyParser = http::response_parser<http::string_body>;
+
+// A parser fed with `text`; it is done when `text` holds a whole reply.
+std::unique_ptr<ReplyParser> parserOf(const std::string& text) {
+    auto parser = std::make_unique<ReplyParser>();
+    parser->eager(true);
+    boost::system::error_code ignored;
+    parser->put(boost::asio::buffer(text), ignored);
+    return parser;
 }
 
 HttpResult parseReply(const std::string& text) {
-    HttpResult result;
-    const auto [headerEnd, length] = messageBounds(text);
-    if (headerEnd == std::string::npos || !text.starts_with("HTTP/1.")) return result;
-    result.status = std::atoi(text.c_str() + 9);
-    std::istringstream lines(text.substr(0, headerEnd));
-    std::string line;
-    std::getline(lines, line);
-    while (std::getline(lines, line)) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        const auto colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        std::string name = line.substr(0, colon);
-        for (auto& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        result.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
-    }
-    result.body = text.substr(headerEnd + 4, length ? *length - headerEnd - 4 : std::string::npos);
-    return result;
+    const auto parser = parserOf(text);
+    if (!parser->is_done()) return {};
+    const auto& reply = parser->get();
+    return {static_cast<int>(reply.result_int()), reply.body(), std::string(reply[http::field::content_type])};
 }
 
 } // namespace
@@ -120,7 +109,7 @@ std::string readMessage(int fd, int timeoutMilliseconds) {
         const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
         if (n <= 0) break;
         text.append(buffer, static_cast<std::size_t>(n));
-        if (const auto length = messageBounds(text).second; length && text.size() >= *length) break;
+        if (parserOf(text)->is_done()) break;
     }
     return text;
 }
@@ -188,17 +177,8 @@ std::string createTestDatabase() {
     };
     static std::atomic<int> counter{0};
     const std::string name = "tavelo_test_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
-    PGconn* connection = PQconnectdb(url("postgres").c_str());
-    if (PQstatus(connection) != CONNECTION_OK) {
-        const std::string message = PQerrorMessage(connection);
-        PQfinish(connection);
-        throw std::runtime_error("cannot reach the test PostgreSQL: " + message);
-    }
-    PGresult* result = PQexec(connection, ("CREATE DATABASE " + name).c_str());
-    const bool created = PQresultStatus(result) == PGRES_COMMAND_OK;
-    PQclear(result);
-    PQfinish(connection);
-    if (!created) throw std::runtime_error("cannot create the test database " + name);
+    const std::string command = "createdb --maintenance-db='" + url("postgres") + "' " + name;
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("cannot create the test database " + name);
     return url(name);
 }
 
@@ -262,10 +242,9 @@ int ServerProcess::wait() {
 }
 
 std::string ServerProcess::ownerKey() const {
-    boost::system::error_code ec;
-    const auto value = boost::json::parse(readFile(ownerFile()), ec);
-    if (ec || !value.is_object() || !value.as_object().contains("connectionKey")) return {};
-    return std::string(value.as_object().at("connectionKey").as_string());
+    const auto owner = jsonObject(readFile(ownerFile()));
+    const auto* key = owner.if_contains("connectionKey");
+    return key && key->is_string() ? std::string(key->as_string()) : std::string();
 }
 
 std::string ServerProcess::log() const { return readFile(home_ + "/server.log"); }
@@ -281,17 +260,39 @@ HttpResult ServerProcess::send(const std::string& method, const std::string& tar
     return httpRequest(port_, method, target, body, headers);
 }
 
-FakeProvider::FakeProvider(Handler handler) : handler_(std::move(handler)) {
-    listener_ = listenOnLoopback(port_);
-    thread_ = std::thread([this] { serve(); });
+struct FakeProvider::Service {
+    boost::asio::io_context context{4};
+    Router router;
+    HttpServer http{context, router, HttpLimits{}, nullptr};
+    std::vector<std::thread> threads;
+};
+
+FakeProvider::FakeProvider(Handler handler) : service_(std::make_unique<Service>()) {
+    service_->router.add("POST", "/v1/chat/completions", [this, handler](const Request& request, const std::string&) {
+        {
+            std::lock_guard lock(mutex_);
+            bodies_.push_back(request.body);
+        }
+        const Reply reply = handler(request.body);
+        std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMilliseconds));
+        return jsonResponse(reply.status, reply.body);
+    });
+    port_ = service_->http.listen("127.0.0.1", 0);
+    service_->http.start();
+    // Several threads, so that a delayed reply does not hold the others.
+    for (int i = 0; i < 4; ++i) service_->threads.emplace_back([this] { service_->context.run(); });
 }
 
 FakeProvider::~FakeProvider() {
-    stopping_ = true;
-    ::shutdown(listener_, SHUT_RDWR);
-    ::close(listener_);
-    thread_.join();
-    while (active_ > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    service_->http.stop();
+    eventually([this] { return service_->http.connectionCount() == 0; });
+    service_->context.stop();
+    for (auto& thread : service_->threads) thread.join();
+}
+
+int FakeProvider::requestCount() const {
+    std::lock_guard lock(mutex_);
+    return static_cast<int>(bodies_.size());
 }
 
 std::vector<std::string> FakeProvider::bodies() const {
@@ -304,36 +305,6 @@ FakeProvider::Reply FakeProvider::completion(const std::string& text) {
     boost::json::object choice{{"index", 0}, {"message", message}, {"finish_reason", "stop"}};
     boost::json::object reply{{"id", "chatcmpl-test"}, {"object", "chat.completion"}, {"choices", boost::json::array{choice}}};
     return Reply{200, boost::json::serialize(reply), 0};
-}
-
-void FakeProvider::serve() {
-    while (!stopping_) {
-        pollfd p{listener_, POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0) continue;
-        const int fd = ::accept(listener_, nullptr, nullptr);
-        if (fd < 0) continue;
-        // Each connection is answered on its own thread so that a delay does
-        // not hold the others.
-        ++active_;
-        std::thread([this, fd] {
-            const std::string text = readMessage(fd, 5000);
-            const auto end = text.find("\r\n\r\n");
-            const std::string body = end == std::string::npos ? std::string() : text.substr(end + 4);
-            {
-                std::lock_guard lock(mutex_);
-                bodies_.push_back(body);
-            }
-            ++requests_;
-            const Reply reply = handler_(body);
-            if (reply.delayMilliseconds > 0) std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMilliseconds));
-            const std::string raw = "HTTP/1.1 " + std::to_string(reply.status) +
-                                    " X\r\nContent-Type: application/json\r\nConnection: close\r\nContent-Length: " +
-                                    std::to_string(reply.body.size()) + "\r\n\r\n" + reply.body;
-            ::send(fd, raw.data(), raw.size(), MSG_NOSIGNAL);
-            ::close(fd);
-            --active_;
-        }).detach();
-    }
 }
 
 } // namespace tavelo::cloud::testing

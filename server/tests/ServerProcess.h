@@ -6,13 +6,13 @@
 
 #include <sys/types.h>
 
-#include <atomic>
+#include <boost/json/object.hpp>
+
 #include <functional>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace tavelo::cloud::testing {
@@ -28,9 +28,8 @@ private:
     std::string path_;
 };
 
+// A loopback port that nothing listens on.
 std::uint16_t freePort();
-// A socket listening on 127.0.0.1 at a free port, which goes to `port`.
-int listenOnLoopback(std::uint16_t& port, int backlog = 64);
 // A connection to 127.0.0.1:`port`, or -1.
 int connectTo(std::uint16_t port);
 // One HTTP message from `fd`: up to the end of its Content-Length body, or
@@ -38,11 +37,13 @@ int connectTo(std::uint16_t port);
 std::string readMessage(int fd, int timeoutMilliseconds);
 // The whole file ("" when it cannot be read).
 std::string readFile(const std::string& path);
+// `text` as a JSON object; an empty one when it is not a JSON object.
+boost::json::object jsonObject(const std::string& text);
 
 struct HttpResult {
     int status = 0; // 0: no reply (connection closed or timed out)
     std::string body;
-    std::map<std::string, std::string> headers; // names in lower case
+    std::string contentType;
 };
 
 // One request on a new connection ("Connection: close").
@@ -88,8 +89,9 @@ private:
     pid_t pid_ = -1;
 };
 
-// An OpenAI-compatible chat-completions stand-in on 127.0.0.1. Each request
-// gets `reply(body)` = (status, body, delay in milliseconds).
+// An OpenAI-compatible chat-completions stand-in on 127.0.0.1, served by the
+// project's own HTTP server. Each request gets `reply(body)` = (status, body,
+// delay in milliseconds); a delay holds only its own connection.
 class FakeProvider {
 public:
     struct Reply {
@@ -102,22 +104,17 @@ public:
     explicit FakeProvider(Handler handler);
     ~FakeProvider();
     std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_) + "/v1"; }
-    int requestCount() const { return requests_; }
+    int requestCount() const;
     std::vector<std::string> bodies() const;
 
     static Reply completion(const std::string& text);
 
 private:
-    void serve();
-    Handler handler_;
-    int listener_ = -1;
+    struct Service;
+    std::unique_ptr<Service> service_;
     std::uint16_t port_ = 0;
-    std::atomic<int> requests_{0};
-    std::atomic<int> active_{0};
-    std::atomic<bool> stopping_{false};
     mutable std::mutex mutex_;
     std::vector<std::string> bodies_;
-    std::thread thread_;
 };
 
 // The PostgreSQL URL pattern of the test cluster ("{db}" stands for the

@@ -53,9 +53,6 @@ TEST(AIScheduleTest, OccurrencesKeepTheScheduleZonesWallClockAndAnchor) {
     const Date at = tokyo(2026, 2, 1, 9);
     const auto once = schedule(at, std::nullopt);
     const auto monthly = schedule(tokyo(2026, 1, 31, 8, 30), EventRecurrence::monthly);
-    const auto weekly = schedule(local("Europe/Berlin", 2001, 1, 1, 7), EventRecurrence::weekly, "Europe/Berlin");
-    // 1 January 2001 and 5 January 2026 are both Mondays.
-    const DateInterval monday{local("Europe/Berlin", 2026, 1, 5), local("Europe/Berlin", 2026, 1, 6)};
     // A week over New York's switch to daylight saving time: 9:00 in Tokyo
     // stays 9:00 in Tokyo, and 9:00 in New York moves in UTC.
     const DateInterval nyWeek{newYork(3, 5), newYork(3, 12)};
@@ -71,7 +68,6 @@ TEST(AIScheduleTest, OccurrencesKeepTheScheduleZonesWallClockAndAnchor) {
         // Months without a 31st fall on their last day; March is back on the 31st.
         {"monthly on the 31st", monthly, {tokyo(2026, 1, 1), tokyo(2026, 5, 1)},
          {tokyo(2026, 1, 31, 8, 30), tokyo(2026, 2, 28, 8, 30), tokyo(2026, 3, 31, 8, 30), tokyo(2026, 4, 30, 8, 30)}},
-        {"weekly, 25 years on", weekly, monday, {local("Europe/Berlin", 2026, 1, 5, 7)}},
     };
     for (const auto& c : cases) EXPECT_EQ(c.schedule.occurrences(c.interval), c.expected) << c.name;
 }

@@ -125,16 +125,6 @@ std::exception_ptr failureOf(QCoro::Task<T>&& task) {
 
 inline QString messageOf(std::exception_ptr failure) { return failure ? localizedDescription(failure) : QString(); }
 
-inline std::optional<CloudError> cloudErrorOf(std::exception_ptr failure) {
-    try {
-        if (failure) std::rethrow_exception(failure);
-    } catch (const CloudError& error) {
-        return error;
-    } catch (...) {
-    }
-    return std::nullopt;
-}
-
 // The bearer of the last request to `path`.
 inline std::optional<QByteArray> bearerAt(const LocalHttpServer& server, const QByteArray& method, const QByteArray& path) {
     return server.last(method, path).header("authorization");

@@ -71,8 +71,6 @@ TEST(AsyncFifoLockTest, ADestroyedLockResumesEveryWaiterWithACancellation) {
 }
 
 TEST(EventLoopSleepTest, LongWaitsNeitherOverflowNorEndEarly) {
-    EXPECT_EQ(detail::sleepStepMilliseconds(0.0015), 2);
-    EXPECT_EQ(detail::sleepStepMilliseconds(-3), 0);
     EXPECT_EQ(detail::sleepStepMilliseconds(std::nan("")), 0);
     EXPECT_EQ(detail::sleepStepMilliseconds(1e10), 24 * 3600 * 1000); // a day at a time
     EXPECT_EQ(detail::sleepStepMilliseconds(3e6), 24 * 3600 * 1000);  // 35 days: more ms than an int holds

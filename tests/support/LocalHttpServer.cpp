@@ -1,9 +1,5 @@
 #include "LocalHttpServer.h"
 
-#include <QElapsedTimer>
-#include <QEventLoop>
-#include <QTimer>
-
 #include <gtest/gtest.h>
 
 namespace tavelo::testing {
@@ -70,18 +66,6 @@ bool LocalHttpServer::answerOldestHeld(const CannedResponse& response) {
         }
     }
     return false;
-}
-
-bool LocalHttpServer::waitUntil(const std::function<bool()>& done, int milliseconds) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > milliseconds) return false;
-        QEventLoop loop;
-        QTimer::singleShot(5, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
 }
 
 void LocalHttpServer::accept() {

@@ -12,6 +12,8 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 
+#include "support/TestWait.h"
+
 #include <functional>
 #include <map>
 #include <optional>
@@ -68,7 +70,9 @@ public:
     bool answerOldestHeld(const CannedResponse& response);
 
     // Runs the event loop until `done` holds or `milliseconds` pass.
-    static bool waitUntil(const std::function<bool()>& done, int milliseconds = 5000);
+    static bool waitUntil(const std::function<bool()>& done, int milliseconds = 5000) {
+        return testing::waitUntil(done, milliseconds);
+    }
 
 private:
     void accept();
