@@ -143,8 +143,11 @@ TEST_F(AICloudStoreTest, ConnectRefusesBadInputBeforeAnyTrafficAndStoresTheTrimm
 TEST_F(AICloudStoreTest, AFailedReplacementKeepsThePreviousSession) {
     auto store = connectedStore();
     int before = 0, after = 0;
+    std::stop_source stopper;
+    bool stopWhileStopping = false;
     store->setBeforeDisconnect([&]() -> QCoro::Task<void> {
         ++before;
+        if (stopWhileStopping) stopper.request_stop();
         co_return;
     });
     store->setAfterDisconnectFailure([&] { ++after; });
@@ -152,9 +155,9 @@ TEST_F(AICloudStoreTest, AFailedReplacementKeepsThePreviousSession) {
     const auto connection = store->connectionID();
     const auto items = secrets->items;
     LocalHttpServer other;
-    auto replace = [&](const char* session) {
+    auto replace = [&](const char* session, std::stop_token stop = {}) {
         other.route("GET", "/v1/session", CannedResponse::json(200, session));
-        return failureOf(store->connectPrivateServer(other.baseUrl(), kOwnerKey));
+        return failureOf(store->connectPrivateServer(other.baseUrl(), kOwnerKey, stop));
     };
     const char* owner = R"({"userID":"owner","kind":"owner"})";
     EXPECT_EQ(messageOf(replace(R"({"userID":"u","kind":"identity"})")), "専用サーバーの認証を確認できませんでした。");
@@ -163,6 +166,11 @@ TEST_F(AICloudStoreTest, AFailedReplacementKeepsThePreviousSession) {
     secrets->saveStatus = SecretStatus::authFailed;
     EXPECT_EQ(messageOf(replace(owner)), "接続キーをキーチェーンに保存できませんでした。");
     EXPECT_EQ(std::pair(before, after), std::pair(1, 1));
+    // Cancelled while the parts are being stopped: they go on with the old session too.
+    secrets->saveStatus.reset();
+    stopWhileStopping = true;
+    EXPECT_TRUE(isCancellation(replace(owner, stopper.get_token())));
+    EXPECT_EQ(std::pair(before, after), std::pair(2, 2));
     EXPECT_EQ(secrets->items, items);
     EXPECT_EQ(store->workspaceID(), workspace);
     EXPECT_EQ(store->connectionID(), connection);
