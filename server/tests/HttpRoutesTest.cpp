@@ -70,7 +70,7 @@ TEST_F(OwnerRoutes, OwnerFileIsPrivateAndTheKeyOpensAnOwnerSession) {
 }
 
 TEST_F(OwnerRoutes, MissingOrWrongCredentialsGetAJSONError) {
-    for (const std::string token : {std::string(), key + "x", std::string("a.b.c")}) {
+    for (const std::string& token : {std::string(), key + "x", std::string("a.b.c")}) {
         const auto reply = server.get("/v1/state", token);
         EXPECT_EQ(reply.status, 401) << token;
         EXPECT_FALSE(field(reply.body, "error").empty());

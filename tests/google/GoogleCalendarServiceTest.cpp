@@ -228,8 +228,9 @@ TEST_F(GoogleCalendarServiceTest, StaleSaveFromTheApplicationKeepsGooglesState) 
     EXPECT_EQ(event->googleETag, newETag);
     EXPECT_EQ(event->title, "Changed at Google");
     EXPECT_TRUE(event->isCompleted);
-    for (const auto& calendar : stored.calendars)
+    for (const auto& calendar : stored.calendars) {
         if (calendar.googleCalendarID == kFamily) EXPECT_FALSE(calendar.isVisible);
+    }
     EXPECT_FALSE(stored.googleSyncStates.empty());
 }
 
