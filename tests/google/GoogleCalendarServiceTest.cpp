@@ -228,9 +228,8 @@ TEST_F(GoogleCalendarServiceTest, StaleSaveFromTheApplicationKeepsGooglesState) 
     EXPECT_EQ(event->googleETag, newETag);
     EXPECT_EQ(event->title, "Changed at Google");
     EXPECT_TRUE(event->isCompleted);
-    for (const auto& calendar : stored.calendars) {
-        if (calendar.googleCalendarID == kFamily) EXPECT_FALSE(calendar.isVisible);
-    }
+    for (const auto& calendar : stored.calendars)
+        EXPECT_FALSE(calendar.googleCalendarID == kFamily && calendar.isVisible) << "the family calendar stays hidden";
     EXPECT_FALSE(stored.googleSyncStates.empty());
 }
 
