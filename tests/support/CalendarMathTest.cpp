@@ -42,6 +42,7 @@ TEST(CalendarMathTest, MonthGridsHaveSixSundayFirstWeeksHoldingTheMonth) {
 TEST(CalendarMathTest, WeeksStartOnSundayWhateverTheLocale) {
     const DateCalendar berlin("Europe/Berlin", "de_DE");
     const DateCalendar newYork("America/New_York", "en_US", 2);
+    const DateCalendar santiago("America/Santiago", "es_CL");
     const std::tuple<const DateCalendar*, Date, Date> cases[] = {
         // Wednesday 7 January 2026 -> Sunday 4 January.
         {&berlin, *berlin.date(2026, 1, 7, 12), *berlin.date(2026, 1, 4)},
@@ -49,6 +50,9 @@ TEST(CalendarMathTest, WeeksStartOnSundayWhateverTheLocale) {
         {&berlin, *berlin.date(2026, 1, 10, 23, 59, 59), *berlin.date(2026, 1, 4)},
         // The week that springs forward in New York has a 23-hour Sunday.
         {&newYork, *newYork.date(2026, 3, 11, 9), *newYork.date(2026, 3, 8)},
+        // Santiago's Sunday 6 September 2026 has no midnight and begins at
+        // 01:00; the days after it still begin at their own midnight.
+        {&santiago, *santiago.date(2026, 9, 9, 12), santiago.startOfDay(*santiago.date(2026, 9, 6, 12))},
     };
     for (const auto& [calendar, date, first] : cases) {
         SCOPED_TRACE(date.isoString());
