@@ -8,6 +8,7 @@
 
 #include "google/GoogleAccessTokenProvider.h"
 #include "google/GoogleCalendarAPIClient.h"
+#include "google/FixedTokenProvider.h"
 #include "google/GoogleCalendarStandIn.h"
 #include "services/GoogleCalendarService.h"
 #include "services/LocalCalendarService.h"
@@ -36,18 +37,6 @@ namespace {
 const QString kAlice = QStringLiteral("alice@example.com");
 const QString kFamily = QStringLiteral("family@group.calendar.google.com");
 const QString kBob = QStringLiteral("bob@work.example");
-
-class FixedTokens final : public GoogleAccessTokenProviding {
-public:
-    explicit FixedTokens(QString token) : token_(std::move(token)) {}
-    QCoro::Task<QString> accessToken(std::optional<QString>, std::stop_token) override {
-        QString token = token_;
-        co_return token;
-    }
-
-private:
-    QString token_;
-};
 
 double seconds(clockid_t clock) {
     timespec t{};
@@ -97,7 +86,7 @@ struct MutationWorld {
         f.disconnectGoogleIdentity = [](QString) -> QCoro::Task<void> { co_return; };
         f.makeAPIClient = [this](const QString& subject) {
             const bool isAlice = subject == QLatin1String("sub-alice");
-            return GoogleCalendarAPIClient(std::make_shared<FixedTokens>(isAlice ? "alice-token" : "bob-token"), transport,
+            return GoogleCalendarAPIClient(std::make_shared<FixedTokenProvider>(isAlice ? "alice-token" : "bob-token"), transport,
                                            eventLoopSleep(), [] { return 0.5; }, isAlice ? aliceURL : bobURL);
         };
         service = std::make_shared<GoogleCalendarService>(
